@@ -1,0 +1,22 @@
+# What every target of this project is compiled with; nothing here reaches a
+# project that links assistant_core.
+function(assistant_compile_options target)
+    target_compile_features(${target} PRIVATE cxx_std_17)
+    set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
+    target_compile_options(${target} PRIVATE
+        -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
+        -Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align
+        -Wformat=2 -Wunused -Wnull-dereference)
+    if(UPDATE_ASSISTANT_WERROR)
+        target_compile_options(${target} PRIVATE -Werror)
+    endif()
+    target_compile_definitions(${target} PRIVATE
+        QT_NO_CAST_FROM_ASCII QT_NO_CAST_TO_ASCII QT_NO_URL_CAST_FROM_STRING
+        QT_NO_FOREACH _FILE_OFFSET_BITS=64)
+    if(UPDATE_ASSISTANT_SANITIZE)
+        set(sanitizers -fsanitize=address,undefined -fno-sanitize-recover=all
+            -fno-omit-frame-pointer)
+        target_compile_options(${target} PRIVATE ${sanitizers})
+        target_link_options(${target} PRIVATE ${sanitizers})
+    endif()
+endfunction()

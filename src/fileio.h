@@ -1,0 +1,224 @@
+#ifndef FILEIO_H
+#define FILEIO_H
+
+#include "protocol.h"
+
+#include <QObject>
+#include <QQmlParserStatus>
+#include <QString>
+#include <QStringList>
+#include <QUrl>
+
+class QNetworkReply;
+class QSaveFile;
+class SerialPort;
+
+/// The bridge between the update screen and the machine: QML reaches it as the context property
+/// "fileIO". It lives in the GUI thread and everything runs there, blocking, except `exe2`.
+///
+///   construction, flags           fileio.cpp
+///   download                      fileio_download.cpp
+///   blocking HTTP requests        fileio_http.cpp
+///   files and packages            fileio_files.cpp
+///   shell commands                fileio_shell.cpp
+///   kernel build date             fileio_kernel.cpp
+///   control board                 fileio_board.cpp
+///   machine protocol              fileio_protocol.cpp
+///
+/// The order of properties, signals, slots and invokables is the contract with QML: a script may
+/// hold their indices. tst_metaobject pins it.
+class FileIO : public QObject, public QQmlParserStatus {
+    Q_OBJECT
+    Q_INTERFACES(QQmlParserStatus)
+
+    Q_PROPERTY(QUrl url READ url WRITE setUrl NOTIFY urlChanged)
+    Q_PROPERTY(bool running READ running WRITE setRunning NOTIFY runningChanged)
+    Q_PROPERTY(double progress READ progress NOTIFY progressChanged)
+    Q_PROPERTY(QUrl destination READ destination WRITE setDestination NOTIFY destinationChanged)
+    Q_PROPERTY(bool followRedirects READ followRedirects WRITE setFollowRedirects NOTIFY
+                   followRedirectsChanged)
+    Q_PROPERTY(bool overwrite READ overwrite WRITE setOverwrite NOTIFY overwriteChanged)
+    Q_PROPERTY(bool isNewKernel READ isNewKernel NOTIFY isNewKernelChanged)
+    Q_PROPERTY(QString kernelData READ readKernelData NOTIFY kernelDataChanged)
+
+public:
+    /// Codes of the signal error().
+    enum Error {
+        ErrorUnknown = 0,
+        ErrorUrl = 1,
+        ErrorDestination = 2,
+        ErrorNetwork = 3,
+    };
+    Q_ENUM(Error)
+
+    explicit FileIO(QObject *parent = nullptr);
+    /// Aborts a running transfer, discards its partial file and closes the serial line.
+    ~FileIO() override;
+
+    // Parser status: called by the engine only for an object that the engine itself makes.
+
+    void classBegin() override;
+    /// Allows downloads, and starts one if `running` was set before.
+    void componentComplete() override;
+
+    // Download - fileio_download.cpp
+
+    QUrl url() const;
+    void setUrl(const QUrl &url);
+    bool running() const;
+    /// Starts or stops the transfer on a change; runningChanged() comes last.
+    void setRunning(bool running);
+    /// Bytes received divided by bytes expected; not a fraction where the total is unknown.
+    double progress() const;
+    void setProgress(double progress);
+    QUrl destination() const;
+    void setDestination(const QUrl &destination);
+    bool followRedirects() const;
+    void setFollowRedirects(bool followRedirects);
+    bool overwrite() const;
+    void setOverwrite(bool overwrite);
+    /// Disconnects the reply and leaves it to the event loop to delete; it is not aborted.
+    void shutdownNetworkReply();
+    /// Commits the save file, unless its writing was cancelled, and deletes it.
+    void shutdownSaveFile();
+
+    // Kernel build date - fileio_kernel.cpp
+
+    /// Whether the text that the last readKernelData() stored is the reference build's.
+    bool isNewKernel() const;
+    /// The running kernel's build date, "2021-09-16 19:25:17", or "Invalid".
+    QString readKernelData();
+    /// Stores the date of a build stamp such as "Thu Sep 16 19:25:17 CST 2021"; not null.
+    void ConvKernelCompileDate(char *stamp);
+
+    // Shell commands - fileio_shell.cpp
+
+    /// The worker's body: runs `cmd` and emits threadExeFinish() from the calling thread.
+    void exe2(QString cmd, int index);
+
+    // Control board - fileio_board.cpp
+
+    /// Writes `length` bytes, waits 25 ms and reads an answer of up to 64 bytes into `reply`.
+    /// Returns the port's read count: 0 without an answer, -1 on a closed port.
+    int serialIoctl(unsigned char *command, unsigned char length, unsigned char *reply);
+
+    // Machine protocol - fileio_protocol.cpp
+
+    void initProtocolV3();
+    void initProtocolV4();
+
+    // State, for native callers.
+
+    /// The line to the control board; owned by this object, never null.
+    SerialPort *serialPort() const;
+    const Protocol &protocolV3() const;
+    const Protocol &protocolV4() const;
+    const FrameRecordV3 &frameRecordV3() const;
+    const FrameRecordV4 &frameRecordV4() const;
+    /// A `FrameStatus`, or 0 before the first frame.
+    int frameStatus() const;
+    QString mcuVersion() const;
+    QString localVersion() const;
+
+signals:
+    void urlChanged();
+    void cancelChanged(); ///< never emitted
+    void runningChanged();
+    void progressChanged();
+    void destinationChanged();
+    void followRedirectsChanged();
+    void overwriteChanged();
+    void started();
+    void finished();
+    void redirected(QUrl redirectUrl);
+    /// Kilobytes of 1000 bytes.
+    void update(int kiloBytesReceived, int kiloBytesTotal);
+    /// `errorCode` is an `Error`.
+    void error(int errorCode, QString errorString);
+    void networkAccessManagerChanged(); ///< never emitted
+    void isNewKernelChanged();          ///< never emitted
+    void kernelDataChanged();           ///< never emitted
+    /// `result` is the raw wait status, -1 when no shell could be started. Comes from the worker's
+    /// thread.
+    void threadExeFinish(int result, int index);
+
+public slots:
+    void start(QUrl url);
+    void start();
+    void stop();
+
+private slots:
+    void onReadyReadReply();
+    void onReadyRead();
+    void onFinished();
+    void onDownloadProgress(qint64 bytesReceived, qint64 bytesTotal);
+
+public:
+    Q_INVOKABLE QString httpGet(QString url);
+    Q_INVOKABLE QString httpPost(QString url, QString data);
+
+    /// MD5 of the joined strings, 32 lower-case hexadecimal digits. Up to 255 strings; with more
+    /// it never returns.
+    Q_INVOKABLE QString md5(QStringList);
+    /// What `ls` prints for the shell pattern `dir`, a line an entry; lines over 199 characters
+    /// make several. Empty when nothing matches or no shell could be started.
+    Q_INVOKABLE QStringList getIpkList(QString dir);
+    Q_INVOKABLE bool exists(QString file) const;
+    /// Replaces `dest_file` by a copy of `src_file`. A failed copy leaves no file there.
+    Q_INVOKABLE bool copy(QString dest_file, QString src_file) const;
+
+    /// Runs `cmd` with the shell, however long it takes. Returns the raw wait status (the exit
+    /// code times 256, or the signal), -1 when no shell could be started.
+    Q_INVOKABLE int exe(QString cmd) const;
+    /// Runs `cmd` on a detached thread of its own; threadExeFinish() tells the outcome.
+    Q_INVOKABLE void threadExe(QString cmd, int index);
+
+    /// Tells the board to enter its boot loader. Returns 0 when it agreed, -1 without an answer,
+    /// -2 for a malformed one, -3 for one with a wrong sum.
+    Q_INVOKABLE int startMcuSoftwareUpdate();
+    /// Sends the firmware to the board's boot loader. Returns 0 when the board said anything at
+    /// all, -1 when it did not or there is no firmware. Takes about a second a frame.
+    Q_INVOKABLE int updateMcu();
+    /// The board's version text, empty when the line cannot be opened. Waits for ever for a board
+    /// that is silent.
+    Q_INVOKABLE QString getMcuVersion();
+    /// Full paths of the firmware images on the machine.
+    Q_INVOKABLE QStringList getMcuBin();
+    Q_INVOKABLE void closeSerial();
+
+private:
+    void openBoardLine();
+
+    // Download
+    QUrl m_url;
+    bool m_running = false;
+    double m_progress = 0.0;
+    QUrl m_destination;
+    bool m_followRedirects = false;
+    bool m_overwrite = true;
+
+    // Kernel build date
+    QString m_kernelDate;
+
+    // Download, blocking requests
+    QNetworkReply *m_reply = nullptr;        // released with deleteLater()
+    QString m_replyText = QLatin1String(""); // empty, not null
+    QSaveFile *m_saveFile = nullptr;         // owned
+
+    // Control board
+    SerialPort *m_serialPort; // owned
+
+    bool m_complete = false;
+    QStringList m_spareList; // reserved
+
+    // Machine protocol
+    QString m_mcuVersion;
+    QString m_localVersion;
+    Protocol m_protocolV3 = protocolDefaults();
+    Protocol m_protocolV4 = protocolDefaults();
+    FrameRecordV3 m_frameRecordV3 = {};
+    FrameRecordV4 m_frameRecordV4 = {};
+    int m_frameStatus = 0;
+};
+
+#endif // FILEIO_H
