@@ -2,9 +2,6 @@
 
 #include "serialport.h"
 
-#include <QNetworkReply>
-#include <QSaveFile>
-
 FileIO::FileIO(QObject *parent)
     : QObject(parent)
     , m_serialPort(new SerialPort)
@@ -15,13 +12,7 @@ FileIO::FileIO(QObject *parent)
 
 FileIO::~FileIO()
 {
-    // Aborting runs onFinished(), which may release both members.
-    if (m_reply && m_reply->isRunning())
-        m_reply->abort();
-    shutdownNetworkReply();
-    if (m_saveFile)
-        m_saveFile->cancelWriting();
-    shutdownSaveFile();
+    discardTransfer();
     delete m_serialPort;
 }
 

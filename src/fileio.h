@@ -3,13 +3,14 @@
 
 #include "protocol.h"
 
+#include <QNetworkReply>
 #include <QObject>
+#include <QPointer>
 #include <QQmlParserStatus>
 #include <QString>
 #include <QStringList>
 #include <QUrl>
 
-class QNetworkReply;
 class QSaveFile;
 class SerialPort;
 
@@ -23,7 +24,9 @@ class SerialPort;
 ///   shell commands                fileio_shell.cpp
 ///   kernel build date             fileio_kernel.cpp
 ///   control board                 fileio_board.cpp
+///   boot-loader commands          fileio_bootloader.cpp
 ///   machine protocol              fileio_protocol.cpp
+///   handshake                     fileio_handshake.cpp
 ///
 /// The order of properties, signals, slots and invokables is the contract with QML: a script may
 /// hold their indices. tst_metaobject pins it.
@@ -82,6 +85,11 @@ public:
     /// Commits the save file, unless its writing was cancelled, and deletes it.
     void shutdownSaveFile();
 
+    // Blocking HTTP requests - fileio_http.cpp
+
+    /// Processes events for `ms` milliseconds by the wall clock; ends early across midnight.
+    void delay_ms(int ms);
+
     // Kernel build date - fileio_kernel.cpp
 
     /// Whether the text that the last readKernelData() stored is the reference build's.
@@ -102,10 +110,55 @@ public:
     /// Returns the port's read count: 0 without an answer, -1 on a closed port.
     int serialIoctl(unsigned char *command, unsigned char length, unsigned char *reply);
 
+    // Boot-loader commands - fileio_bootloader.cpp
+
+    /// Connects to the board's boot loader and reads its device id and configuration, on the open
+    /// line. Returns 1 when it answered every packet, -1 otherwise; takes up to 13 s.
+    int sendCmdFromConnect2Config();
+
     // Machine protocol - fileio_protocol.cpp
 
     void initProtocolV3();
     void initProtocolV4();
+
+    /// Copies `param` to its place in `buf`, which holds a frame. Nothing else is written. Returns
+    /// the status of the last frame.
+    int setMachineParam(MachineParam param, unsigned char *buf, Protocol protocol);
+    /// Checks head, length and foot of the frame in `buf` and writes its checksum. Returns FRAME_OK
+    /// or, with `buf` untouched, FRAME_BAD. `buf` holds as many bytes as its length byte says.
+    int setCrc(unsigned char *buf, Protocol protocol);
+
+    /// Checks the received frame in `buf` and takes it into the version's record. Returns a
+    /// `FrameStatus`. FRAME_BAD leaves the record alone; FRAME_SUM_BAD has replaced its head,
+    /// length and foot. A length byte beyond `frame_max_len` is FRAME_BAD, so that no more than
+    /// that is ever read; `buf` holds as many bytes as its length byte says up to there.
+    int analyzeV3(unsigned char *buf, Protocol protocol);
+    int analyzeV4(unsigned char *buf, Protocol protocol);
+
+    /// Copies as many bytes as the version's last frame had from `src` to `dst`; returns the count.
+    unsigned getSourceFrameBufV3(unsigned char *dst, unsigned char *src) const;
+    unsigned getSourceFrameBufV4(unsigned char *dst, unsigned char *src) const;
+
+    /// Copies the parameters of the version's last frame to `out`, up to 80 bytes in V3 and 166 in
+    /// V4; returns the count.
+    unsigned getParamV3(unsigned char *out, Protocol protocol) const;
+    unsigned getParamV4(unsigned char *out, Protocol protocol) const;
+
+    // Handshake - fileio_handshake.cpp (the spelling is interface and kept)
+
+    /// One request to the board's application and its answer, on the open line. Returns the port's
+    /// read count, or -1 when the frame judged at the end is bad. `mcuVersion` takes the version
+    /// text on success.
+    int handsharkeV3();
+    int handsharkeV4();
+    /// Writes `len` bytes and reads up to 100 into `rx`. The wait is accepted and ignored. Returns
+    /// the port's read count.
+    int serialIoctl(unsigned char *tx, unsigned char len, unsigned char *rx, int wait);
+    /// Collects a block of 64 bytes into `buf`, which holds 128: what would pass its end is counted
+    /// and dropped. Returns the total counted when it is exactly 64, or after about 1 ms of
+    /// processor time. A failed wait counts as -1, a failed read as 65535.
+    int RcvData(unsigned char *buf);
+    void setLocalVersion(QString version);
 
     // State, for native callers.
 
@@ -154,6 +207,9 @@ private slots:
     void onDownloadProgress(qint64 bytesReceived, qint64 bytesTotal);
 
 public:
+    /// Sends the request and waits up to about 0.9 s, with the event loop turning, for the first
+    /// piece of the answer's body. Returns the piece read last (UTF-8, up to its first NUL), or
+    /// an empty text without one or while `running` is true.
     Q_INVOKABLE QString httpGet(QString url);
     Q_INVOKABLE QString httpPost(QString url, QString data);
 
@@ -187,7 +243,14 @@ public:
     Q_INVOKABLE void closeSerial();
 
 private:
+    bool openSaveFile(const QString &path);
+    void cancelSaveFile();
+    void discardSaveFile();
+    void discardTransfer();
+    QString awaitReplyText(QNetworkReply *reply);
     void openBoardLine();
+    bool concludeHandshake() const;
+    void takeVersion(const unsigned char *params, unsigned count);
 
     // Download
     QUrl m_url;
@@ -201,7 +264,7 @@ private:
     QString m_kernelDate;
 
     // Download, blocking requests
-    QNetworkReply *m_reply = nullptr;        // released with deleteLater()
+    QPointer<QNetworkReply> m_reply;         // released with deleteLater()
     QString m_replyText = QLatin1String(""); // empty, not null
     QSaveFile *m_saveFile = nullptr;         // owned
 

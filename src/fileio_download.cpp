@@ -1,11 +1,28 @@
 #include "fileio.h"
 
-#include <QNetworkReply>
-#include <QSaveFile>
+#include "quickdownloadmaster.h"
 
-#include <cstdio>
+#include <QFile>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QSaveFile>
+#include <QVariant>
 
 namespace {
+
+constexpr qint64 kBytesPerKilobyte = 1000; // not 1024: scripts show decimal kilobytes
+
+struct ReplyConnection {
+    const char *signal;
+    const char *slot;
+};
+
+const ReplyConnection kReplyConnections[] = {
+    {SIGNAL(readyRead()), SLOT(onReadyRead())},
+    {SIGNAL(downloadProgress(qint64, qint64)), SLOT(onDownloadProgress(qint64, qint64))},
+    {SIGNAL(finished()), SLOT(onFinished())},
+};
 
 QString localPath(const QUrl &url)
 {
@@ -37,17 +54,10 @@ void FileIO::setRunning(bool running)
     if (running == m_running)
         return;
     m_running = running;
-    if (running) {
+    if (running)
         start();
-    } else {
-        // Aborting runs onFinished(), which may release both members.
-        if (m_reply && m_reply->isRunning())
-            m_reply->abort();
-        shutdownNetworkReply();
-        if (m_saveFile)
-            m_saveFile->cancelWriting();
-        shutdownSaveFile();
-    }
+    else
+        discardTransfer();
     emit runningChanged();
 }
 
@@ -108,8 +118,39 @@ void FileIO::setOverwrite(bool overwrite)
 
 void FileIO::start(QUrl url)
 {
-    Q_UNUSED(url)
-    std::printf("[info]: start is not built yet.\n");
+    // Deliberate: only an object that the engine itself makes is ever complete, so in this program
+    // downloads never begin. (tst_download::incompleteObjectNeverStarts)
+    if (!m_complete)
+        return;
+    if (url.isEmpty()) {
+        emit error(ErrorUrl, QStringLiteral("Url is empty"));
+        return;
+    }
+    if (m_destination.isEmpty()) {
+        emit error(ErrorDestination, QStringLiteral("Destination is empty"));
+        return;
+    }
+    setUrl(url);
+
+    const QString path = localPath(m_destination);
+    if (!m_overwrite && QFile::exists(path)) {
+        emit error(ErrorDestination,
+                   QStringLiteral("Overwriting not allowed for destination file \"%1\"").arg(path));
+        return;
+    }
+    if (!openSaveFile(path))
+        return;
+
+    shutdownNetworkReply();
+    m_reply = QuickDownloadMaster::instance()->networkAccessManager()->get(QNetworkRequest(m_url));
+    for (const ReplyConnection &connection : kReplyConnections)
+        connect(m_reply, connection.signal, connection.slot);
+
+    setProgress(0.0);
+    // Deliberate: from the stopped state this calls start() once more, which replaces the file and
+    // the request made above; scripts see started() twice. (tst_download::startFromIdleRunsTwice)
+    setRunning(true);
+    emit started();
 }
 
 void FileIO::start()
@@ -124,28 +165,77 @@ void FileIO::stop()
 
 void FileIO::onReadyRead()
 {
-    std::printf("[info]: onReadyRead is not built yet.\n");
-}
-
-void FileIO::onFinished()
-{
-    std::printf("[info]: onFinished is not built yet.\n");
+    if (m_saveFile && m_reply)
+        m_saveFile->write(m_reply->readAll());
 }
 
 void FileIO::onDownloadProgress(qint64 bytesReceived, qint64 bytesTotal)
 {
-    Q_UNUSED(bytesReceived)
-    Q_UNUSED(bytesTotal)
-    std::printf("[info]: onDownloadProgress is not built yet.\n");
+    if (!m_running)
+        return;
+    emit update(static_cast<int>(bytesReceived / kBytesPerKilobyte),
+                static_cast<int>(bytesTotal / kBytesPerKilobyte));
+    // Deliberate: unguarded, so an unknown total (-1) makes it negative and 0 makes it no number.
+    // (tst_download::unknownTotalMakesProgressNegative)
+    setProgress(static_cast<double>(bytesReceived) / static_cast<double>(bytesTotal));
+}
+
+void FileIO::onFinished()
+{
+    // Handlers of the signals below may start the next transfer: what they made is not ours.
+    const QPointer<QNetworkReply> endedReply = m_reply;
+    const QPointer<QSaveFile> endedFile = m_saveFile;
+
+    if (!m_running)
+        cancelSaveFile();
+    if (!m_reply) {
+        emit error(ErrorNetwork, QStringLiteral("Network reply was deleted"));
+        if (m_saveFile == endedFile)
+            discardSaveFile();
+        return;
+    }
+
+    const QVariant redirect = m_reply->attribute(QNetworkRequest::RedirectionTargetAttribute);
+    if (m_reply->error() != QNetworkReply::NoError) {
+        cancelSaveFile();
+        emit error(ErrorNetwork, m_reply->errorString());
+    } else if (!redirect.isNull()) {
+        const QUrl target = m_url.resolved(redirect.toUrl());
+        emit redirected(target);
+        if (m_followRedirects) {
+            start(target);
+            return;
+        }
+        // Deliberate: not cancelled, so the release below commits the redirect's own body.
+        // (tst_download::refusedRedirectCommitsItsBody)
+        emit error(ErrorNetwork, QStringLiteral("Re-directs not allowed"));
+    } else if (m_saveFile && m_saveFile->commit()) {
+        shutdownSaveFile();
+        setProgress(1.0);
+        setRunning(false);
+        emit finished();
+        return;
+    } else {
+        cancelSaveFile();
+        emit error(ErrorDestination,
+                   QStringLiteral("Error while writing \"%1\"").arg(localPath(m_destination)));
+    }
+    // Deliberate: `running` stays true after a failure; the script sets it false.
+    // (tst_download::runningStaysTrueAfterAFailure)
+    if (m_reply == endedReply)
+        shutdownNetworkReply();
+    if (m_saveFile == endedFile)
+        shutdownSaveFile();
 }
 
 void FileIO::shutdownNetworkReply()
 {
     if (!m_reply)
         return;
-    m_reply->disconnect(this);
+    for (const ReplyConnection &connection : kReplyConnections)
+        disconnect(m_reply, connection.signal, this, connection.slot);
     m_reply->deleteLater();
-    m_reply = nullptr;
+    m_reply.clear();
 }
 
 void FileIO::shutdownSaveFile()
@@ -155,4 +245,43 @@ void FileIO::shutdownSaveFile()
     m_saveFile->commit();
     delete m_saveFile;
     m_saveFile = nullptr;
+}
+
+bool FileIO::openSaveFile(const QString &path)
+{
+    discardSaveFile();
+    m_saveFile = new QSaveFile(path);
+    if (m_saveFile->open(QIODevice::WriteOnly))
+        return true;
+    const QPointer<QSaveFile> failedFile = m_saveFile;
+    emit error(ErrorDestination, m_saveFile->errorString());
+    if (m_saveFile == failedFile)
+        discardSaveFile();
+    return false;
+}
+
+void FileIO::cancelSaveFile()
+{
+    if (m_saveFile)
+        m_saveFile->cancelWriting();
+}
+
+void FileIO::discardSaveFile()
+{
+    cancelSaveFile();
+    shutdownSaveFile();
+}
+
+void FileIO::discardTransfer()
+{
+    const QPointer<QNetworkReply> reply = m_reply;
+    const QPointer<QSaveFile> file = m_saveFile;
+    // Aborting runs onFinished(), which releases both; a handler of its error() may already have
+    // started the next transfer.
+    if (reply && reply->isRunning())
+        reply->abort();
+    if (m_reply == reply)
+        shutdownNetworkReply();
+    if (m_saveFile == file)
+        discardSaveFile();
 }

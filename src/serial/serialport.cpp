@@ -171,7 +171,9 @@ int SerialPort::read_uart_port(unsigned char *buffer, unsigned length, timeval *
 {
     const int ready = waitReadable(m_fd, wait);
     if (ready < 0) {
+        const int cause = errno;
         std::perror("select error!!");
+        errno = cause; // the caller prints it again
         return ready;
     }
     std::uint16_t count = 0;

@@ -1,0 +1,180 @@
+#include "fileio.h"
+
+#include "serialport.h"
+
+#include <QDebug>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <sys/time.h>
+
+namespace {
+
+constexpr int kFrameMaxV3 = 111;
+constexpr int kFrameMaxV4 = 200;
+constexpr std::uint8_t kHandshakeCommand = 15;
+constexpr int kAnswerMax = 100; // a longer answer cannot be received whole
+
+constexpr unsigned kBlockSize = 64;
+constexpr int kBlockCapacity = 128;        // of the caller's buffer
+constexpr clock_t kBlockClockTicks = 1000; // processor time, not milliseconds
+
+constexpr unsigned kVersionParams = 50; // parameter bytes in which the version is looked for
+
+void printBytes(const char *label, const unsigned char *bytes, int count)
+{
+    for (int i = 0; i < count; ++i)
+        qDebug() << label << i << "]:" << int(bytes[i]);
+}
+
+using Analyzer = int (FileIO::*)(unsigned char *, Protocol);
+
+/// Fills the request in step by step and checks it after each, as the traces are read; the last
+/// check decides nothing. `checkpoint(n)` is called after the n-th check, 1 to 8.
+template <typename Checkpoint>
+void buildRequest(FileIO &io, unsigned char *frame, const Protocol &protocol, Analyzer analyze,
+                  Checkpoint checkpoint)
+{
+    int number = 0;
+    const auto check = [&] {
+        io.setCrc(frame, protocol);
+        checkpoint(++number);
+        (io.*analyze)(frame, protocol);
+        checkpoint(++number);
+    };
+
+    const auto length = static_cast<std::uint8_t>(protocol.frame_min_len + protocol.param_len);
+    frame[protocol.head_offset] = protocol.frame_head;
+    frame[protocol.len_offset] = length;
+    frame[protocol.cmd_offset] = kHandshakeCommand;
+    frame[length - 1] = protocol.frame_foot;
+    check();
+    frame[protocol.arg_offset] = 0;
+    check();
+    frame[protocol.opt1_offset] = 0;
+    check();
+    io.setMachineParam(MachineParam{}, frame, protocol);
+    check();
+}
+
+/// The text behind the first underscore of the parameters, up to its terminating zero.
+QString versionText(const unsigned char *params, unsigned count)
+{
+    // Two zero bytes more than are looked at, so that a text without a zero byte ends, and what
+    // lies one behind its end is empty.
+    char text[kVersionParams + 2] = {};
+    std::memcpy(text, params, std::min(count, kVersionParams));
+    const char *const end = text + std::strlen(text);
+    // Deliberate: without an underscore it starts behind the terminating zero, which is the empty
+    // text unless the parameters go on there. (tst_handshake::textWithoutUnderscoreIsEmpty)
+    return QString::fromLatin1(std::find(static_cast<const char *>(text), end, '_') + 1);
+}
+
+} // namespace
+
+int FileIO::handsharkeV3()
+{
+    const Protocol &protocol = m_protocolV3;
+    unsigned char frame[kFrameMaxV3] = {};
+    unsigned char sent[kFrameMaxV3] = {};
+    unsigned char received[kFrameMaxV3] = {};
+    const auto printStatus = [this](int checkpoint) {
+        qDebug("m_frame_state %d : %d", checkpoint, m_frameStatus);
+    };
+
+    buildRequest(*this, frame, protocol, &FileIO::analyzeV3, printStatus);
+    const unsigned length = getSourceFrameBufV3(sent, frame);
+    printBytes("tx_buf[", sent, protocol.frame_max_len);
+    const int count =
+        serialIoctl(sent, static_cast<unsigned char>(length), received, protocol.frame_max_len);
+    qDebug() << "serialIoctl len:" << count;
+    // Deliberate: shown and judged is the frame that was sent; the answer is never looked at.
+    // (tst_handshake::v3JudgesItsOwnRequest)
+    printBytes("rx_buf[", frame, protocol.frame_max_len);
+    analyzeV3(frame, protocol);
+    printStatus(9);
+
+    if (!concludeHandshake())
+        return -1;
+    unsigned char params[sizeof m_frameRecordV3.params];
+    takeVersion(params, getParamV3(params, protocol));
+    return count;
+}
+
+int FileIO::handsharkeV4()
+{
+    const Protocol &protocol = m_protocolV4;
+    unsigned char frame[kFrameMaxV4] = {};
+    unsigned char sent[kFrameMaxV4] = {};
+    unsigned char received[kFrameMaxV4] = {};
+
+    buildRequest(*this, frame, protocol, &FileIO::analyzeV4, [](int) {});
+    const unsigned length = getSourceFrameBufV4(sent, frame);
+    const int count =
+        serialIoctl(sent, static_cast<unsigned char>(length), received, protocol.frame_max_len);
+    qDebug() << "serialIoctl len:" << count;
+    std::memcpy(frame, received, sizeof frame);
+    for (int i = 0; i < count; ++i)
+        std::printf("handsharkeV4():rx_buf[%d]=%x\n", i, static_cast<unsigned>(frame[i]));
+    analyzeV4(frame, protocol);
+
+    if (!concludeHandshake())
+        return -1;
+    unsigned char params[sizeof m_frameRecordV4.params];
+    takeVersion(params, getParamV4(params, protocol));
+    return count;
+}
+
+bool FileIO::concludeHandshake() const
+{
+    const bool good = m_frameStatus == FRAME_OK;
+    std::puts(good ? "handsharke: FRAME_OK" : "handsharke: FRAME_BAD");
+    return good;
+}
+
+void FileIO::takeVersion(const unsigned char *params, unsigned count)
+{
+    m_mcuVersion = versionText(params, count);
+    qDebug() << "mcuVersion:" << m_mcuVersion;
+    qDebug() << "is K7QX:" << (m_mcuVersion.contains(QLatin1String("K7QX")) ? "true" : "false");
+}
+
+int FileIO::serialIoctl(unsigned char *tx, unsigned char len, unsigned char *rx, int /*wait*/)
+{
+    m_serialPort->Write(tx, len);
+    return m_serialPort->Read(rx, kAnswerMax);
+}
+
+int FileIO::RcvData(unsigned char *buf)
+{
+    unsigned char dropped[kBlockSize];
+    int total = 0;
+    const clock_t start = clock();
+    // Deliberate: set once; what select() leaves in it is all that later reads wait.
+    // (tst_rcvdata::waitCarriesOver)
+    timeval wait{1, 100000};
+    for (;;) {
+        const bool fits = total >= 0 && total <= kBlockCapacity - static_cast<int>(kBlockSize);
+        // Deliberate: always asks for a whole block, so only pieces that add up to exactly 64 end
+        // early. (tst_rcvdata::passing64RunsIntoTheTimeOut)
+        const int count =
+            m_serialPort->read_uart_port(fits ? buf + total : dropped, kBlockSize, &wait);
+        total += count;
+        if (count < 0)
+            std::printf("read failed! (%s)\n", std::strerror(errno));
+        if (total == static_cast<int>(kBlockSize))
+            return total;
+        if (clock() - start > kBlockClockTicks) {
+            std::printf("Time out:line = %d\n\r", 232);
+            return total;
+        }
+    }
+}
+
+void FileIO::setLocalVersion(QString version)
+{
+    m_localVersion = version;
+}
