@@ -69,7 +69,7 @@ Window {
         ipkList = fileIO.getIpkList("/tmp/ota/*.ipk");
         // Deliberate: unguarded. With nothing staged the command names "undefined", the package
         // manager fails, and that shows the red texts.
-        // (tst_main::test_failedCopyInstallsUndefined)
+        // (tst_main::failedCopyInstallsUndefined)
         upgradeIpk(ipkList[0], 0);
         progress.value = 0;
     }
@@ -114,7 +114,7 @@ Window {
             ret = fileIO.exe("/root/Hmi -path=/root");
         }
         // Deliberate: a positive status of the hand-over counts as success.
-        // (tst_main::test_positiveStatusIsSuccess)
+        // (tst_main::positiveStatusIsSuccess)
         if (ret < 0) {
             showTips("red",
                      qsTr("Update Control Software Filed,Error Code[%1]").arg(ret),
@@ -142,7 +142,7 @@ Window {
             fileIO.exe("cp /mnt/update_ipk/app.bin /root/ota/app.bin");
             fileIO.exe("sync");
             // Deliberate: the control board is updated now and again after the last package.
-            // (tst_main::test_controlBoardRunsTwice)
+            // (tst_main::controlBoardRunsTwice)
             upgradeCtrlUnit();
         }
     }
@@ -169,7 +169,7 @@ Window {
         id: successTip
 
         // Deliberate: top and vertical centre together fix the height to twice their distance.
-        // (tst_main::test_geometry)
+        // (tst_main_look::placesOnTheScreen)
         height: 50
         anchors.horizontalCenter: parent.horizontalCenter
         anchors.top: parent.top
