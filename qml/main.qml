@@ -11,7 +11,7 @@ Window {
     property int step: -1       // index of the last package installed
     property var ipkList        // full paths of the packages
     property var ipkPkgName     // their file names, as listed on the screen
-    property var ipkListState: new Array
+    property var ipkListState: new Array // a "wait" for each of them; not shown
     property int thisIndex: 0   // reserved, like isStart
     property bool formOta: false // packages were staged already
     property bool isStart: false
@@ -32,6 +32,8 @@ Window {
     function getPkgs() {
         ipkPkgName = [];
         ipkList = fileIO.getIpkList("/tmp/ota/*.ipk");
+        // Deliberate: never reset, nor are step and progress. A second start goes on from them.
+        // (tst_main::secondStartGoesOnFromTheFirst)
         if (ipkList.length > 0)
             formOta = true;
         else
@@ -108,6 +110,8 @@ Window {
         var ret;
         if (version.indexOf("V4") !== -1) {
             fileIO.exe("rm /root/*.txt");
+            // Deliberate: its result is dropped; only that of the transfer is shown.
+            // (tst_main::startResultIsIgnored)
             fileIO.startMcuSoftwareUpdate();
             ret = fileIO.updateMcu();
         } else {

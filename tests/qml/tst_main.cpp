@@ -29,6 +29,7 @@ private slots:
     void propertyTypes();
 
     void nothingAnywhereWaitsForTheButton();
+    void buttonIsDisabledWhileTheScreenListsThePackages();
     void stagedPackagesInstallByThemselves();
     void firstPackageIsNotInstalledBeforeTheTimer();
     void timerFiresOnceAfterHalfASecond();
@@ -151,6 +152,24 @@ void TestMain::nothingAnywhereWaitsForTheButton()
     QCOMPARE(m_screen->value("progress", "value").toDouble(), 0.0);
     QCOMPARE(m_screen->rowTexts(), QStringList());
     compareTips(kNoTips);
+}
+
+void TestMain::buttonIsDisabledWhileTheScreenListsThePackages()
+{
+    m_bridge->setLists(latin1(kStaged), {stagedPackages(1)});
+    QStringList seen;
+    m_bridge->onCall = [&](const QString &) {
+        const QObject *window = QGuiApplication::allWindows().value(0);
+        const auto button = qmlContext(window)->contextProperty(QStringLiteral("udisk"));
+        seen.append(QStringLiteral("button %1, console lines %2")
+                        .arg(button.value<QObject *>()->property("enabled").toString())
+                        .arg(m_console->messages().size()));
+    };
+    load();
+    // By the second call the screen has reported what it found and started.
+    QCOMPARE(seen.mid(0, 2),
+             QStringList({QStringLiteral("button false, console lines 0"),
+                          QStringLiteral("button true, console lines 1")}));
 }
 
 void TestMain::stagedPackagesInstallByThemselves()
@@ -689,7 +708,12 @@ void TestMain::secondStartGoesOnFromTheFirst()
     QCOMPARE(m_screen->pixelSize("tip_en"), 16);
     compareTips(kStarted);
 
+    double progressAtInstall = 0;
+    m_bridge->onCall = [&](const QString &) {
+        progressAtInstall = m_screen->value("progress", "value").toDouble();
+    };
     QVERIFY(awaitInstall(QStringLiteral("undefined"), 0));
+    QCOMPARE(progressAtInstall, 3.0);
     QCOMPARE(m_bridge->calls(),
              QStringList({listCall(kStaged), listCall(kStick), listCall(kStaged),
                           installCall(QStringLiteral("undefined"), 0)}));

@@ -66,7 +66,9 @@ void UpdateScreenTest::installPackages(int first, int last)
 
 bool UpdateScreenTest::awaitInstall(const QString &path, int index) const
 {
-    return QTest::qWaitFor([&] { return m_bridge->calls().contains(installCall(path, index)); });
+    constexpr int kHangMs = 10000;
+    return QTest::qWaitFor([&] { return m_bridge->calls().contains(installCall(path, index)); },
+                           kHangMs);
 }
 
 void UpdateScreenTest::compareTips(const Tips &tips) const
