@@ -1,8 +1,8 @@
 #include "capture.h"
-#include "crc16.h"
 #include "cymodem.h"
 #include "machine.h"
 #include "serialport.h"
+#include "ymodemframes.h"
 
 #include <QtTest>
 
@@ -14,41 +14,6 @@
 namespace {
 
 constexpr char kImageName[] = "UpdataSystem.bin";
-constexpr int kPayload = 1024;
-
-/// The receiver's view of the CRC, by the simulator's own code.
-QByteArray crcOf(const QByteArray &payload)
-{
-    const unsigned crc = boardsim::crc16(payload);
-    return QByteArray(1, static_cast<char>(crc >> 8)) + static_cast<char>(crc & 0xFFU);
-}
-
-QByteArray smallFrame(QByteArray payload)
-{
-    payload.append(QByteArray(128 - payload.size(), '\0'));
-    return QByteArray("\x01\x00\xFF", 3) + payload + crcOf(payload);
-}
-
-QByteArray startFrame(const QByteArray &name, const QByteArray &size)
-{
-    return smallFrame(name + '\0' + size);
-}
-
-QByteArray endFrame()
-{
-    return smallFrame(QByteArray());
-}
-
-QByteArray dataFrame(int index, QByteArray payload)
-{
-    payload.append(QByteArray(kPayload - payload.size(), '\x1A'));
-    QByteArray frame("\x02");
-    frame.append(static_cast<char>(index & 0xFF));
-    frame.append(static_cast<char>(~index & 0xFF));
-    return frame + payload + crcOf(payload);
-}
-
-const QByteArray kEot("\x04");
 
 } // namespace
 
@@ -267,7 +232,7 @@ void TestCYModem::missingOrEmptyFileIsMinusOne()
     QCOMPARE(m_sender->index(), 0U);
     // The file is closed, so a data request ends it.
     m_sender->index_added();
-    QCOMPARE(request(), kEot);
+    QCOMPARE(request(), kEotFrame);
 }
 
 void TestCYModem::loadFileRestartsTheSequence()
@@ -280,7 +245,7 @@ void TestCYModem::loadFileRestartsTheSequence()
     QCOMPARE(m_sender->index(), 0U);
     QCOMPARE(request(), startFrame("second.bin", "6"));
     QCOMPARE(request(), dataFrame(1, "second"));
-    QCOMPARE(request(), kEot);
+    QCOMPARE(request(), kEotFrame);
 }
 
 void TestCYModem::startFrameCarriesTheSizeInHex_data()
@@ -365,14 +330,14 @@ void TestCYModem::shortLastBlockIsPaddedWith1A()
     const QByteArray image = firmwareOfSize(size);
     load(image);
     request();
-    const int blocks = size / kPayload + 1;
+    const int blocks = size / kYModemPayload + 1;
     for (int block = 1; block <= blocks; ++block) {
         const QByteArray frame = request();
         QCOMPARE(frame.size(), 1029);
-        QVERIFY(frame == dataFrame(block, image.mid((block - 1) * kPayload, kPayload)));
+        QVERIFY(frame == dataFrame(block, image.mid((block - 1) * kYModemPayload, kYModemPayload)));
         QCOMPARE(m_result, 1029);
     }
-    QCOMPARE(request(), kEot);
+    QCOMPARE(request(), kEotFrame);
     QCOMPARE(m_result, 1);
     QCOMPARE(request(), endFrame());
     QCOMPARE(m_result, 0);
@@ -389,26 +354,27 @@ void TestCYModem::wholeBlocksAreFollowedByOneOfPadding()
 {
     QFETCH(int, blocks);
 
-    const QByteArray image = firmwareOfSize(blocks * kPayload);
+    const QByteArray image = firmwareOfSize(blocks * kYModemPayload);
     load(image);
     request();
     for (int block = 1; block <= blocks; ++block)
-        QVERIFY(request() == dataFrame(block, image.mid((block - 1) * kPayload, kPayload)));
-    QVERIFY(request() == dataFrame(blocks + 1, QByteArray(kPayload, '\x1A')));
-    QCOMPARE(request(), kEot);
+        QVERIFY(request()
+                == dataFrame(block, image.mid((block - 1) * kYModemPayload, kYModemPayload)));
+    QVERIFY(request() == dataFrame(blocks + 1, QByteArray(kYModemPayload, '\x1A')));
+    QCOMPARE(request(), kEotFrame);
 }
 
 void TestCYModem::blockNumbersWrapAfter255()
 {
-    const QByteArray image = firmwareOfSize(257 * kPayload + 1);
+    const QByteArray image = firmwareOfSize(257 * kYModemPayload + 1);
     load(image);
     request();
     for (int block = 1; block <= 258; ++block) {
         const QByteArray frame = request();
-        QVERIFY(frame == dataFrame(block, image.mid((block - 1) * kPayload, kPayload)));
+        QVERIFY(frame == dataFrame(block, image.mid((block - 1) * kYModemPayload, kYModemPayload)));
         QCOMPARE(frame.at(1), static_cast<char>(block % 256));
     }
-    QCOMPARE(request(), kEot);
+    QCOMPARE(request(), kEotFrame);
 }
 
 void TestCYModem::blockNumberIsTheIndex()
@@ -418,9 +384,9 @@ void TestCYModem::blockNumberIsTheIndex()
     // Nothing but index_added() counts.
     for (int i = 0; i < 5; ++i)
         m_sender->index_added();
-    QVERIFY(request() == dataFrame(5, image.left(kPayload)));
+    QVERIFY(request() == dataFrame(5, image.left(kYModemPayload)));
     m_sender->index_added();
-    QVERIFY(request() == dataFrame(7, image.mid(kPayload, kPayload)));
+    QVERIFY(request() == dataFrame(7, image.mid(kYModemPayload, kYModemPayload)));
 }
 
 void TestCYModem::dataFramesArePrinted()
@@ -474,7 +440,7 @@ void TestCYModem::endFrameCanBeSentAtAnyTime()
 void TestCYModem::requestBeforeLoadFileSendsEot()
 {
     m_sender->index_added();
-    QCOMPARE(request(), kEot);
+    QCOMPARE(request(), kEotFrame);
     QCOMPARE(request(), endFrame());
 }
 
@@ -493,7 +459,7 @@ void TestCYModem::directoryIsSentAsEmpty()
     const MessageCapture messages; // the framework complains about the open
     QCOMPARE(m_sender->load_file(QStringLiteral("directory")), static_cast<int>(info.size()));
     QCOMPARE(request(), startFrame("directory", QByteArray::number(info.size(), 16)));
-    QCOMPARE(request(), kEot);
+    QCOMPARE(request(), kEotFrame);
     QCOMPARE(request(), endFrame());
 }
 
@@ -510,7 +476,7 @@ void TestCYModem::readErrorEndsTheFile()
     QCOMPARE(request(), QByteArray());
     QCOMPARE(m_result, -1);
     QCOMPARE(m_printed, QByteArray());
-    QCOMPARE(request(), kEot);
+    QCOMPARE(request(), kEotFrame);
     QCOMPARE(request(), endFrame());
 }
 
@@ -521,7 +487,7 @@ void TestCYModem::shrunkFileIsPadded()
     QCOMPARE(truncate("/root/mcu/UpdataSystem.bin", 0), 0);
     QVERIFY(request() == dataFrame(1, QByteArray()));
     QCOMPARE(m_printed, QByteArray("[YModem]: send the data package (1/3).\n"));
-    QCOMPARE(request(), kEot);
+    QCOMPARE(request(), kEotFrame);
 }
 
 void TestCYModem::resultIsThatOfTheWrite()
