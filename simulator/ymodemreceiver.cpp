@@ -1,5 +1,6 @@
 #include "ymodemreceiver.h"
 
+#include "controlbytes.h"
 #include "crc16.h"
 #include "hextext.h"
 
