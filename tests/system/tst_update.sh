@@ -143,7 +143,8 @@ withoutABoardTheWorkflowEndsSilently() {
 
     await "the line that does not open" \
         printed "Unable to open serial port '/dev/ttymxc1': No such file or directory"
-    await "the last row's ok" shows_colour 40x16+780+503 '#008000'
+    await "a bar of four fifths" shows_colour 20x6+1000+748 '#ffffff'
+    that "the last fifth is empty" shows_colour 20x6+1080+748 '#222222'
     that "the installing texts stay" shows_colour "$tips_place" '#ffffff'
     never "a success is shown" shows_colour "$success_place" '#008000'
     all_are_installed
@@ -164,6 +165,16 @@ silentBoardIsWaitedFor() {
     that "the program waits" is_running "$program_pid"
     that "the firmware stays" test -e /root/mcu/UpdataSystem.bin
     never "the main application is called" was_handed_over
+}
+
+lateBoardIsWaitedFor() {
+    build_packages
+    stage "$staged" good/40-control-board-firmware_4.1.3.ipk
+    start_board --version-text V3.2 --fault slow=2500@version
+    start_program
+
+    await_end_of_update 0
+    that "the main application was called" was_handed_over
 }
 
 failedCopyInstallsUndefined() {
