@@ -133,4 +133,9 @@ examplePackagesAreReproducible() {
         TZ=Asia/Shanghai "$project/sandbox/packages" /tmp/again
     )
     that "the bytes are the same" diff -r /tmp/packages /tmp/again
+    local package
+    for package in /tmp/packages/good/*.ipk; do
+        same "dates in $package" 2020-01-01 \
+            "$(dpkg-deb --contents "$package" | awk '{ print $4 }' | sort -u)"
+    done
 }
