@@ -98,7 +98,10 @@ std::optional<TimePoint> Board::deadline() const
 
 void Board::end(TimePoint now)
 {
-    if (const auto rest = m_assembler.takeRest())
+    const auto rest = m_assembler.takeRest();
+    if (rest && m_report.hungUp)
+        m_recorder.received(now, QStringLiteral("what came before the hang-up"), rest->bytes);
+    else if (rest)
         handle(now, *rest);
     m_recorder.note(now, QStringLiteral("board is off"));
 }

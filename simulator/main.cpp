@@ -3,6 +3,7 @@
 
 #include <QCoreApplication>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 
 #include <csignal>
@@ -24,6 +25,13 @@ int fail(ExitStatus status, const QString &text)
 {
     std::fprintf(stderr, "boardsim: %s\n", qPrintable(text));
     return status;
+}
+
+/// So that a wrong path is told at the start and not when there is something to lose.
+bool isInWritableDirectory(const QString &path)
+{
+    const QFileInfo directory(QFileInfo(path).absolutePath());
+    return directory.isDir() && directory.isWritable();
 }
 
 bool openTranscript(QFile &file, const QString &path)
@@ -80,6 +88,11 @@ int run(const CommandLine &line)
         if (!openTranscript(transcript, line.transcriptFile))
             return fail(Failed, QStringLiteral("cannot write %1").arg(line.transcriptFile));
         options.transcript = sinkTo(transcript);
+    }
+
+    for (const QString &path : {line.summaryFile, options.imageFile}) {
+        if (!path.isEmpty() && !isInWritableDirectory(path))
+            return fail(Failed, QStringLiteral("cannot write %1").arg(path));
     }
 
     BoardSimulator simulator(options);
