@@ -3,6 +3,7 @@
 #include "controlbytes.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace boardsim {
 
@@ -189,7 +190,7 @@ private:
             sent.last().bytes.truncate(left);
             left -= sent.last().bytes.size();
         }
-        m_delivery.writes = sent;
+        m_delivery.writes = std::move(sent);
         add({}, QString(), kTimeToRead);
         m_delivery.writes.last().hangUpAfter = true;
     }
