@@ -1,9 +1,9 @@
 #include "capture.h"
 #include "fileio.h"
+#include "handmadeframes.h"
 #include "machine.h"
 #include "peer.h"
 #include "serialport.h"
-#include "ymodemframes.h"
 
 #include <QtTest>
 
@@ -133,8 +133,8 @@ void TestTransfer::fileIsSentFrameByFrame()
     QCOMPARE(frames.size(), 6);
     QCOMPARE(frames.at(0), startFrame("UpdataSystem.bin", "bb8"));
     for (int block = 1; block <= 3; ++block)
-        QVERIFY(frames.at(block) == dataFrame(block, m_image.mid((block - 1) * 1024, 1024)));
-    QCOMPARE(frames.at(4), kEotFrame);
+        QVERIFY(frames.at(block) == dataBlock(block, m_image.mid((block - 1) * 1024, 1024)));
+    QCOMPARE(frames.at(4), eot());
     QCOMPARE(frames.at(5), endFrame());
     QCOMPARE(m_printed,
              kLoaded + requestPrinted('C') + kStartPrinted + requestPrinted(kAck) + dataPrinted(1)
@@ -166,8 +166,8 @@ void TestTransfer::ackAndCAreAlike()
             frames.append(answerTo(line, tenTimes(control)));
     });
     QCOMPARE(frames.at(0), startFrame("UpdataSystem.bin", "bb8"));
-    QVERIFY(frames.at(1) == dataFrame(1, m_image.left(1024)));
-    QVERIFY(frames.at(2) == dataFrame(2, m_image.mid(1024, 1024)));
+    QVERIFY(frames.at(1) == dataBlock(1, m_image.left(1024)));
+    QVERIFY(frames.at(2) == dataBlock(2, m_image.mid(1024, 1024)));
     QVERIFY(m_printed.contains(requestPrinted(kAck) + kStartPrinted));
 }
 
@@ -182,8 +182,8 @@ void TestTransfer::ackAndCTogetherAdvanceOneFrame()
                                    .repeated(5)));
         frames.append(answerTo(line, QByteArray("C\x06").repeated(5)));
     });
-    QVERIFY(frames.at(1) == dataFrame(1, m_image.left(1024)));
-    QVERIFY(frames.at(2) == dataFrame(2, m_image.mid(1024, 1024)));
+    QVERIFY(frames.at(1) == dataBlock(1, m_image.left(1024)));
+    QVERIFY(frames.at(2) == dataBlock(2, m_image.mid(1024, 1024)));
 }
 
 void TestTransfer::onlyTheFirstByteCounts()
@@ -198,7 +198,7 @@ void TestTransfer::onlyTheFirstByteCounts()
     QCOMPARE(frames.at(0), QByteArray());
     QCOMPARE(frames.at(1), startFrame("UpdataSystem.bin", "bb8"));
     QCOMPARE(frames.at(2), QByteArray());
-    QVERIFY(frames.at(3) == dataFrame(1, m_image.left(1024)));
+    QVERIFY(frames.at(3) == dataBlock(1, m_image.left(1024)));
 }
 
 void TestTransfer::singleControlBytesAreAnswered()
@@ -215,7 +215,7 @@ void TestTransfer::singleControlBytesAreAnswered()
     });
     QCOMPARE(result, 0);
     QCOMPARE(frames.at(0), startFrame("UpdataSystem.bin", "bb8"));
-    QVERIFY(frames.at(1) == dataFrame(1, m_image.left(1024)));
+    QVERIFY(frames.at(1) == dataBlock(1, m_image.left(1024)));
     QCOMPARE(discards, 2);
 }
 
@@ -229,8 +229,8 @@ void TestTransfer::nakCausesNoResend()
     for (const int nak : {0, 2, 4, 5})
         QCOMPARE(frames.at(nak), QByteArray());
     QCOMPARE(frames.at(1), startFrame("UpdataSystem.bin", "bb8"));
-    QVERIFY(frames.at(3) == dataFrame(1, m_image.left(1024)));
-    QVERIFY(frames.at(6) == dataFrame(2, m_image.mid(1024, 1024)));
+    QVERIFY(frames.at(3) == dataBlock(1, m_image.left(1024)));
+    QVERIFY(frames.at(6) == dataBlock(2, m_image.mid(1024, 1024)));
     const QByteArray refused("[NAK]\n[CA]\n");
     QCOMPARE(m_printed,
              kLoaded + refused + requestPrinted('C') + kStartPrinted + refused
@@ -248,7 +248,7 @@ void TestTransfer::cancelDoesNotEndTheTransfer()
     QCOMPARE(result, 0);
     QCOMPARE(frames.at(1), QByteArray());
     QCOMPARE(frames.at(2), QByteArray());
-    QVERIFY(frames.at(3) == dataFrame(1, m_image.left(1024)));
+    QVERIFY(frames.at(3) == dataBlock(1, m_image.left(1024)));
     QCOMPARE(m_printed,
              kLoaded + requestPrinted('C') + kStartPrinted + "[CA]\n[CA]\n" + requestPrinted(kAck)
                  + dataPrinted(1));
@@ -282,8 +282,8 @@ void TestTransfer::furtherRequestsRepeatTheEndFrame()
         for (int i = 0; i < 6; ++i)
             frames.append(answerTo(line, tenTimes(kAck)));
     });
-    QVERIFY(frames.at(1) == dataFrame(1, "x"));
-    QCOMPARE(frames.at(2), kEotFrame);
+    QVERIFY(frames.at(1) == dataBlock(1, "x"));
+    QCOMPARE(frames.at(2), eot());
     for (int i = 3; i < 6; ++i)
         QCOMPARE(frames.at(i), endFrame());
 }
@@ -339,7 +339,7 @@ void TestTransfer::unreadableFileGoesToEot()
     });
     QCOMPARE(result, 0);
     QCOMPARE(frames.at(1), QByteArray());
-    QCOMPARE(frames.at(2), kEotFrame);
+    QCOMPARE(frames.at(2), eot());
     QCOMPARE(frames.at(3), endFrame());
 }
 
@@ -414,7 +414,7 @@ void TestTransfer::secondTransferStartsOver()
             frames.append(answerTo(line, tenTimes(control)));
     });
     QCOMPARE(frames.at(0), startFrame("UpdataSystem.bin", "bb8"));
-    QVERIFY(frames.at(1) == dataFrame(1, m_image.left(1024)));
+    QVERIFY(frames.at(1) == dataBlock(1, m_image.left(1024)));
 }
 
 QTEST_APPLESS_MAIN(TestTransfer)

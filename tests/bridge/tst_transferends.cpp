@@ -1,8 +1,8 @@
 #include "capture.h"
 #include "fileio.h"
+#include "handmadeframes.h"
 #include "machine.h"
 #include "peer.h"
-#include "ymodemframes.h"
 
 #include <QtTest>
 
@@ -105,7 +105,7 @@ void TestTransferEnds::silentReadsCountInARowOnly()
     QCOMPARE(updateMcu(), 0);
     board.finish();
     QCOMPARE(start, startFrame("UpdataSystem.bin", "7d0"));
-    QVERIFY(block == dataFrame(1, m_image.left(kYModemPayload)));
+    QVERIFY(block == dataBlock(1, m_image.left(kYModemPayload)));
 }
 
 QTEST_APPLESS_MAIN(TestTransferEnds)

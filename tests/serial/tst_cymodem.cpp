@@ -1,8 +1,8 @@
 #include "capture.h"
 #include "cymodem.h"
+#include "handmadeframes.h"
 #include "machine.h"
 #include "serialport.h"
-#include "ymodemframes.h"
 
 #include <QtTest>
 
@@ -232,7 +232,7 @@ void TestCYModem::missingOrEmptyFileIsMinusOne()
     QCOMPARE(m_sender->index(), 0U);
     // The file is closed, so a data request ends it.
     m_sender->index_added();
-    QCOMPARE(request(), kEotFrame);
+    QCOMPARE(request(), eot());
 }
 
 void TestCYModem::loadFileRestartsTheSequence()
@@ -244,8 +244,8 @@ void TestCYModem::loadFileRestartsTheSequence()
     QCOMPARE(load("second", "second.bin"), 6);
     QCOMPARE(m_sender->index(), 0U);
     QCOMPARE(request(), startFrame("second.bin", "6"));
-    QCOMPARE(request(), dataFrame(1, "second"));
-    QCOMPARE(request(), kEotFrame);
+    QCOMPARE(request(), dataBlock(1, "second"));
+    QCOMPARE(request(), eot());
 }
 
 void TestCYModem::startFrameCarriesTheSizeInHex_data()
@@ -312,7 +312,7 @@ void TestCYModem::longNameStaysInThePayload()
     const QByteArray name(length, 'n');
     QCOMPARE(load(firmwareOfSize(3000), name.constData()), 3000);
     const QByteArray payload = (name + '\0' + "bb8" + '\0').left(128);
-    QCOMPARE(request(), smallFrame(payload));
+    QCOMPARE(request(), shortBlock(0, payload));
     QCOMPARE(m_result, 133);
 }
 
@@ -334,10 +334,10 @@ void TestCYModem::shortLastBlockIsPaddedWith1A()
     for (int block = 1; block <= blocks; ++block) {
         const QByteArray frame = request();
         QCOMPARE(frame.size(), 1029);
-        QVERIFY(frame == dataFrame(block, image.mid((block - 1) * kYModemPayload, kYModemPayload)));
+        QVERIFY(frame == dataBlock(block, image.mid((block - 1) * kYModemPayload, kYModemPayload)));
         QCOMPARE(m_result, 1029);
     }
-    QCOMPARE(request(), kEotFrame);
+    QCOMPARE(request(), eot());
     QCOMPARE(m_result, 1);
     QCOMPARE(request(), endFrame());
     QCOMPARE(m_result, 0);
@@ -359,9 +359,9 @@ void TestCYModem::wholeBlocksAreFollowedByOneOfPadding()
     request();
     for (int block = 1; block <= blocks; ++block)
         QVERIFY(request()
-                == dataFrame(block, image.mid((block - 1) * kYModemPayload, kYModemPayload)));
-    QVERIFY(request() == dataFrame(blocks + 1, QByteArray(kYModemPayload, '\x1A')));
-    QCOMPARE(request(), kEotFrame);
+                == dataBlock(block, image.mid((block - 1) * kYModemPayload, kYModemPayload)));
+    QVERIFY(request() == dataBlock(blocks + 1, QByteArray(kYModemPayload, '\x1A')));
+    QCOMPARE(request(), eot());
 }
 
 void TestCYModem::blockNumbersWrapAfter255()
@@ -371,10 +371,10 @@ void TestCYModem::blockNumbersWrapAfter255()
     request();
     for (int block = 1; block <= 258; ++block) {
         const QByteArray frame = request();
-        QVERIFY(frame == dataFrame(block, image.mid((block - 1) * kYModemPayload, kYModemPayload)));
+        QVERIFY(frame == dataBlock(block, image.mid((block - 1) * kYModemPayload, kYModemPayload)));
         QCOMPARE(frame.at(1), static_cast<char>(block % 256));
     }
-    QCOMPARE(request(), kEotFrame);
+    QCOMPARE(request(), eot());
 }
 
 void TestCYModem::blockNumberIsTheIndex()
@@ -384,9 +384,9 @@ void TestCYModem::blockNumberIsTheIndex()
     // Nothing but index_added() counts.
     for (int i = 0; i < 5; ++i)
         m_sender->index_added();
-    QVERIFY(request() == dataFrame(5, image.left(kYModemPayload)));
+    QVERIFY(request() == dataBlock(5, image.left(kYModemPayload)));
     m_sender->index_added();
-    QVERIFY(request() == dataFrame(7, image.mid(kYModemPayload, kYModemPayload)));
+    QVERIFY(request() == dataBlock(7, image.mid(kYModemPayload, kYModemPayload)));
 }
 
 void TestCYModem::dataFramesArePrinted()
@@ -440,7 +440,7 @@ void TestCYModem::endFrameCanBeSentAtAnyTime()
 void TestCYModem::requestBeforeLoadFileSendsEot()
 {
     m_sender->index_added();
-    QCOMPARE(request(), kEotFrame);
+    QCOMPARE(request(), eot());
     QCOMPARE(request(), endFrame());
 }
 
@@ -459,7 +459,7 @@ void TestCYModem::directoryIsSentAsEmpty()
     const MessageCapture messages; // the framework complains about the open
     QCOMPARE(m_sender->load_file(QStringLiteral("directory")), static_cast<int>(info.size()));
     QCOMPARE(request(), startFrame("directory", QByteArray::number(info.size(), 16)));
-    QCOMPARE(request(), kEotFrame);
+    QCOMPARE(request(), eot());
     QCOMPARE(request(), endFrame());
 }
 
@@ -476,7 +476,7 @@ void TestCYModem::readErrorEndsTheFile()
     QCOMPARE(request(), QByteArray());
     QCOMPARE(m_result, -1);
     QCOMPARE(m_printed, QByteArray());
-    QCOMPARE(request(), kEotFrame);
+    QCOMPARE(request(), eot());
     QCOMPARE(request(), endFrame());
 }
 
@@ -485,9 +485,9 @@ void TestCYModem::shrunkFileIsPadded()
     load(firmwareOfSize(3000));
     request();
     QCOMPARE(truncate("/root/mcu/UpdataSystem.bin", 0), 0);
-    QVERIFY(request() == dataFrame(1, QByteArray()));
+    QVERIFY(request() == dataBlock(1, QByteArray()));
     QCOMPARE(m_printed, QByteArray("[YModem]: send the data package (1/3).\n"));
-    QCOMPARE(request(), kEotFrame);
+    QCOMPARE(request(), eot());
 }
 
 void TestCYModem::resultIsThatOfTheWrite()
