@@ -126,12 +126,18 @@ BoardSimulator::~BoardSimulator()
     stop();
 }
 
+bool BoardSimulator::open()
+{
+    if (d->terminal.open(d->linkPath))
+        return true;
+    d->errorText = d->terminal.errorText();
+    return false;
+}
+
 bool BoardSimulator::start()
 {
-    if (!d->terminal.open(d->linkPath)) {
-        d->errorText = d->terminal.errorText();
+    if (d->terminal.masterDescriptor() < 0 && !open())
         return false;
-    }
     if (!d->openPipe()) {
         d->errorText = QStringLiteral("cannot open a pipe");
         d->terminal.close();

@@ -96,10 +96,13 @@ int run(const CommandLine &line)
     }
 
     BoardSimulator simulator(options);
-    if (!simulator.start())
+    if (!simulator.open())
         return fail(Failed, simulator.errorText());
+    // Before the board is on, so that it comes before a transcript on standard output.
     std::printf("ready %s\n", qPrintable(simulator.slaveName()));
     std::fflush(stdout);
+    if (!simulator.start())
+        return fail(Failed, simulator.errorText());
     waitForTheEnd(endSignals, simulator);
     simulator.stop();
 

@@ -100,6 +100,7 @@ private slots:
     void lostBytesBreakTheFrame();
     void hangUpInTheFrame_data();
     void hangUpInTheFrame();
+    void hangUpInTheAnswer_data();
     void hangUpInTheAnswer();
     void consoleTextFollowsTheTransfer();
     void faultsCombine();
@@ -452,9 +453,17 @@ void TestBoardSimFaults::hangUpInTheFrame()
     QVERIFY(report.errors.isEmpty());
 }
 
+void TestBoardSimFaults::hangUpInTheAnswer_data()
+{
+    QTest::addColumn<QByteArray>("more");
+    QTest::newRow("in one write") << QByteArray("slow=0@version");
+    QTest::newRow("in single bytes") << QByteArray("split@version");
+}
+
 void TestBoardSimFaults::hangUpInTheAnswer()
 {
-    BoardSimulator board(withFaults({"hang-up=40@version"}));
+    QFETCH(QByteArray, more);
+    BoardSimulator board(withFaults({"hang-up=40@version", more.constData()}));
     QVERIFY(board.start());
     AssistantLine line(board.slaveName());
     QCOMPARE(line.exchange(goodVersionQuery(), 36), kVersionAnswer.left(10));
