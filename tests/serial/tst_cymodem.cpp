@@ -147,7 +147,8 @@ public:
     GuardedSender &operator=(const GuardedSender &) = delete;
 
     CYModem *operator->() { return m_sender; }
-    QByteArray bytes() const { return *m_memory; }
+    /// A deep copy: the sender writes behind the array's back.
+    QByteArray bytes() const { return QByteArray(m_memory->constData(), m_memory->size()); }
     QByteArray objectBytes() const { return m_memory->mid(kGuard, sizeof(CYModem)); }
 
 private:

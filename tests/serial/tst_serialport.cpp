@@ -496,13 +496,15 @@ void TestSerialPort::sessionLeaderGetsTheLine()
 
 void TestSerialPort::closeTwiceIsHarmless()
 {
-    OpenLine line;
-    QVERIFY(line.isOpen());
-    line.port.Close();
+    Pty line;
+    SerialPort port;
+    const int descriptor = nextDescriptor();
+    QVERIFY(port.Open(line.path().constData(), "115200"));
+    port.Close();
     QVERIFY(!line.isOpenedByProduct());
-    // Takes the number that the port had.
-    const int descriptor = dup(STDERR_FILENO);
-    line.port.Close();
+    // Another file gets the number that the port had.
+    QCOMPARE(dup2(STDERR_FILENO, descriptor), descriptor);
+    port.Close();
     QVERIFY(fcntl(descriptor, F_GETFD) >= 0);
     close(descriptor);
     SerialPort neverOpened;
