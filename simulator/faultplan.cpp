@@ -9,7 +9,7 @@ namespace boardsim {
 namespace {
 
 /// For what left the board just before it hung up to be read: a hang-up discards the rest.
-constexpr Milliseconds kTimeToRead{100};
+constexpr Milliseconds kTimeToRead {300};
 
 /// Shapes one answer: each step makes the faults of one sort.
 class Shaper {
