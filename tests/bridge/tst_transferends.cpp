@@ -104,8 +104,8 @@ void TestTransferEnds::silentReadsCountInARowOnly()
     });
     QCOMPARE(updateMcu(), 0);
     board.finish();
-    QCOMPARE(start, startFrame("UpdataSystem.bin", "7d0"));
-    QVERIFY(block == dataFrame(1, m_image.left(kYModemPayload)));
+    QCOMPARE(start, ymodem::startFrame("UpdataSystem.bin", "7d0"));
+    QVERIFY(block == ymodem::dataFrame(1, m_image.left(ymodem::kPayload)));
 }
 
 QTEST_APPLESS_MAIN(TestTransferEnds)

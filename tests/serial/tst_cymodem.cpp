@@ -233,7 +233,7 @@ void TestCYModem::missingOrEmptyFileIsMinusOne()
     QCOMPARE(m_sender->index(), 0U);
     // The file is closed, so a data request ends it.
     m_sender->index_added();
-    QCOMPARE(request(), kEotFrame);
+    QCOMPARE(request(), ymodem::kEotFrame);
 }
 
 void TestCYModem::loadFileRestartsTheSequence()
@@ -244,9 +244,9 @@ void TestCYModem::loadFileRestartsTheSequence()
     QCOMPARE(m_sender->index(), 4U);
     QCOMPARE(load("second", "second.bin"), 6);
     QCOMPARE(m_sender->index(), 0U);
-    QCOMPARE(request(), startFrame("second.bin", "6"));
-    QCOMPARE(request(), dataFrame(1, "second"));
-    QCOMPARE(request(), kEotFrame);
+    QCOMPARE(request(), ymodem::startFrame("second.bin", "6"));
+    QCOMPARE(request(), ymodem::dataFrame(1, "second"));
+    QCOMPARE(request(), ymodem::kEotFrame);
 }
 
 void TestCYModem::startFrameCarriesTheSizeInHex_data()
@@ -270,7 +270,7 @@ void TestCYModem::startFrameCarriesTheSizeInHex()
     QCOMPARE(load(firmwareOfSize(size)), size);
     const QByteArray frame = request();
     QCOMPARE(frame.size(), 133);
-    QCOMPARE(frame, startFrame(kImageName, text));
+    QCOMPARE(frame, ymodem::startFrame(kImageName, text));
     QCOMPARE(m_result, 133);
     QCOMPARE(m_sender->index(), 1U);
 }
@@ -295,7 +295,7 @@ void TestCYModem::nameIsCopiedByItsCharacterCount()
     QCOMPARE(QString::fromUtf8(name).size(), 9);
     QCOMPARE(name.size(), 12);
     QCOMPARE(load("content", name.constData()), 7);
-    QCOMPARE(request(), startFrame(name.left(9), "7"));
+    QCOMPARE(request(), ymodem::startFrame(name.left(9), "7"));
     QVERIFY2(m_printed.startsWith("Filename: " + name + '\n'), m_printed.constData());
 }
 
@@ -313,7 +313,7 @@ void TestCYModem::longNameStaysInThePayload()
     const QByteArray name(length, 'n');
     QCOMPARE(load(firmwareOfSize(3000), name.constData()), 3000);
     const QByteArray payload = (name + '\0' + "bb8" + '\0').left(128);
-    QCOMPARE(request(), smallFrame(payload));
+    QCOMPARE(request(), ymodem::smallFrame(payload));
     QCOMPARE(m_result, 133);
 }
 
@@ -331,16 +331,18 @@ void TestCYModem::shortLastBlockIsPaddedWith1A()
     const QByteArray image = firmwareOfSize(size);
     load(image);
     request();
-    const int blocks = size / kYModemPayload + 1;
+    const int blocks = size / ymodem::kPayload + 1;
     for (int block = 1; block <= blocks; ++block) {
         const QByteArray frame = request();
         QCOMPARE(frame.size(), 1029);
-        QVERIFY(frame == dataFrame(block, image.mid((block - 1) * kYModemPayload, kYModemPayload)));
+        QVERIFY(frame
+                == ymodem::dataFrame(block,
+                                     image.mid((block - 1) * ymodem::kPayload, ymodem::kPayload)));
         QCOMPARE(m_result, 1029);
     }
-    QCOMPARE(request(), kEotFrame);
+    QCOMPARE(request(), ymodem::kEotFrame);
     QCOMPARE(m_result, 1);
-    QCOMPARE(request(), endFrame());
+    QCOMPARE(request(), ymodem::endFrame());
     QCOMPARE(m_result, 0);
 }
 
@@ -355,27 +357,30 @@ void TestCYModem::wholeBlocksAreFollowedByOneOfPadding()
 {
     QFETCH(int, blocks);
 
-    const QByteArray image = firmwareOfSize(blocks * kYModemPayload);
+    const QByteArray image = firmwareOfSize(blocks * ymodem::kPayload);
     load(image);
     request();
     for (int block = 1; block <= blocks; ++block)
         QVERIFY(request()
-                == dataFrame(block, image.mid((block - 1) * kYModemPayload, kYModemPayload)));
-    QVERIFY(request() == dataFrame(blocks + 1, QByteArray(kYModemPayload, '\x1A')));
-    QCOMPARE(request(), kEotFrame);
+                == ymodem::dataFrame(block,
+                                     image.mid((block - 1) * ymodem::kPayload, ymodem::kPayload)));
+    QVERIFY(request() == ymodem::dataFrame(blocks + 1, QByteArray(ymodem::kPayload, '\x1A')));
+    QCOMPARE(request(), ymodem::kEotFrame);
 }
 
 void TestCYModem::blockNumbersWrapAfter255()
 {
-    const QByteArray image = firmwareOfSize(257 * kYModemPayload + 1);
+    const QByteArray image = firmwareOfSize(257 * ymodem::kPayload + 1);
     load(image);
     request();
     for (int block = 1; block <= 258; ++block) {
         const QByteArray frame = request();
-        QVERIFY(frame == dataFrame(block, image.mid((block - 1) * kYModemPayload, kYModemPayload)));
+        QVERIFY(frame
+                == ymodem::dataFrame(block,
+                                     image.mid((block - 1) * ymodem::kPayload, ymodem::kPayload)));
         QCOMPARE(frame.at(1), static_cast<char>(block % 256));
     }
-    QCOMPARE(request(), kEotFrame);
+    QCOMPARE(request(), ymodem::kEotFrame);
 }
 
 void TestCYModem::blockNumberIsTheIndex()
@@ -385,9 +390,9 @@ void TestCYModem::blockNumberIsTheIndex()
     // Nothing but index_added() counts.
     for (int i = 0; i < 5; ++i)
         m_sender->index_added();
-    QVERIFY(request() == dataFrame(5, image.left(kYModemPayload)));
+    QVERIFY(request() == ymodem::dataFrame(5, image.left(ymodem::kPayload)));
     m_sender->index_added();
-    QVERIFY(request() == dataFrame(7, image.mid(kYModemPayload, kYModemPayload)));
+    QVERIFY(request() == ymodem::dataFrame(7, image.mid(ymodem::kPayload, ymodem::kPayload)));
 }
 
 void TestCYModem::dataFramesArePrinted()
@@ -418,7 +423,7 @@ void TestCYModem::endFrameIsRepeated()
     load("x");
     for (int i = 0; i < 3; ++i)
         request();
-    const QByteArray frame = endFrame();
+    const QByteArray frame = ymodem::endFrame();
     QCOMPARE(frame.right(2), QByteArray("\0\0", 2));
     for (unsigned index = 3; index < 6; ++index) {
         QCOMPARE(m_sender->index(), index);
@@ -434,20 +439,20 @@ void TestCYModem::endFrameCanBeSentAtAnyTime()
     const int result = m_sender->send_end_frame(m_port.data());
     QCOMPARE(out.take(), QByteArray("[YModem]: send the last package.\n"));
     QCOMPARE(result, 133);
-    QCOMPARE(m_line->received(), endFrame());
+    QCOMPARE(m_line->received(), ymodem::endFrame());
     QCOMPARE(m_sender->index(), 0U);
 }
 
 void TestCYModem::requestBeforeLoadFileSendsEot()
 {
     m_sender->index_added();
-    QCOMPARE(request(), kEotFrame);
-    QCOMPARE(request(), endFrame());
+    QCOMPARE(request(), ymodem::kEotFrame);
+    QCOMPARE(request(), ymodem::endFrame());
 }
 
 void TestCYModem::startFrameBeforeLoadFileHasNoName()
 {
-    QCOMPARE(request(), startFrame(QByteArray(), "0"));
+    QCOMPARE(request(), ymodem::startFrame(QByteArray(), "0"));
     QCOMPARE(m_printed,
              QByteArray("Filename: \nFilesize: 0(0H)\n[YModem]: send the start package.\n"));
 }
@@ -459,9 +464,9 @@ void TestCYModem::directoryIsSentAsEmpty()
     QVERIFY(info.size() >= 1);
     const MessageCapture messages; // the framework complains about the open
     QCOMPARE(m_sender->load_file(QStringLiteral("directory")), static_cast<int>(info.size()));
-    QCOMPARE(request(), startFrame("directory", QByteArray::number(info.size(), 16)));
-    QCOMPARE(request(), kEotFrame);
-    QCOMPARE(request(), endFrame());
+    QCOMPARE(request(), ymodem::startFrame("directory", QByteArray::number(info.size(), 16)));
+    QCOMPARE(request(), ymodem::kEotFrame);
+    QCOMPARE(request(), ymodem::endFrame());
 }
 
 void TestCYModem::readErrorEndsTheFile()
@@ -477,8 +482,8 @@ void TestCYModem::readErrorEndsTheFile()
     QCOMPARE(request(), QByteArray());
     QCOMPARE(m_result, -1);
     QCOMPARE(m_printed, QByteArray());
-    QCOMPARE(request(), kEotFrame);
-    QCOMPARE(request(), endFrame());
+    QCOMPARE(request(), ymodem::kEotFrame);
+    QCOMPARE(request(), ymodem::endFrame());
 }
 
 void TestCYModem::shrunkFileIsPadded()
@@ -486,9 +491,9 @@ void TestCYModem::shrunkFileIsPadded()
     load(firmwareOfSize(3000));
     request();
     QCOMPARE(truncate("/root/mcu/UpdataSystem.bin", 0), 0);
-    QVERIFY(request() == dataFrame(1, QByteArray()));
+    QVERIFY(request() == ymodem::dataFrame(1, QByteArray()));
     QCOMPARE(m_printed, QByteArray("[YModem]: send the data package (1/3).\n"));
-    QCOMPARE(request(), kEotFrame);
+    QCOMPARE(request(), ymodem::kEotFrame);
 }
 
 void TestCYModem::resultIsThatOfTheWrite()
@@ -521,7 +526,7 @@ void TestCYModem::failedEotIsNotRepeated()
     QCOMPARE(m_result, 0);
     QCOMPARE(m_printed, QByteArray("[YModem]: send EOT package.\n"));
     QVERIFY(m_port->Open(m_line->path().constData(), "115200"));
-    QCOMPARE(request(), endFrame());
+    QCOMPARE(request(), ymodem::endFrame());
 }
 
 QTEST_APPLESS_MAIN(TestCYModem)

@@ -2,6 +2,8 @@
 
 #include "crc16.h"
 
+namespace ymodem {
+
 namespace {
 
 QByteArray crcOf(const QByteArray &payload)
@@ -32,9 +34,11 @@ QByteArray endFrame()
 
 QByteArray dataFrame(int block, QByteArray payload)
 {
-    payload.append(QByteArray(kYModemPayload - payload.size(), '\x1A'));
+    payload.append(QByteArray(kPayload - payload.size(), '\x1A'));
     QByteArray frame("\x02");
     frame.append(static_cast<char>(block & 0xFF));
     frame.append(static_cast<char>(~block & 0xFF));
     return frame + payload + crcOf(payload);
 }
+
+} // namespace ymodem

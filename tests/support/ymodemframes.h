@@ -6,7 +6,9 @@
 // What goes over the line in a YModem transfer, built from its description and the simulator's
 // CRC, without the product's code.
 
-constexpr int kYModemPayload = 1024;
+namespace ymodem {
+
+constexpr int kPayload = 1024;
 
 /// A 133-byte frame; `payload` is filled up to 128 bytes with zeros.
 QByteArray smallFrame(QByteArray payload);
@@ -17,5 +19,7 @@ QByteArray endFrame();
 QByteArray dataFrame(int block, QByteArray payload);
 
 extern const QByteArray kEotFrame;
+
+} // namespace ymodem
 
 #endif // YMODEMFRAMES_H
