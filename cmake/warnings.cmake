@@ -1,8 +1,8 @@
 # What every target of this project is compiled with; nothing here reaches a
 # project that links assistant_core.
 function(assistant_compile_options target)
-    target_compile_features(${target} PRIVATE cxx_std_17)
-    set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
+    set_target_properties(${target} PROPERTIES
+        CXX_STANDARD 17 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF)
     target_compile_options(${target} PRIVATE
         -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
         -Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align

@@ -3,13 +3,14 @@
 #include "controlbytes.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace boardsim {
 
 namespace {
 
 /// For what left the board just before it hung up to be read: a hang-up discards the rest.
-constexpr Milliseconds kTimeToRead{100};
+constexpr Milliseconds kTimeToRead{300};
 
 /// Shapes one answer: each step makes the faults of one sort.
 class Shaper {
@@ -163,7 +164,7 @@ private:
                         .arg(write.meaning)
                         .arg(i + 1)
                         .arg(write.bytes.size()),
-                    m_delivery.writes.isEmpty() || i == 0 ? write.delay : gap);
+                    i == 0 ? write.delay : gap);
         }
     }
 
@@ -189,7 +190,7 @@ private:
             sent.last().bytes.truncate(left);
             left -= sent.last().bytes.size();
         }
-        m_delivery.writes = sent;
+        m_delivery.writes = std::move(sent);
         add({}, QString(), kTimeToRead);
         m_delivery.writes.last().hangUpAfter = true;
     }

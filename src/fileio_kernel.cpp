@@ -36,6 +36,7 @@ QString FileIO::readKernelData()
     return m_kernelDate;
 }
 
+// NOLINTNEXTLINE(readability-non-const-parameter): native callers pass a writable field
 void FileIO::ConvKernelCompileDate(char *stamp)
 {
     std::string weekday;

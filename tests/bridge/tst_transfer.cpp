@@ -1,9 +1,9 @@
 #include "capture.h"
 #include "fileio.h"
+#include "handmadeframes.h"
 #include "machine.h"
 #include "peer.h"
 #include "serialport.h"
-#include "ymodemframes.h"
 
 #include <QtTest>
 
@@ -132,12 +132,11 @@ void TestTransfer::fileIsSentFrameByFrame()
     });
     QCOMPARE(result, 0);
     QCOMPARE(frames.size(), 6);
-    QCOMPARE(frames.at(0), ymodem::startFrame("UpdataSystem.bin", "bb8"));
+    QCOMPARE(frames.at(0), startFrame("UpdataSystem.bin", "bb8"));
     for (int block = 1; block <= 3; ++block)
-        QVERIFY(frames.at(block)
-                == ymodem::dataFrame(block, m_image.mid((block - 1) * 1024, 1024)));
-    QCOMPARE(frames.at(4), ymodem::kEotFrame);
-    QCOMPARE(frames.at(5), ymodem::endFrame());
+        QVERIFY(frames.at(block) == dataBlock(block, m_image.mid((block - 1) * 1024, 1024)));
+    QCOMPARE(frames.at(4), eot());
+    QCOMPARE(frames.at(5), endFrame());
     QCOMPARE(m_printed,
              kLoaded + requestPrinted('C') + kStartPrinted + requestPrinted(kAck) + dataPrinted(1)
                  + requestPrinted(kAck) + dataPrinted(2) + requestPrinted(kAck) + dataPrinted(3)
@@ -167,9 +166,9 @@ void TestTransfer::ackAndCAreAlike()
         for (const char control : {kAck, 'C', 'C'})
             frames.append(answerTo(line, tenTimes(control)));
     });
-    QCOMPARE(frames.at(0), ymodem::startFrame("UpdataSystem.bin", "bb8"));
-    QVERIFY(frames.at(1) == ymodem::dataFrame(1, m_image.left(1024)));
-    QVERIFY(frames.at(2) == ymodem::dataFrame(2, m_image.mid(1024, 1024)));
+    QCOMPARE(frames.at(0), startFrame("UpdataSystem.bin", "bb8"));
+    QVERIFY(frames.at(1) == dataBlock(1, m_image.left(1024)));
+    QVERIFY(frames.at(2) == dataBlock(2, m_image.mid(1024, 1024)));
     QVERIFY(m_printed.contains(requestPrinted(kAck) + kStartPrinted));
 }
 
@@ -184,8 +183,8 @@ void TestTransfer::ackAndCTogetherAdvanceOneFrame()
                                    .repeated(5)));
         frames.append(answerTo(line, QByteArray("C\x06").repeated(5)));
     });
-    QVERIFY(frames.at(1) == ymodem::dataFrame(1, m_image.left(1024)));
-    QVERIFY(frames.at(2) == ymodem::dataFrame(2, m_image.mid(1024, 1024)));
+    QVERIFY(frames.at(1) == dataBlock(1, m_image.left(1024)));
+    QVERIFY(frames.at(2) == dataBlock(2, m_image.mid(1024, 1024)));
 }
 
 void TestTransfer::onlyTheFirstByteCounts()
@@ -198,9 +197,9 @@ void TestTransfer::onlyTheFirstByteCounts()
         frames.append(answerTo(line, kAck + QByteArray(9, kNak)));
     });
     QCOMPARE(frames.at(0), QByteArray());
-    QCOMPARE(frames.at(1), ymodem::startFrame("UpdataSystem.bin", "bb8"));
+    QCOMPARE(frames.at(1), startFrame("UpdataSystem.bin", "bb8"));
     QCOMPARE(frames.at(2), QByteArray());
-    QVERIFY(frames.at(3) == ymodem::dataFrame(1, m_image.left(1024)));
+    QVERIFY(frames.at(3) == dataBlock(1, m_image.left(1024)));
 }
 
 void TestTransfer::singleControlBytesAreAnswered()
@@ -216,8 +215,8 @@ void TestTransfer::singleControlBytesAreAnswered()
         discards = line.discards();
     });
     QCOMPARE(result, 0);
-    QCOMPARE(frames.at(0), ymodem::startFrame("UpdataSystem.bin", "bb8"));
-    QVERIFY(frames.at(1) == ymodem::dataFrame(1, m_image.left(1024)));
+    QCOMPARE(frames.at(0), startFrame("UpdataSystem.bin", "bb8"));
+    QVERIFY(frames.at(1) == dataBlock(1, m_image.left(1024)));
     QCOMPARE(discards, 2);
 }
 
@@ -230,9 +229,9 @@ void TestTransfer::nakCausesNoResend()
     });
     for (const int nak : {0, 2, 4, 5})
         QCOMPARE(frames.at(nak), QByteArray());
-    QCOMPARE(frames.at(1), ymodem::startFrame("UpdataSystem.bin", "bb8"));
-    QVERIFY(frames.at(3) == ymodem::dataFrame(1, m_image.left(1024)));
-    QVERIFY(frames.at(6) == ymodem::dataFrame(2, m_image.mid(1024, 1024)));
+    QCOMPARE(frames.at(1), startFrame("UpdataSystem.bin", "bb8"));
+    QVERIFY(frames.at(3) == dataBlock(1, m_image.left(1024)));
+    QVERIFY(frames.at(6) == dataBlock(2, m_image.mid(1024, 1024)));
     const QByteArray refused("[NAK]\n[CA]\n");
     QCOMPARE(m_printed,
              kLoaded + refused + requestPrinted('C') + kStartPrinted + refused
@@ -250,7 +249,7 @@ void TestTransfer::cancelDoesNotEndTheTransfer()
     QCOMPARE(result, 0);
     QCOMPARE(frames.at(1), QByteArray());
     QCOMPARE(frames.at(2), QByteArray());
-    QVERIFY(frames.at(3) == ymodem::dataFrame(1, m_image.left(1024)));
+    QVERIFY(frames.at(3) == dataBlock(1, m_image.left(1024)));
     QCOMPARE(m_printed,
              kLoaded + requestPrinted('C') + kStartPrinted + "[CA]\n[CA]\n" + requestPrinted(kAck)
                  + dataPrinted(1));
@@ -284,10 +283,10 @@ void TestTransfer::furtherRequestsRepeatTheEndFrame()
         for (int i = 0; i < 6; ++i)
             frames.append(answerTo(line, tenTimes(kAck)));
     });
-    QVERIFY(frames.at(1) == ymodem::dataFrame(1, "x"));
-    QCOMPARE(frames.at(2), ymodem::kEotFrame);
+    QVERIFY(frames.at(1) == dataBlock(1, "x"));
+    QCOMPARE(frames.at(2), eot());
     for (int i = 3; i < 6; ++i)
-        QCOMPARE(frames.at(i), ymodem::endFrame());
+        QCOMPARE(frames.at(i), endFrame());
 }
 
 void TestTransfer::anyByteCountsAsSuccess_data()
@@ -341,8 +340,8 @@ void TestTransfer::unreadableFileGoesToEot()
     });
     QCOMPARE(result, 0);
     QCOMPARE(frames.at(1), QByteArray());
-    QCOMPARE(frames.at(2), ymodem::kEotFrame);
-    QCOMPARE(frames.at(3), ymodem::endFrame());
+    QCOMPARE(frames.at(2), eot());
+    QCOMPARE(frames.at(3), endFrame());
 }
 
 void TestTransfer::missingFirmwareLeavesTheLineOpen_data()
@@ -385,7 +384,7 @@ void TestTransfer::nextOperationReplacesTheOpenLine()
     QByteArray frame;
     const int result = run([&frame](Pty &line) { frame = answerTo(line, tenTimes('C')); });
     QCOMPARE(result, 0);
-    QCOMPARE(frame, ymodem::startFrame("UpdataSystem.bin", "bb8"));
+    QCOMPARE(frame, startFrame("UpdataSystem.bin", "bb8"));
 }
 
 void TestTransfer::missingLineIsMinusOne()
@@ -415,8 +414,8 @@ void TestTransfer::secondTransferStartsOver()
         for (const char control : {'C', kAck})
             frames.append(answerTo(line, tenTimes(control)));
     });
-    QCOMPARE(frames.at(0), ymodem::startFrame("UpdataSystem.bin", "bb8"));
-    QVERIFY(frames.at(1) == ymodem::dataFrame(1, m_image.left(1024)));
+    QCOMPARE(frames.at(0), startFrame("UpdataSystem.bin", "bb8"));
+    QVERIFY(frames.at(1) == dataBlock(1, m_image.left(1024)));
 }
 
 QTEST_APPLESS_MAIN(TestTransfer)

@@ -1,8 +1,8 @@
 #include "capture.h"
 #include "fileio.h"
+#include "handmadeframes.h"
 #include "machine.h"
 #include "peer.h"
-#include "ymodemframes.h"
 
 #include <QtTest>
 
@@ -104,8 +104,8 @@ void TestTransferEnds::silentReadsCountInARowOnly()
     });
     QCOMPARE(updateMcu(), 0);
     board.finish();
-    QCOMPARE(start, ymodem::startFrame("UpdataSystem.bin", "7d0"));
-    QVERIFY(block == ymodem::dataFrame(1, m_image.left(ymodem::kPayload)));
+    QCOMPARE(start, startFrame("UpdataSystem.bin", "7d0"));
+    QVERIFY(block == dataBlock(1, m_image.left(kYModemPayload)));
 }
 
 QTEST_APPLESS_MAIN(TestTransferEnds)

@@ -1,8 +1,8 @@
 #include "capture.h"
 #include "cymodem.h"
+#include "handmadeframes.h"
 #include "machine.h"
 #include "serialport.h"
-#include "ymodemframes.h"
 
 #include <QtTest>
 
@@ -233,7 +233,7 @@ void TestCYModem::missingOrEmptyFileIsMinusOne()
     QCOMPARE(m_sender->index(), 0U);
     // The file is closed, so a data request ends it.
     m_sender->index_added();
-    QCOMPARE(request(), ymodem::kEotFrame);
+    QCOMPARE(request(), eot());
 }
 
 void TestCYModem::loadFileRestartsTheSequence()
@@ -244,9 +244,9 @@ void TestCYModem::loadFileRestartsTheSequence()
     QCOMPARE(m_sender->index(), 4U);
     QCOMPARE(load("second", "second.bin"), 6);
     QCOMPARE(m_sender->index(), 0U);
-    QCOMPARE(request(), ymodem::startFrame("second.bin", "6"));
-    QCOMPARE(request(), ymodem::dataFrame(1, "second"));
-    QCOMPARE(request(), ymodem::kEotFrame);
+    QCOMPARE(request(), startFrame("second.bin", "6"));
+    QCOMPARE(request(), dataBlock(1, "second"));
+    QCOMPARE(request(), eot());
 }
 
 void TestCYModem::startFrameCarriesTheSizeInHex_data()
@@ -270,7 +270,7 @@ void TestCYModem::startFrameCarriesTheSizeInHex()
     QCOMPARE(load(firmwareOfSize(size)), size);
     const QByteArray frame = request();
     QCOMPARE(frame.size(), 133);
-    QCOMPARE(frame, ymodem::startFrame(kImageName, text));
+    QCOMPARE(frame, startFrame(kImageName, text));
     QCOMPARE(m_result, 133);
     QCOMPARE(m_sender->index(), 1U);
 }
@@ -295,7 +295,7 @@ void TestCYModem::nameIsCopiedByItsCharacterCount()
     QCOMPARE(QString::fromUtf8(name).size(), 9);
     QCOMPARE(name.size(), 12);
     QCOMPARE(load("content", name.constData()), 7);
-    QCOMPARE(request(), ymodem::startFrame(name.left(9), "7"));
+    QCOMPARE(request(), startFrame(name.left(9), "7"));
     QVERIFY2(m_printed.startsWith("Filename: " + name + '\n'), m_printed.constData());
 }
 
@@ -313,7 +313,7 @@ void TestCYModem::longNameStaysInThePayload()
     const QByteArray name(length, 'n');
     QCOMPARE(load(firmwareOfSize(3000), name.constData()), 3000);
     const QByteArray payload = (name + '\0' + "bb8" + '\0').left(128);
-    QCOMPARE(request(), ymodem::smallFrame(payload));
+    QCOMPARE(request(), shortBlock(0, payload));
     QCOMPARE(m_result, 133);
 }
 
@@ -331,18 +331,16 @@ void TestCYModem::shortLastBlockIsPaddedWith1A()
     const QByteArray image = firmwareOfSize(size);
     load(image);
     request();
-    const int blocks = size / ymodem::kPayload + 1;
+    const int blocks = size / kYModemPayload + 1;
     for (int block = 1; block <= blocks; ++block) {
         const QByteArray frame = request();
         QCOMPARE(frame.size(), 1029);
-        QVERIFY(frame
-                == ymodem::dataFrame(block,
-                                     image.mid((block - 1) * ymodem::kPayload, ymodem::kPayload)));
+        QVERIFY(frame == dataBlock(block, image.mid((block - 1) * kYModemPayload, kYModemPayload)));
         QCOMPARE(m_result, 1029);
     }
-    QCOMPARE(request(), ymodem::kEotFrame);
+    QCOMPARE(request(), eot());
     QCOMPARE(m_result, 1);
-    QCOMPARE(request(), ymodem::endFrame());
+    QCOMPARE(request(), endFrame());
     QCOMPARE(m_result, 0);
 }
 
@@ -357,30 +355,27 @@ void TestCYModem::wholeBlocksAreFollowedByOneOfPadding()
 {
     QFETCH(int, blocks);
 
-    const QByteArray image = firmwareOfSize(blocks * ymodem::kPayload);
+    const QByteArray image = firmwareOfSize(blocks * kYModemPayload);
     load(image);
     request();
     for (int block = 1; block <= blocks; ++block)
         QVERIFY(request()
-                == ymodem::dataFrame(block,
-                                     image.mid((block - 1) * ymodem::kPayload, ymodem::kPayload)));
-    QVERIFY(request() == ymodem::dataFrame(blocks + 1, QByteArray(ymodem::kPayload, '\x1A')));
-    QCOMPARE(request(), ymodem::kEotFrame);
+                == dataBlock(block, image.mid((block - 1) * kYModemPayload, kYModemPayload)));
+    QVERIFY(request() == dataBlock(blocks + 1, QByteArray(kYModemPayload, '\x1A')));
+    QCOMPARE(request(), eot());
 }
 
 void TestCYModem::blockNumbersWrapAfter255()
 {
-    const QByteArray image = firmwareOfSize(257 * ymodem::kPayload + 1);
+    const QByteArray image = firmwareOfSize(257 * kYModemPayload + 1);
     load(image);
     request();
     for (int block = 1; block <= 258; ++block) {
         const QByteArray frame = request();
-        QVERIFY(frame
-                == ymodem::dataFrame(block,
-                                     image.mid((block - 1) * ymodem::kPayload, ymodem::kPayload)));
+        QVERIFY(frame == dataBlock(block, image.mid((block - 1) * kYModemPayload, kYModemPayload)));
         QCOMPARE(frame.at(1), static_cast<char>(block % 256));
     }
-    QCOMPARE(request(), ymodem::kEotFrame);
+    QCOMPARE(request(), eot());
 }
 
 void TestCYModem::blockNumberIsTheIndex()
@@ -390,9 +385,9 @@ void TestCYModem::blockNumberIsTheIndex()
     // Nothing but index_added() counts.
     for (int i = 0; i < 5; ++i)
         m_sender->index_added();
-    QVERIFY(request() == ymodem::dataFrame(5, image.left(ymodem::kPayload)));
+    QVERIFY(request() == dataBlock(5, image.left(kYModemPayload)));
     m_sender->index_added();
-    QVERIFY(request() == ymodem::dataFrame(7, image.mid(ymodem::kPayload, ymodem::kPayload)));
+    QVERIFY(request() == dataBlock(7, image.mid(kYModemPayload, kYModemPayload)));
 }
 
 void TestCYModem::dataFramesArePrinted()
@@ -423,7 +418,7 @@ void TestCYModem::endFrameIsRepeated()
     load("x");
     for (int i = 0; i < 3; ++i)
         request();
-    const QByteArray frame = ymodem::endFrame();
+    const QByteArray frame = endFrame();
     QCOMPARE(frame.right(2), QByteArray("\0\0", 2));
     for (unsigned index = 3; index < 6; ++index) {
         QCOMPARE(m_sender->index(), index);
@@ -439,20 +434,20 @@ void TestCYModem::endFrameCanBeSentAtAnyTime()
     const int result = m_sender->send_end_frame(m_port.data());
     QCOMPARE(out.take(), QByteArray("[YModem]: send the last package.\n"));
     QCOMPARE(result, 133);
-    QCOMPARE(m_line->received(), ymodem::endFrame());
+    QCOMPARE(m_line->received(), endFrame());
     QCOMPARE(m_sender->index(), 0U);
 }
 
 void TestCYModem::requestBeforeLoadFileSendsEot()
 {
     m_sender->index_added();
-    QCOMPARE(request(), ymodem::kEotFrame);
-    QCOMPARE(request(), ymodem::endFrame());
+    QCOMPARE(request(), eot());
+    QCOMPARE(request(), endFrame());
 }
 
 void TestCYModem::startFrameBeforeLoadFileHasNoName()
 {
-    QCOMPARE(request(), ymodem::startFrame(QByteArray(), "0"));
+    QCOMPARE(request(), startFrame(QByteArray(), "0"));
     QCOMPARE(m_printed,
              QByteArray("Filename: \nFilesize: 0(0H)\n[YModem]: send the start package.\n"));
 }
@@ -464,9 +459,9 @@ void TestCYModem::directoryIsSentAsEmpty()
     QVERIFY(info.size() >= 1);
     const MessageCapture messages; // the framework complains about the open
     QCOMPARE(m_sender->load_file(QStringLiteral("directory")), static_cast<int>(info.size()));
-    QCOMPARE(request(), ymodem::startFrame("directory", QByteArray::number(info.size(), 16)));
-    QCOMPARE(request(), ymodem::kEotFrame);
-    QCOMPARE(request(), ymodem::endFrame());
+    QCOMPARE(request(), startFrame("directory", QByteArray::number(info.size(), 16)));
+    QCOMPARE(request(), eot());
+    QCOMPARE(request(), endFrame());
 }
 
 void TestCYModem::readErrorEndsTheFile()
@@ -482,8 +477,8 @@ void TestCYModem::readErrorEndsTheFile()
     QCOMPARE(request(), QByteArray());
     QCOMPARE(m_result, -1);
     QCOMPARE(m_printed, QByteArray());
-    QCOMPARE(request(), ymodem::kEotFrame);
-    QCOMPARE(request(), ymodem::endFrame());
+    QCOMPARE(request(), eot());
+    QCOMPARE(request(), endFrame());
 }
 
 void TestCYModem::shrunkFileIsPadded()
@@ -491,9 +486,9 @@ void TestCYModem::shrunkFileIsPadded()
     load(firmwareOfSize(3000));
     request();
     QCOMPARE(truncate("/root/mcu/UpdataSystem.bin", 0), 0);
-    QVERIFY(request() == ymodem::dataFrame(1, QByteArray()));
+    QVERIFY(request() == dataBlock(1, QByteArray()));
     QCOMPARE(m_printed, QByteArray("[YModem]: send the data package (1/3).\n"));
-    QCOMPARE(request(), ymodem::kEotFrame);
+    QCOMPARE(request(), eot());
 }
 
 void TestCYModem::resultIsThatOfTheWrite()
@@ -526,7 +521,7 @@ void TestCYModem::failedEotIsNotRepeated()
     QCOMPARE(m_result, 0);
     QCOMPARE(m_printed, QByteArray("[YModem]: send EOT package.\n"));
     QVERIFY(m_port->Open(m_line->path().constData(), "115200"));
-    QCOMPARE(request(), ymodem::endFrame());
+    QCOMPARE(request(), endFrame());
 }
 
 QTEST_APPLESS_MAIN(TestCYModem)

@@ -4,7 +4,9 @@
 #include <QByteArray>
 #include <QVector>
 
-// What an assistant sends, made by hand.
+// What the assistant sends, made by hand: nothing of the product's own framing is used here.
+
+constexpr int kYModemPayload = 1024;
 
 QByteArray goodVersionQuery(); // 30 bytes
 QByteArray goodStartCommand(); // 18 bytes

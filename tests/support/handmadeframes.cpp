@@ -40,7 +40,7 @@ QByteArray shortBlock(int number, const QByteArray &payload)
 
 QByteArray dataBlock(int number, const QByteArray &payload)
 {
-    return block(0x02, number, payload.leftJustified(1024, 0x1A));
+    return block(0x02, number, payload.leftJustified(kYModemPayload, 0x1A));
 }
 
 QByteArray startFrame(const QByteArray &name, const QByteArray &sizeText)
@@ -61,8 +61,8 @@ QByteArray eot()
 QVector<QByteArray> wholeTransfer(const QByteArray &image)
 {
     QVector<QByteArray> frames{startFrame("app.bin", QByteArray::number(image.size(), 16))};
-    for (int offset = 0; offset <= image.size(); offset += 1024)
-        frames << dataBlock(offset / 1024 + 1, image.mid(offset, 1024));
+    for (int offset = 0; offset <= image.size(); offset += kYModemPayload)
+        frames << dataBlock(offset / kYModemPayload + 1, image.mid(offset, kYModemPayload));
     return frames << eot() << endFrame();
 }
 
