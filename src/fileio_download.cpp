@@ -224,7 +224,7 @@ void FileIO::onFinished()
         // Deliberate: not cancelled, so the release below commits the redirect's own body.
         // (tst_download::refusedRedirectCommitsItsBody)
         emit error(ErrorNetwork, QStringLiteral("Re-directs not allowed"));
-    } else if (m_saveFile && m_saveFile->commit()) {
+    } else if (commitSaveFile()) {
         shutdownSaveFile();
         setProgress(1.0);
         if (self)
@@ -278,6 +278,12 @@ bool FileIO::openSaveFile(const QString &path)
     if (self && m_saveFile == failedFile)
         discardSaveFile();
     return false;
+}
+
+bool FileIO::commitSaveFile()
+{
+    // A commit does not tell when what was still buffered could not be written.
+    return m_saveFile && m_saveFile->flush() && m_saveFile->commit();
 }
 
 void FileIO::cancelSaveFile()
