@@ -13,6 +13,8 @@
 
 #include <memory>
 
+Q_DECLARE_METATYPE(HttpScript)
+
 using Lines = QByteArrayList;
 
 /// Waits for a condition that does come: the bound is for hangs, never a measure.

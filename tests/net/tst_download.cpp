@@ -7,8 +7,6 @@
 #include <csignal>
 #include <sys/resource.h>
 
-Q_DECLARE_METATYPE(HttpScript)
-
 class TestDownload : public QObject {
     Q_OBJECT
 
