@@ -1255,5 +1255,5 @@ void TestDownload::destructorStartsNothing()
     QCOMPARE(download.openFiles(), 0);
 }
 
-QTEST_MAIN(TestDownload)
+QTEST_GUILESS_MAIN(TestDownload)
 #include "tst_download.moc"

@@ -332,5 +332,5 @@ void TestDownloadHandlers::anyHandlerMayDeleteTheObject()
         QVERIFY(!sent.reply);
 }
 
-QTEST_MAIN(TestDownloadHandlers)
+QTEST_GUILESS_MAIN(TestDownloadHandlers)
 #include "tst_downloadhandlers.moc"
