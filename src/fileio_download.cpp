@@ -11,7 +11,8 @@
 
 namespace {
 
-constexpr qint64 kBytesPerKilobyte = 1000; // not 1024: scripts show decimal kilobytes
+constexpr qint64 kBytesPerKilobyte = 1000;      // not 1024: scripts show decimal kilobytes
+constexpr qint64 kUnwrittenBytes = 1024 * 1024; // a server faster than the disk waits beyond it
 
 struct ReplyConnection {
     const char *signal;
@@ -148,6 +149,7 @@ void FileIO::start(QUrl url)
 
     shutdownNetworkReply();
     m_reply = QuickDownloadMaster::instance()->networkAccessManager()->get(QNetworkRequest(m_url));
+    m_reply->setReadBufferSize(kUnwrittenBytes);
     for (const ReplyConnection &connection : kReplyConnections)
         connect(m_reply, connection.signal, connection.slot);
 
@@ -173,8 +175,12 @@ void FileIO::stop()
 
 void FileIO::onReadyRead()
 {
-    if (m_saveFile && m_reply)
-        m_saveFile->write(m_reply->readAll());
+    if (!m_reply)
+        return;
+    // Taken even without a file: the transfer would stall, and never end, on a full buffer.
+    const QByteArray piece = m_reply->readAll();
+    if (m_saveFile)
+        m_saveFile->write(piece);
 }
 
 void FileIO::onDownloadProgress(qint64 bytesReceived, qint64 bytesTotal)
