@@ -116,6 +116,7 @@ struct HttpServerState {
     QList<HttpRequest> requests;
     int connections = 0;
     int openConnections = 0;
+    qint64 bytesSent = 0;
 
     /// Records the request and takes its script.
     HttpScript scriptFor(const HttpRequest &request)
@@ -148,7 +149,10 @@ public:
         m_socket->setParent(this);
         m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
         connect(m_socket, &QTcpSocket::readyRead, this, &HttpConnection::read);
-        connect(m_socket, &QTcpSocket::bytesWritten, this, &HttpConnection::proceed);
+        connect(m_socket, &QTcpSocket::bytesWritten, this, [this](qint64 count) {
+            countSent(count);
+            proceed();
+        });
         connect(m_socket, &QTcpSocket::disconnected, this, &HttpConnection::end);
         const QMutexLocker lock(&m_state->mutex);
         ++m_state->connections;
@@ -200,6 +204,12 @@ private slots:
     }
 
 private:
+    void countSent(qint64 count)
+    {
+        const QMutexLocker lock(&m_state->mutex);
+        m_state->bytesSent += count;
+    }
+
     /// False when the step has to wait.
     bool doStep(const HttpScript::Step &step)
     {
@@ -380,6 +390,12 @@ int ScriptedHttpServer::openConnectionCount() const
 {
     const QMutexLocker lock(&m_state->mutex);
     return m_state->openConnections;
+}
+
+qint64 ScriptedHttpServer::bytesSent() const
+{
+    const QMutexLocker lock(&m_state->mutex);
+    return m_state->bytesSent;
 }
 
 #include "scriptedhttpserver.moc"

@@ -96,6 +96,8 @@ public:
     int connectionCount() const;
     /// Connections that are open now.
     int openConnectionCount() const;
+    /// Bytes that the system has taken for the clients so far.
+    qint64 bytesSent() const;
 
 private:
     QThread m_thread;
