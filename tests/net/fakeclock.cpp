@@ -20,6 +20,7 @@ thread_local Clock wallClock;
 
 // The library's clock: Qt reads the time of day by this function, and a program's own definition
 // goes before the platform library's.
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the library's are reserved
 extern "C" int gettimeofday(timeval *now, void * /*zone*/) noexcept
 {
     if (!wallClock.isFake) {

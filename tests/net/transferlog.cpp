@@ -15,12 +15,11 @@ TransferLog::TransferLog(FileIO *fileIo)
     : m_fileIo(fileIo)
 {
     const QMetaObject &meta = FileIO::staticMetaObject;
-    const QMetaMethod plainSlot =
-        metaObject()->method(metaObject()->indexOfSlot("addPlainSignal()"));
+    const int slot = staticMetaObject.indexOfSlot("addPlainSignal()");
     for (int i = meta.methodOffset(); i < meta.methodCount(); ++i) {
-        const QMetaMethod method = meta.method(i);
-        if (method.methodType() == QMetaMethod::Signal && method.parameterCount() == 0)
-            connect(fileIo, method, this, plainSlot);
+        const QMetaMethod signal = meta.method(i);
+        if (signal.methodType() == QMetaMethod::Signal && signal.parameterCount() == 0)
+            connect(fileIo, signal, this, staticMetaObject.method(slot));
     }
     connect(fileIo, &FileIO::redirected, this,
             [this](const QUrl &target) { add("redirected(" + target.toString().toUtf8() + ')'); });

@@ -56,6 +56,7 @@ private slots:
     // Success
     void successEndsInOrder();
     void progressOfOneIsNotRepeated();
+    void emptyBodyEndsAtOne();
     void destinationIsReplacedOnlyAtTheEnd();
     void laterDestinationLeavesTheRunningTransfer();
     void destinationChangedBetweenThePassesCounts();
@@ -95,7 +96,7 @@ private:
 
 namespace {
 
-constexpr qint64 kHugeBody = 64 * 1024 * 1024;
+constexpr qint64 kHugeBody = 64LL * 1024 * 1024;
 
 bool callProgress(const Download &download, qint64 received, qint64 total)
 {
@@ -762,6 +763,20 @@ void TestDownload::progressOfOneIsNotRepeated()
                     "runningChanged() running=0 progress=1", "finished() running=0 progress=1"}));
     QCOMPARE(download.log.of("progressChanged").count("progressChanged() running=1 progress=1"), 1);
     QVERIFY(download.log.of("update").last().startsWith("update(4, 4)"));
+}
+
+void TestDownload::emptyBodyEndsAtOne()
+{
+    ScriptedHttpServer server;
+    server.on("/a", HttpScript::fixedLength({}));
+    Download download;
+    download.startOnce(server.url("/a"));
+    AWAIT(download.finished());
+    QCOMPARE(download.log.entries().mid(2),
+             Lines({"update(0, 0) running=1 progress=0", "progressChanged() running=1 progress=nan",
+                    "progressChanged() running=1 progress=1",
+                    "runningChanged() running=0 progress=1", "finished() running=0 progress=1"}));
+    QCOMPARE(download.content(), QByteArray());
 }
 
 void TestDownload::destinationIsReplacedOnlyAtTheEnd()

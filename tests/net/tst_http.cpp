@@ -69,10 +69,10 @@ QString text(const QUrl &url)
     return QString::fromLatin1(url.toEncoded());
 }
 
-/// Runs `action` in the event loop's next turn.
-void soon(const std::function<void()> &action)
+/// Runs `action` in the event loop's next turn, if `context` still lives then.
+void soon(QObject *context, const std::function<void()> &action)
 {
-    QTimer::singleShot(0, action);
+    QMetaObject::invokeMethod(context, action, Qt::QueuedConnection);
 }
 
 /// Asks for what is not going to be answered, without a wait in real time.
@@ -181,7 +181,7 @@ void TestHttp::runningSendsNothing()
     fileIo.setRunning(true);
     // It returns at once: the event loop does not turn.
     bool turned = false;
-    QTimer::singleShot(0, &fileIo, [&turned] { turned = true; });
+    soon(&fileIo, [&turned] { turned = true; });
     const QString got = fileIo.httpGet(text(server.url("/a")));
     const QString posted = fileIo.httpPost(text(server.url("/a")), QStringLiteral("data"));
     QCOMPARE(got, QLatin1String(""));
@@ -269,7 +269,7 @@ void TestHttp::noAnswerIsAnEmptyText()
     const MessageCapture messages;
     // Time stands still until the end of the answer.
     FakeClock clock(kNoon, 0);
-    soon([&] {
+    soon(this, [&] {
         QNetworkReply *const reply = m_manager->lastReply();
         connect(reply, &QNetworkReply::finished, this, [&clock] { clock.setStep(50); });
         if (reply->isFinished())
@@ -300,7 +300,7 @@ void TestHttp::secondPieceWithinAPauseReplacesTheFirst()
     server.on("/a", HttpScript::head(11).send("first").hold().send("second"));
     FileIO fileIo;
     int pieces = 0;
-    soon([&] {
+    soon(this, [&] {
         connect(m_manager->lastReply(), &QNetworkReply::readyRead, this, [&] {
             if (++pieces > 1)
                 return;
@@ -354,7 +354,7 @@ void TestHttp::answerEndsTheWaitAfterItsPause()
     // Time stands still until the answer is there.
     FakeClock clock(kNoon, 0);
     int looksBefore = 0;
-    soon([&] {
+    soon(this, [&] {
         connect(m_manager->lastReply(), &QNetworkReply::readyRead, this, [&] {
             looksBefore = clock.looks();
             clock.setStep(100);
@@ -385,7 +385,7 @@ void TestHttp::eventsAreProcessedMeanwhile()
     server.on("/a", HttpScript().hold().then(HttpScript::fixedLength("body")));
     FileIO fileIo;
     // Only the event loop of the wait can bring the answer.
-    soon([&] { server.release("/a"); });
+    soon(this, [&] { server.release("/a"); });
     QCOMPARE(fileIo.httpGet(text(server.url("/a"))), QStringLiteral("body"));
 }
 
@@ -423,7 +423,7 @@ void TestHttp::delayOfNothingProcessesNothing()
 
     FileIO fileIo;
     bool turned = false;
-    QTimer::singleShot(0, &fileIo, [&turned] { turned = true; });
+    soon(&fileIo, [&turned] { turned = true; });
     const FakeClock clock(kNoon, 10);
     fileIo.delay_ms(ms);
     QCOMPARE(clock.looks(), 2);
@@ -434,7 +434,7 @@ void TestHttp::delayEndsEarlyAcrossMidnight()
 {
     FileIO fileIo;
     bool turned = false;
-    QTimer::singleShot(0, &fileIo, [&turned] { turned = true; });
+    soon(&fileIo, [&turned] { turned = true; });
     const FakeClock clock(QTime(23, 59, 59, 950), 10);
     fileIo.delay_ms(100);
     QCOMPARE(clock.looks(), 2);
@@ -451,7 +451,7 @@ void TestHttp::lateAnswerReadsTheNewerReply()
 
     QNetworkReply *const late = m_manager->lastReply();
     connect(late, &QNetworkReply::readyRead, this, [&server] { server.release("/new"); });
-    soon([&server] { server.release("/late"); });
+    soon(this, [&server] { server.release("/late"); });
     QCOMPARE(fileIo.httpGet(text(server.url("/new"))), QStringLiteral("new"));
     QCOMPARE(late->bytesAvailable(), 4); // nobody has read it
     QCOMPARE(m_manager->lastReply()->bytesAvailable(), 0);
@@ -495,7 +495,7 @@ void TestHttp::innerCallSharesTheText()
     server.on("/inner", HttpScript::fixedLength("inner"));
     FileIO fileIo;
     QString inner;
-    soon([&] { inner = fileIo.httpGet(text(server.url("/inner"))); });
+    soon(this, [&] { inner = fileIo.httpGet(text(server.url("/inner"))); });
     QCOMPARE(fileIo.httpGet(text(server.url("/outer"))), QStringLiteral("inner"));
     QCOMPARE(inner, QStringLiteral("inner"));
 }
@@ -514,7 +514,7 @@ void TestHttp::replyDeletedMeanwhileIsSurvived()
     server.on("/a", HttpScript::silence());
     server.on("/b", HttpScript::fixedLength("body"));
     FileIO fileIo;
-    soon([&] {
+    soon(this, [&] {
         delete m_manager->lastReply();
         call(&fileIo, "onReadyReadReply");
     });
@@ -529,7 +529,7 @@ void TestHttp::managerDeletedMeanwhileIsSurvived()
     server.on("/a", HttpScript::silence());
     server.on("/b", HttpScript::fixedLength("body"));
     FileIO fileIo;
-    soon([&] { m_manager.reset(); });
+    soon(this, [&] { m_manager.reset(); });
     QCOMPARE(getUnanswered(fileIo, server.url("/a")), QString());
     QVERIFY(!m_manager);
     QCOMPARE(fileIo.httpGet(text(server.url("/b"))), QStringLiteral("body"));
@@ -540,7 +540,7 @@ void TestHttp::objectDeletedMeanwhileIsSurvived()
     ScriptedHttpServer server;
     server.on("/a", HttpScript::silence());
     auto fileIo = std::make_unique<FileIO>();
-    soon([&] { fileIo.reset(); });
+    soon(this, [&] { fileIo.reset(); });
     const FakeClock clock(kNoon, 50);
     const QString answer = fileIo->httpGet(text(server.url("/a")));
     QCOMPARE(answer, QString());
@@ -572,7 +572,7 @@ void TestHttp::downloadStartedMeanwhileIsWhole()
     server.on("/a", HttpScript().hold().then(HttpScript::fixedLength("late")));
     server.on("/b", HttpScript::head(10).send("begun").hold().send("ended"));
     Download download;
-    soon([&] {
+    soon(this, [&] {
         download.startOnce(server.url("/b"));
         server.release("/a");
     });

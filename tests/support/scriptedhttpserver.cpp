@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr qint64 kUnsentLimit = 256 * 1024; // what a connection holds for a slow client
+constexpr qint64 kUnsentLimit = 256LL * 1024; // what a connection holds for a slow client
 
 QByteArray statusLine(int status)
 {
