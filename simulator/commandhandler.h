@@ -1,0 +1,28 @@
+#ifndef BOARDSIM_COMMANDHANDLER_H
+#define BOARDSIM_COMMANDHANDLER_H
+
+#include "framehandler.h"
+
+namespace boardsim {
+
+/// A command of the board's application that has one valid form. A frame with anything off in it
+/// gets no answer, as no board answers what it does not understand.
+class CommandHandler : public FrameHandler {
+public:
+    /// `good` is what happens to a valid frame; its meaning names the command in the transcript.
+    /// `count` counts the valid ones; it must outlive the handler.
+    CommandHandler(Step step, const QByteArray &expected, const Verdict &good, int &count);
+
+    std::optional<Claim> claim(const QByteArray &start) const override;
+    Verdict receive(const QByteArray &frame) override;
+
+private:
+    Step m_step;
+    QByteArray m_expected;
+    Verdict m_good;
+    int &m_count;
+};
+
+} // namespace boardsim
+
+#endif // BOARDSIM_COMMANDHANDLER_H

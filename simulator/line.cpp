@@ -1,0 +1,104 @@
+#include "line.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+#include <unistd.h>
+
+namespace boardsim {
+
+namespace {
+
+constexpr int kBitsPerByte = 10; // start bit, 8 data bits, stop bit
+
+} // namespace
+
+Line::Line(int baud)
+{
+    if (baud > 0)
+        m_byteTime = std::chrono::nanoseconds(std::chrono::seconds(kBitsPerByte)) / baud;
+}
+
+bool Line::read(TimePoint now)
+{
+    std::array<char, 4096> buffer{};
+    for (;;) {
+        const ssize_t count = ::read(m_descriptor, buffer.data(), buffer.size());
+        if (count > 0) {
+            const int size = static_cast<int>(count);
+            const TimePoint start = std::max(now, m_incomingFree);
+            m_incoming.push_back({QByteArray(buffer.data(), size), start});
+            m_incomingFree = start + durationOf(size);
+            continue;
+        }
+        if (count < 0 && errno == EINTR)
+            continue;
+        return count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+    }
+}
+
+QByteArray Line::takeArrived(TimePoint now)
+{
+    QByteArray arrived;
+    while (!m_incoming.empty()) {
+        Incoming &first = m_incoming.front();
+        const int count = bytesBy(now, first.start, first.bytes.size());
+        arrived += first.bytes.mid(first.taken, count - first.taken);
+        first.taken = count;
+        if (count < first.bytes.size())
+            break;
+        m_incoming.pop_front();
+    }
+    return arrived;
+}
+
+TimePoint Line::queue(const Write &write, TimePoint now)
+{
+    const TimePoint start = std::max(now, m_outgoingFree) + write.delay;
+    m_outgoing.push_back({write, start});
+    m_outgoingFree = start + durationOf(write.bytes.size());
+    return m_outgoingFree;
+}
+
+QVector<Write> Line::sendDue(TimePoint now)
+{
+    QVector<Write> done;
+    while (!m_outgoing.empty()) {
+        Outgoing &first = m_outgoing.front();
+        const int count = bytesBy(now, first.start, first.write.bytes.size());
+        if (count > first.sent) {
+            const auto size = static_cast<size_t>(count - first.sent);
+            // Deliberate: a full line drops the bytes, nobody has read them for a long time.
+            static_cast<void>(
+                !::write(m_descriptor, first.write.bytes.constData() + first.sent, size));
+            first.sent = count;
+        }
+        if (now < first.start || first.sent < first.write.bytes.size())
+            break;
+        done.append(first.write);
+        m_outgoing.pop_front();
+    }
+    return done;
+}
+
+std::optional<TimePoint> Line::deadline() const
+{
+    std::optional<TimePoint> next;
+    if (!m_incoming.empty())
+        next = m_incoming.front().start + durationOf(m_incoming.front().taken + 1);
+    if (!m_outgoing.empty())
+        next = sooner(next, m_outgoing.front().start + durationOf(m_outgoing.front().sent + 1));
+    return next;
+}
+
+int Line::bytesBy(TimePoint now, TimePoint start, int size) const
+{
+    if (now < start)
+        return 0;
+    if (m_byteTime.count() == 0)
+        return size;
+    return static_cast<int>(std::min<qint64>((now - start) / m_byteTime, size));
+}
+
+} // namespace boardsim

@@ -1,0 +1,29 @@
+#ifndef BOARDSIM_OPTIONS_H
+#define BOARDSIM_OPTIONS_H
+
+#include "clock.h"
+#include "transcript.h"
+
+#include <QByteArray>
+#include <QString>
+
+namespace boardsim {
+
+/// How a simulated board behaves. The defaults are a good board on a line without delay.
+struct Options {
+    QString linkPath;                  // link to the device, removed at the end; empty: none
+    QByteArray versionText = "V4.1.3"; // ASCII, at most kMaxVersionText characters
+    QString imageFile;                 // where a complete image is written; empty: nowhere
+    int baud = 0;          // delays both directions as a line of this speed does; 0: no delay
+    int controlRepeat = 1; // bytes in an answer of the boot loader, see the README
+    bool startInBootLoader = false;     // as after an update that broke off
+    Milliseconds bootDelay{1500};       // from the start answer to the first 'C'
+    Milliseconds requestInterval{1000}; // between the 'C's that ask for the start frame
+    Milliseconds frameGap{250};         // a pause in a frame that means that it broke off
+    LineSink transcript;                // called on the simulator's thread; may be empty
+    HexStyle hexStyle = HexStyle::Full;
+};
+
+} // namespace boardsim
+
+#endif // BOARDSIM_OPTIONS_H

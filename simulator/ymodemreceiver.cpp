@@ -1,0 +1,306 @@
+#include "ymodemreceiver.h"
+
+#include "crc16.h"
+#include "hextext.h"
+
+#include <algorithm>
+
+namespace boardsim {
+
+namespace {
+
+constexpr char kSoh = 0x01; // head of a block with 128 bytes: start and end frame
+constexpr char kStx = 0x02; // head of a block with 1024 bytes: data
+constexpr char kEot = 0x04;
+constexpr char kPadding = 0x1A;
+
+constexpr int kHeaderSize = 3; // head, block number, its complement
+constexpr int kCrcSize = 2;
+constexpr int kShortPayload = 128;
+constexpr int kDataPayload = 1024;
+constexpr int kMaxSizeDigits = 8;
+
+QByteArray payloadOf(const QByteArray &frame)
+{
+    return frame.mid(kHeaderSize, frame.size() - kHeaderSize - kCrcSize);
+}
+
+/// Checks what every block has: number, complement and CRC.
+QStringList blockFaults(const QByteArray &frame, quint8 expectedNumber)
+{
+    QStringList faults;
+    const auto number = static_cast<quint8>(frame.at(1));
+    const auto complement = static_cast<quint8>(frame.at(2));
+    if (number != expectedNumber)
+        faults << QStringLiteral("block number is %1, not %2").arg(number).arg(expectedNumber);
+    if (number + complement != 0xFF)
+        faults << QStringLiteral("complement 0x%1 does not fit block number 0x%2")
+                      .arg(hexByte(complement), hexByte(number));
+
+    const quint16 crc = crc16(payloadOf(frame));
+    const auto high = static_cast<quint8>(frame.at(frame.size() - 2));
+    const auto low = static_cast<quint8>(frame.at(frame.size() - 1));
+    if (((high << 8) | low) != crc)
+        faults << QStringLiteral("CRC is 0x%1%2, not 0x%3")
+                      .arg(hexByte(high), hexByte(low))
+                      .arg(crc, 4, 16, QLatin1Char('0'));
+    return faults;
+}
+
+bool consistsOf(const QByteArray &bytes, char value)
+{
+    return std::all_of(bytes.begin(), bytes.end(), [value](char c) { return c == value; });
+}
+
+bool isPrintableAscii(const QByteArray &text)
+{
+    return std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c <= '~'; });
+}
+
+/// Hexadecimal as printf's "%x" writes it: lower case, no prefix, no leading zero.
+bool isHexNumber(const QByteArray &text)
+{
+    if (text.isEmpty() || text.size() > kMaxSizeDigits || text.startsWith('0'))
+        return false;
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
+}
+
+/// What the start frame announces.
+struct FileHeader {
+    QByteArray name;
+    qint64 size = 0;
+};
+
+FileHeader parseFileHeader(const QByteArray &payload, QStringList &faults)
+{
+    FileHeader header;
+    const int nameEnd = payload.indexOf('\0');
+    if (nameEnd < 0) {
+        faults << QStringLiteral("file name has no zero byte at its end");
+        return header;
+    }
+    header.name = payload.left(nameEnd);
+    if (header.name.isEmpty())
+        faults << QStringLiteral("file name is empty");
+    else if (!isPrintableAscii(header.name))
+        faults << QStringLiteral("file name is not printable ASCII");
+
+    const int sizeEnd = payload.indexOf('\0', nameEnd + 1);
+    if (sizeEnd < 0) {
+        faults << QStringLiteral("size text has no zero byte at its end");
+        return header;
+    }
+    const QByteArray sizeText = payload.mid(nameEnd + 1, sizeEnd - nameEnd - 1);
+    if (isHexNumber(sizeText))
+        header.size = sizeText.toLongLong(nullptr, 16);
+    else
+        faults << QStringLiteral("size text \"%1\" is not a hexadecimal number above 0")
+                      .arg(QString::fromLatin1(sizeText));
+    if (!consistsOf(payload.mid(sizeEnd), '\0'))
+        faults << QStringLiteral("start frame is not filled up with zeros");
+    return header;
+}
+
+Answer control(const QByteArray &bytes, const QString &meaning)
+{
+    return {Answer::Kind::Control, bytes, meaning};
+}
+
+Answer ack()
+{
+    return control(QByteArray(1, kAck), QStringLiteral("ACK"));
+}
+
+Answer ackAndRequest()
+{
+    return control(QByteArray(1, kAck) + kRequest, QStringLiteral("ACK and 'C'"));
+}
+
+Answer nak()
+{
+    return control(QByteArray(1, kNak), QStringLiteral("NAK"));
+}
+
+Verdict good(const QString &meaning, const std::optional<Answer> &answer)
+{
+    Verdict verdict;
+    verdict.meaning = meaning;
+    verdict.answer = answer;
+    return verdict;
+}
+
+Verdict refused(const QString &meaning, const QStringList &violations)
+{
+    Verdict verdict;
+    verdict.meaning = meaning;
+    verdict.violations = violations;
+    verdict.answer = nak();
+    return verdict;
+}
+
+} // namespace
+
+YModemReceiver::YModemReceiver(Report &report)
+    : m_report(report)
+{
+}
+
+void YModemReceiver::begin()
+{
+    m_report.transfers.append(Transfer{});
+    m_state = State::AwaitStart;
+}
+
+std::optional<Claim> YModemReceiver::claim(const QByteArray &start) const
+{
+    if (m_state == State::Off)
+        return std::nullopt;
+    const char head = start.at(0);
+    if (head == kSoh)
+        return Claim{kHeaderSize + kShortPayload + kCrcSize, currentPlace(head)};
+    if (m_state == State::Done)
+        return std::nullopt;
+    if (head == kStx)
+        return Claim{kHeaderSize + kDataPayload + kCrcSize, currentPlace(head)};
+    if (head == kEot)
+        return Claim{1, currentPlace(head)};
+    return std::nullopt;
+}
+
+Verdict YModemReceiver::receive(const QByteArray &frame)
+{
+    switch (frame.at(0)) {
+    case kSoh:
+        return receiveShortBlock(frame);
+    case kStx:
+        return receiveDataBlock(frame);
+    default:
+        return receiveEot();
+    }
+}
+
+std::optional<Answer> YModemReceiver::answerToBrokenFrame() const
+{
+    if (m_state == State::Done)
+        return std::nullopt;
+    return nak();
+}
+
+Place YModemReceiver::currentPlace(char head) const
+{
+    if (m_state == State::AwaitStart)
+        return {Step::StartFrame};
+    if (m_state == State::AwaitEnd || m_state == State::Done)
+        return {Step::End};
+    if (head == kEot)
+        return {Step::Eot};
+    const Transfer &transfer = m_report.transfers.last();
+    return {Step::Block, transfer.blocksReceived + 1, transfer.blocksExpected};
+}
+
+Verdict YModemReceiver::receiveShortBlock(const QByteArray &frame)
+{
+    switch (m_state) {
+    case State::AwaitStart:
+        return receiveStartFrame(frame);
+    case State::AwaitEnd:
+    case State::Done:
+        return receiveEndFrame(frame);
+    default:
+        return refused(QStringLiteral("128-byte block among the data"),
+                       {QStringLiteral("128-byte block where 1024-byte blocks are sent")});
+    }
+}
+
+Verdict YModemReceiver::receiveStartFrame(const QByteArray &frame)
+{
+    QStringList faults = blockFaults(frame, 0);
+    const FileHeader header = parseFileHeader(payloadOf(frame), faults);
+    if (!faults.isEmpty())
+        return refused(QStringLiteral("bad start frame"), faults);
+
+    Transfer &transfer = m_report.transfers.last();
+    transfer.fileName = QString::fromLatin1(header.name);
+    transfer.announcedSize = header.size;
+    // A size that is a multiple of 1024 is followed by one block of nothing but padding.
+    transfer.blocksExpected = header.size / kDataPayload + 1;
+    m_state = State::AwaitData;
+    return good(QStringLiteral("start frame: \"%1\", %2 bytes (hex %3), %4 blocks to come")
+                    .arg(transfer.fileName)
+                    .arg(header.size)
+                    .arg(header.size, 0, 16)
+                    .arg(transfer.blocksExpected),
+                ackAndRequest());
+}
+
+Verdict YModemReceiver::receiveDataBlock(const QByteArray &frame)
+{
+    if (m_state != State::AwaitData) {
+        const QString wanted = m_state == State::AwaitStart ? QStringLiteral("start frame")
+                                                            : QStringLiteral("end frame");
+        return refused(QStringLiteral("data block out of turn"),
+                       {QStringLiteral("data block where the %1 should come").arg(wanted)});
+    }
+
+    Transfer &transfer = m_report.transfers.last();
+    const qint64 block = transfer.blocksReceived + 1;
+    const QString name = QStringLiteral("block %1 of %2").arg(block).arg(transfer.blocksExpected);
+    if (block > transfer.blocksExpected)
+        return refused(QStringLiteral("data block too many"),
+                       {QStringLiteral("data block after the last one, EOT should come")});
+
+    QStringList faults = blockFaults(frame, static_cast<quint8>(block & 0xFF));
+    const QByteArray payload = payloadOf(frame);
+    const qint64 left = transfer.announcedSize - transfer.image.size();
+    const int used = static_cast<int>(std::min<qint64>(left, kDataPayload));
+    if (!consistsOf(payload.mid(used), kPadding))
+        faults << QStringLiteral("last block is not filled up with 0x1a behind byte %1").arg(used);
+    if (!faults.isEmpty())
+        return refused(QStringLiteral("bad %1").arg(name), faults);
+
+    transfer.image += payload.left(used);
+    transfer.blocksReceived = block;
+    return good(QStringLiteral("%1, %2 bytes of data").arg(name).arg(used), ack());
+}
+
+Verdict YModemReceiver::receiveEot()
+{
+    if (m_state != State::AwaitData)
+        return refused(QStringLiteral("EOT out of turn"), {QStringLiteral("EOT out of turn")});
+
+    Transfer &transfer = m_report.transfers.last();
+    transfer.eotReceived = true;
+    m_state = State::AwaitEnd;
+    Verdict verdict = good(QStringLiteral("EOT"), ackAndRequest());
+    if (transfer.blocksReceived < transfer.blocksExpected)
+        verdict.violations << QStringLiteral("EOT after %1 of %2 blocks")
+                                  .arg(transfer.blocksReceived)
+                                  .arg(transfer.blocksExpected);
+    return verdict;
+}
+
+Verdict YModemReceiver::receiveEndFrame(const QByteArray &frame)
+{
+    QStringList faults = blockFaults(frame, 0);
+    if (!consistsOf(payloadOf(frame), '\0'))
+        faults << QStringLiteral("payload of the end frame is not all zeros");
+
+    Transfer &transfer = m_report.transfers.last();
+    if (m_state == State::Done) {
+        ++transfer.extraEndFrames;
+        Verdict verdict = good(QStringLiteral("further end frame, not answered"), std::nullopt);
+        verdict.violations = faults;
+        return verdict;
+    }
+    if (!faults.isEmpty())
+        return refused(QStringLiteral("bad end frame"), faults);
+
+    transfer.complete = true;
+    m_state = State::Done;
+    Verdict verdict = good(QStringLiteral("end frame"), ack());
+    verdict.next = Verdict::Next::LeaveBootLoader;
+    return verdict;
+}
+
+} // namespace boardsim

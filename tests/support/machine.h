@@ -1,0 +1,45 @@
+#ifndef MACHINE_H
+#define MACHINE_H
+
+#include "pty.h"
+
+#include <QByteArray>
+#include <QString>
+
+// The product's fixed places. They exist for tests only inside the sandbox.
+
+/// Whether this program runs on the simulated machine.
+bool onSimulatedMachine();
+
+/// For initTestCase(): skips the program everywhere else.
+#define SKIP_OFF_THE_SIMULATED_MACHINE()                                                           \
+    do {                                                                                           \
+        if (!onSimulatedMachine())                                                                 \
+            QSKIP("needs fixed paths of the machine: start it with sandbox/run");                  \
+    } while (false)
+
+/// A pseudo-terminal that stands at the control board's device path while it lives.
+class BoardLine : public Pty {
+public:
+    BoardLine();
+    ~BoardLine() override;
+};
+
+/// The directory of firmware images, new and empty.
+class FirmwareDir {
+public:
+    FirmwareDir();
+    ~FirmwareDir();
+    FirmwareDir(const FirmwareDir &) = delete;
+    FirmwareDir &operator=(const FirmwareDir &) = delete;
+
+    QString path(const QString &name) const;
+    void put(const QString &name, const QByteArray &content) const;
+    /// Makes `name` a symbolic link to `target`.
+    void link(const QString &name, const QByteArray &target) const;
+};
+
+/// Bytes without a regular pattern, the same at each call.
+QByteArray firmwareOfSize(int size);
+
+#endif // MACHINE_H

@@ -1,0 +1,34 @@
+#ifndef PEER_H
+#define PEER_H
+
+#include "pty.h"
+
+#include <functional>
+#include <thread>
+
+/// Plays a script at the other end of a line, in a thread of its own, while the test's thread is
+/// blocked in the product. The line is the script's until finish().
+class Peer {
+public:
+    using Script = std::function<void(Pty &)>;
+
+    Peer(Pty &line, Script script)
+        : m_thread([&line, script = std::move(script)] { script(line); })
+    {
+    }
+    ~Peer() { finish(); }
+    Peer(const Peer &) = delete;
+    Peer &operator=(const Peer &) = delete;
+
+    /// Waits for the script's end.
+    void finish()
+    {
+        if (m_thread.joinable())
+            m_thread.join();
+    }
+
+private:
+    std::thread m_thread;
+};
+
+#endif // PEER_H

@@ -1,0 +1,176 @@
+#include "pty.h"
+
+#include <QDeadlineTimer>
+#include <QThread>
+#include <QtGlobal>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int kPollMs = 1;
+
+} // namespace
+
+Pty::Pty()
+    : m_master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC))
+{
+    if (m_master < 0 || grantpt(m_master) != 0 || unlockpt(m_master) != 0)
+        qFatal("no pseudo-terminal");
+    m_path = ptsname(m_master);
+    m_slave = open(m_path.constData(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    termios raw = settings();
+    raw.c_iflag = 0;
+    raw.c_oflag = 0;
+    raw.c_lflag = 0;
+    setSettings(raw);
+    // Packet mode: the master also hears when the slave's queues are discarded.
+    int on = 1;
+    if (ioctl(m_master, TIOCPKT, &on) != 0)
+        qFatal("no packet mode");
+}
+
+Pty::~Pty()
+{
+    giveUpSlave();
+    hangUp();
+}
+
+QByteArray Pty::path() const
+{
+    return m_path;
+}
+
+int Pty::slave() const
+{
+    return m_slave;
+}
+
+void Pty::send(const QByteArray &bytes)
+{
+    const ssize_t count =
+        write(m_master, bytes.constData(), static_cast<std::size_t>(bytes.size()));
+    if (count != bytes.size())
+        qFatal("the line does not take %d bytes", bytes.size());
+}
+
+/// Waits for one packet and sorts it. False when none comes in time or the line is dead.
+bool Pty::collect(int timeoutMs)
+{
+    pollfd master{m_master, POLLIN, 0};
+    if (poll(&master, 1, timeoutMs) <= 0 || !(master.revents & POLLIN))
+        return false;
+    char packet[4096];
+    const ssize_t count = read(m_master, packet, sizeof packet);
+    if (count < 1)
+        return false;
+    if (packet[0] == TIOCPKT_DATA) {
+        m_received.append(packet + 1, static_cast<int>(count) - 1);
+        return true;
+    }
+    if (packet[0] & TIOCPKT_FLUSHWRITE)
+        ++m_discards;
+    if (packet[0] & TIOCPKT_FLUSHREAD)
+        ++m_inputDiscards;
+    return true;
+}
+
+QByteArray Pty::receive(int count, int timeoutMs)
+{
+    const QDeadlineTimer deadline(timeoutMs);
+    while (m_received.size() < count && collect(static_cast<int>(deadline.remainingTime()))) { }
+    const QByteArray bytes = m_received.left(count);
+    m_received.remove(0, bytes.size());
+    return bytes;
+}
+
+QByteArray Pty::received()
+{
+    while (collect(0)) { }
+    const QByteArray bytes = m_received;
+    m_received.clear();
+    return bytes;
+}
+
+bool Pty::waitUntilTaken()
+{
+    const QDeadlineTimer deadline(kHangMs);
+    while (!deadline.hasExpired()) {
+        int pending = 0;
+        if (ioctl(m_slave, FIONREAD, &pending) == 0 && pending == 0)
+            return true;
+        QThread::msleep(kPollMs);
+    }
+    return false;
+}
+
+bool Pty::waitForTimeout(int tenths)
+{
+    const QDeadlineTimer deadline(kHangMs);
+    while (!deadline.hasExpired()) {
+        const termios now = settings();
+        if (now.c_cc[VMIN] == 0 && now.c_cc[VTIME] == tenths)
+            return true;
+        QThread::msleep(kPollMs);
+    }
+    return false;
+}
+
+bool Pty::waitForDiscards(int count, int timeoutMs)
+{
+    const QDeadlineTimer deadline(timeoutMs);
+    while (m_discards < count && collect(static_cast<int>(deadline.remainingTime()))) { }
+    return m_discards >= count;
+}
+
+int Pty::discards()
+{
+    while (collect(0)) { }
+    return m_discards;
+}
+
+int Pty::inputDiscards()
+{
+    while (collect(0)) { }
+    return m_inputDiscards;
+}
+
+termios Pty::settings() const
+{
+    termios now{};
+    tcgetattr(m_master, &now);
+    return now;
+}
+
+void Pty::setSettings(const termios &settings)
+{
+    tcsetattr(m_master, TCSANOW, &settings);
+}
+
+void Pty::giveUpSlave()
+{
+    if (m_slave >= 0)
+        close(m_slave);
+    m_slave = -1;
+}
+
+bool Pty::isOpenedByProduct()
+{
+    giveUpSlave();
+    // The master hears a hang-up while nobody has the slave open.
+    pollfd master{m_master, 0, 0};
+    return poll(&master, 1, 0) == 0;
+}
+
+void Pty::hangUp()
+{
+    if (m_master >= 0)
+        close(m_master);
+    m_master = -1;
+}

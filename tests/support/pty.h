@@ -1,0 +1,69 @@
+#ifndef PTY_H
+#define PTY_H
+
+#include <QByteArray>
+
+#include <termios.h>
+
+/// How long a test waits for what must happen: a bound for hangs, never a measure.
+constexpr int kHangMs = 20000;
+
+/// A pseudo-terminal pair. The test holds the master and plays the other end of the line; the
+/// product opens the slave by its path. One thread at a time.
+class Pty {
+public:
+    /// Holds the slave open too, raw, so that nothing is echoed or lost before the product opens
+    /// it.
+    Pty();
+    virtual ~Pty();
+    Pty(const Pty &) = delete;
+    Pty &operator=(const Pty &) = delete;
+
+    /// Path of the slave, "/dev/pts/N".
+    QByteArray path() const;
+    /// The held slave, -1 once it is given up.
+    int slave() const;
+
+    /// Sends `bytes` to the product, all in one write.
+    void send(const QByteArray &bytes);
+    /// What the product sent: exactly `count` bytes, fewer when they do not come in time.
+    QByteArray receive(int count, int timeoutMs = kHangMs);
+    /// What the product has sent by now.
+    QByteArray received();
+
+    /// Waits until the product has read all that was sent.
+    bool waitUntilTaken();
+    /// Waits until the product has set the line's inter-character time-out; its pending input is
+    /// discarded by then, so nothing that is sent from now on gets lost.
+    bool waitForTimeout(int tenths);
+    /// Waits until the product has discarded its output `count` times in all: every Read that
+    /// gives up does so once.
+    bool waitForDiscards(int count, int timeoutMs = kHangMs);
+    /// How often the product has discarded its unsent output by now.
+    int discards();
+    /// How often the product has discarded its unread input by now.
+    int inputDiscards();
+
+    /// The slave's settings.
+    termios settings() const;
+    void setSettings(const termios &settings);
+
+    /// Closes the held slave.
+    void giveUpSlave();
+    /// Whether the product has the slave open. Gives up the held one.
+    bool isOpenedByProduct();
+    /// Closes the master: the line is dead for the product.
+    void hangUp();
+
+private:
+    bool collect(int timeoutMs);
+
+    int m_master;
+    int m_slave;
+    QByteArray m_path;
+    QByteArray m_received;
+    int m_discards = 0;
+    int m_inputDiscards = 0;
+};
+
+#endif // PTY_H
