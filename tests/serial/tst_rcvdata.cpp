@@ -6,8 +6,10 @@
 #include <QElapsedTimer>
 #include <QtTest>
 
+#include <csignal>
 #include <functional>
 #include <sys/ioctl.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -75,6 +77,7 @@ private slots:
     void failedWaitsMakeANegativeTotal();
     void failedReadsCount65535();
     void nothingIsWrittenBehindTheBuffer();
+    void nothingIsWrittenBeforeTheBuffer();
 
 private:
     struct Block {
@@ -258,6 +261,41 @@ void TestRcvData::nothingIsWrittenBehindTheBuffer()
     QVERIFY(block.out.endsWith(kTimeOut));
     // The third read would have begun within the buffer and ended behind it.
     QCOMPARE(block.bytes, bytes.left(104).leftJustified(kCapacity, kUntouched));
+}
+
+namespace {
+
+Pty *interruptedLine = nullptr;
+QByteArray lateBytes;
+
+} // namespace
+
+void TestRcvData::nothingIsWrittenBeforeTheBuffer()
+{
+    // A signal ends the first wait, and what then comes finds a negative total. The bytes are sent
+    // by the handler, which runs behind the wait that it has interrupted.
+    interruptedLine = m_line.data();
+    lateBytes = bytesUpTo(64);
+    struct sigaction sendLate { };
+    sendLate.sa_handler = [](int) { interruptedLine->send(lateBytes); };
+    struct sigaction before { };
+    sigaction(SIGALRM, &sendLate, &before);
+    Block block{};
+    // Once more with more time if the signal came before the wait.
+    for (int delayMs = 100; delayMs < kHangMs / 2; delayMs *= 2) {
+        const itimerval once{{0, 0}, {delayMs / 1000, delayMs % 1000 * 1000}};
+        setitimer(ITIMER_REAL, &once, nullptr);
+        block = receive();
+        if (block.total != 64)
+            break;
+    }
+    sigaction(SIGALRM, &before, nullptr);
+
+    QCOMPARE(block.total, 63);
+    const QByteArray start = "read failed! (Interrupted system call)\n" + readLine(64);
+    QCOMPARE(block.out.left(start.size()), start);
+    QVERIFY(block.out.endsWith(kTimeOut));
+    QCOMPARE(block.bytes, QByteArray(kCapacity, kUntouched));
 }
 
 QTEST_APPLESS_MAIN(TestRcvData)
