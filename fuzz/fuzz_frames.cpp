@@ -59,6 +59,12 @@ int analyze(const Frame &frame, const Protocol &protocol, Model &model)
     return 1;
 }
 
+std::size_t paramCount(const Model &model, const Protocol &protocol)
+{
+    const int count = model.length - protocol.frame_min_len;
+    return count < 0 ? 0 : std::min(static_cast<std::size_t>(count), model.params.size());
+}
+
 template <typename Record>
 void compare(const Record &record, const Model &model)
 {
@@ -117,11 +123,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 
         // The getters, with either descriptor, into buffers of just the size they may fill.
         for (const Protocol &descriptor : {io.protocolV3(), io.protocolV4()}) {
-            std::vector<std::uint8_t> params(v3.params.size());
-            CHECK(io.getParamV3(params.data(), descriptor) <= params.size());
-            params.resize(v4.params.size());
-            params.shrink_to_fit();
-            CHECK(io.getParamV4(params.data(), descriptor) <= params.size());
+            Frame params(v3.params.size());
+            CHECK(io.getParamV3(params.data(), descriptor) == paramCount(v3, descriptor));
+            params = Frame(v4.params.size());
+            CHECK(io.getParamV4(params.data(), descriptor) == paramCount(v4, descriptor));
         }
         Frame copy(static_cast<std::size_t>(v3.length));
         std::vector<std::uint8_t> source(255, 1);
