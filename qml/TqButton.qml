@@ -5,7 +5,7 @@ Rectangle {
     id: root
 
     // Deliberate: shadows the item's own property, so a disabled button stays an enabled item and
-    // only its mouse area is off. (tst_tqbutton::test_disabledButtonStaysAnEnabledItem)
+    // only its mouse area is off. (tst_tqbutton::disabledButtonStaysAnEnabledItem)
     property bool enabled: true
     property alias text: label.text
 
@@ -30,7 +30,7 @@ Rectangle {
         anchors.fill: parent
         enabled: root.enabled
         // Deliberate: toggles at each change instead of following the mouse.
-        // (tst_tqbutton::test_stateTogglesAtEachChange)
+        // (tst_tqbutton::stateTogglesAtEachChange)
         onContainsMouseChanged: root.state = root.state === "" ? "clicked" : ""
         onClicked: root.clicked()
     }

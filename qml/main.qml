@@ -11,7 +11,7 @@ Window {
     property int step: -1       // index of the last package installed
     property var ipkList        // full paths of the packages
     property var ipkPkgName     // their file names, as listed on the screen
-    property var ipkListState: new Array
+    property var ipkListState: new Array // a "wait" for each of them; not shown
     property int thisIndex: 0   // reserved, like isStart
     property bool formOta: false // packages were staged already
     property bool isStart: false
@@ -32,6 +32,8 @@ Window {
     function getPkgs() {
         ipkPkgName = [];
         ipkList = fileIO.getIpkList("/tmp/ota/*.ipk");
+        // Deliberate: never reset, nor are step and progress. A second start goes on from them.
+        // (tst_main::secondStartGoesOnFromTheFirst)
         if (ipkList.length > 0)
             formOta = true;
         else
@@ -69,7 +71,7 @@ Window {
         ipkList = fileIO.getIpkList("/tmp/ota/*.ipk");
         // Deliberate: unguarded. With nothing staged the command names "undefined", the package
         // manager fails, and that shows the red texts.
-        // (tst_main::test_failedCopyInstallsUndefined)
+        // (tst_main::failedCopyInstallsUndefined)
         upgradeIpk(ipkList[0], 0);
         progress.value = 0;
     }
@@ -108,13 +110,15 @@ Window {
         var ret;
         if (version.indexOf("V4") !== -1) {
             fileIO.exe("rm /root/*.txt");
+            // Deliberate: its result is dropped; only that of the transfer is shown.
+            // (tst_main::startResultIsIgnored)
             fileIO.startMcuSoftwareUpdate();
             ret = fileIO.updateMcu();
         } else {
             ret = fileIO.exe("/root/Hmi -path=/root");
         }
         // Deliberate: a positive status of the hand-over counts as success.
-        // (tst_main::test_positiveStatusIsSuccess)
+        // (tst_main::positiveStatusIsSuccess)
         if (ret < 0) {
             showTips("red",
                      qsTr("Update Control Software Filed,Error Code[%1]").arg(ret),
@@ -142,7 +146,7 @@ Window {
             fileIO.exe("cp /mnt/update_ipk/app.bin /root/ota/app.bin");
             fileIO.exe("sync");
             // Deliberate: the control board is updated now and again after the last package.
-            // (tst_main::test_controlBoardRunsTwice)
+            // (tst_main::controlBoardRunsTwice)
             upgradeCtrlUnit();
         }
     }
@@ -169,7 +173,7 @@ Window {
         id: successTip
 
         // Deliberate: top and vertical centre together fix the height to twice their distance.
-        // (tst_main::test_geometry)
+        // (tst_main_look::placesOnTheScreen)
         height: 50
         anchors.horizontalCenter: parent.horizontalCenter
         anchors.top: parent.top

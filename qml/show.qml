@@ -26,7 +26,7 @@ Item {
         text: qsTr("升级中，请稍后")
 
         // Deliberate: no way back; any other mode keeps the texts that stand.
-        // (tst_show::test_successStays)
+        // (tst_show::successStays)
         onModeChanged: {
             if (mode !== "2")
                 return;

@@ -28,72 +28,85 @@ Verdict startVerdict()
     return verdict;
 }
 
-/// One answer of the boot loader: filled up with its last byte to at least `count` bytes, so that
-/// a reader that waits for so many gets it at once, and gets it in one piece.
-QByteArray filledUp(const QByteArray &control, int count)
-{
-    return control.leftJustified(count, control.back());
-}
-
 QString strayText(const QByteArray &bytes)
 {
     if (bytes.size() > 1 && static_cast<quint8>(bytes.at(0)) == kFrameMark)
-        return QStringLiteral("frame with length byte 0x%1, which is no command's here: %2")
-            .arg(hexByte(static_cast<quint8>(bytes.at(1))), hexBytes(bytes));
-    return QStringLiteral("unexpected bytes: %1").arg(hexBytes(bytes));
+        return QStringLiteral("frame of %1 bytes with length byte 0x%2 is no command here")
+            .arg(bytes.size())
+            .arg(hexByte(static_cast<quint8>(bytes.at(1))));
+    return QStringLiteral("%1 unexpected bytes from 0x%2 on")
+        .arg(bytes.size())
+        .arg(hexByte(static_cast<quint8>(bytes.at(0))));
+}
+
+QString brokenText(const Received &received)
+{
+    if (received.handler == nullptr)
+        return QStringLiteral("frame broke off after %1 bytes").arg(received.bytes.size());
+    return QStringLiteral("frame broke off after %1 of %2 bytes")
+        .arg(received.bytes.size())
+        .arg(received.claim.length);
 }
 
 } // namespace
 
 Board::Board(const Options &options, Line &line, Report &report)
     : m_options(options)
+    , m_plan(options.faults)
     , m_line(line)
     , m_report(report)
-    , m_transcript(options.transcript, options.hexStyle)
+    , m_recorder(Transcript(options.transcript, options.hexStyle), report)
+    , m_speaker(options, m_plan, line, m_recorder)
     , m_versionQuery(Step::Version, versionQuery(), versionVerdict(options.versionText),
                      report.versionQueries)
     , m_startCommand(Step::StartCommand, startCommand(), startVerdict(), report.startCommands)
     , m_receiver(report)
+    , m_assembler(options.frameGap)
 {
 }
 
 void Board::begin(TimePoint now)
 {
-    m_transcript.note(now,
-                      QStringLiteral("board is on, version text \"%1\"")
-                          .arg(QString::fromLatin1(m_options.versionText)));
+    m_recorder.note(now,
+                    QStringLiteral("board is on, version text \"%1\"")
+                        .arg(QString::fromLatin1(m_options.versionText)));
     if (m_options.startInBootLoader)
         enterBootLoader(now, now);
 }
 
 void Board::step(TimePoint now)
 {
-    const QByteArray arrived = m_line.takeArrived(now);
-    for (const char byte : arrived)
+    for (const char byte : m_line.takeArrived(now)) {
         take(now, byte);
-    if (arrived.isEmpty() && !m_frame.isEmpty() && now >= m_lastByte + m_options.frameGap)
-        dropBrokenFrame(now);
-    if (m_nextRequest && now >= *m_nextRequest)
-        requestStartFrame(now);
-    sendDue(now);
+        if (m_report.hungUp)
+            return;
+    }
+    if (const auto received = m_assembler.take(now))
+        handle(now, *received);
+    if (m_nextRequest && now >= *m_nextRequest) {
+        m_nextRequest = now + m_options.requestInterval;
+        m_speaker.request(now);
+    }
+    m_speaker.step(now);
 }
 
 std::optional<TimePoint> Board::deadline() const
 {
-    std::optional<TimePoint> next = sooner(m_line.deadline(), m_nextRequest);
-    if (!m_frame.isEmpty())
-        next = sooner(next, m_lastByte + m_options.frameGap);
-    return next;
+    const auto sending = sooner(m_line.deadline(), m_speaker.deadline());
+    return sooner(sending, sooner(m_nextRequest, m_assembler.deadline()));
 }
 
 void Board::end(TimePoint now)
 {
-    if (!m_frame.isEmpty())
-        dropBrokenFrame(now);
-    m_transcript.note(now, QStringLiteral("board is off"));
+    const auto rest = m_assembler.takeRest();
+    if (rest && m_report.hungUp)
+        m_recorder.received(now, QStringLiteral("what came before the hang-up"), rest->bytes);
+    else if (rest)
+        handle(now, *rest);
+    m_recorder.note(now, QStringLiteral("board is off"));
 }
 
-Board::Handlers Board::activeHandlers()
+FrameAssembler::Handlers Board::activeHandlers()
 {
     // A boot loader that gets a command before the transfer has begun starts the application,
     // which answers it: an assistant without a firmware file never sends the start frame.
@@ -104,88 +117,71 @@ Board::Handlers Board::activeHandlers()
 
 void Board::take(TimePoint now, char byte)
 {
-    m_frame.append(byte);
-    m_lastByte = now;
-    if (m_stray)
+    if (m_toLose > 0) {
+        --m_toLose;
         return;
-    if (m_claim.length == 0)
-        claimStart();
-    if (m_claim.length > 0 && m_frame.size() == m_claim.length)
-        finishFrame(now);
+    }
+    m_assembler.add(now, byte, activeHandlers());
+    makeReceivingFaults(now);
+    if (m_report.hungUp)
+        return;
+    if (const auto received = m_assembler.take(now))
+        handle(now, *received);
 }
 
-void Board::claimStart()
+void Board::makeReceivingFaults(TimePoint now)
 {
-    m_stray = true;
-    for (FrameHandler *handler : activeHandlers()) {
-        const std::optional<Claim> claim = handler->claim(m_frame);
-        if (!claim)
-            continue;
-        m_stray = false;
-        if (claim->length > 0) {
-            m_handler = handler;
-            m_claim = *claim;
-            return;
-        }
+    const Claim *claim = m_assembler.claim();
+    if (claim == nullptr)
+        return;
+    const auto offset = m_plan.hangUpOffset(claim->place, claim->length);
+    if (offset && *offset <= m_assembler.size()) {
+        m_recorder.faultMade(now, *m_plan.find(FaultKind::HangUp, claim->place));
+        m_recorder.hungUp(now);
+        return;
+    }
+    const Fault *loss = m_plan.find(FaultKind::LoseBytes, claim->place);
+    if (loss != nullptr && !m_hasLost && m_assembler.size() >= claim->length / 2) {
+        m_hasLost = true;
+        m_toLose = loss->number.value_or(0);
+        m_recorder.faultMade(now, *loss);
     }
 }
 
-void Board::finishFrame(TimePoint now)
+void Board::handle(TimePoint now, const Received &received)
 {
-    const QByteArray frame = m_frame;
-    const Place place = m_claim.place;
-    FrameHandler *handler = m_handler;
-    m_frame.clear();
-    m_claim = {};
-    m_handler = nullptr;
+    m_toLose = 0;
+    m_hasLost = false;
+    if (received.kind == Received::Kind::Whole)
+        handleFrame(now, received);
+    else
+        handleBroken(now, received);
+}
 
+void Board::handleFrame(TimePoint now, const Received &received)
+{
+    m_speaker.stopRepeating();
     m_nextRequest.reset();
-    if (handler != &m_receiver)
+    const bool isCommand = received.handler != &m_receiver;
+    if (isCommand)
         leaveBootLoader(now);
-    const Verdict verdict = handler->receive(frame);
-    record(now, true, verdict.meaning, frame);
-    carryOut(now, verdict, place);
-}
 
-void Board::dropBrokenFrame(TimePoint now)
-{
-    const QByteArray frame = m_frame;
-    const Claim claim = m_claim;
-    const FrameHandler *handler = m_handler;
-    const bool stray = m_stray;
-    m_frame.clear();
-    m_claim = {};
-    m_handler = nullptr;
-    m_stray = false;
-
-    record(now, true, stray ? QStringLiteral("unexpected bytes") : QStringLiteral("broken frame"),
-           frame);
-    if (stray) {
-        violate(now, strayText(frame));
-        return;
-    }
-    violate(now,
-            claim.length == 0 ? QStringLiteral("frame broke off after %1 bytes").arg(frame.size())
-                              : QStringLiteral("frame broke off after %1 of %2 bytes")
-                                    .arg(frame.size())
-                                    .arg(claim.length));
-    if (handler == nullptr)
-        return;
-    if (const auto reply = handler->answerToBrokenFrame())
-        answer(now, *reply, claim.place);
-}
-
-void Board::carryOut(TimePoint now, const Verdict &verdict, const Place &place)
-{
+    const Verdict verdict = received.handler->receive(received.bytes);
+    m_recorder.received(now, verdict.meaning, received.bytes);
+    if (isCommand && verdict.violations.isEmpty())
+        m_recorder.newExchange();
     for (const QString &text : verdict.violations)
-        violate(now, text);
+        m_recorder.violated(now, text);
+
+    TimePoint answered = now;
     if (verdict.answer)
-        answer(now, *verdict.answer, place);
+        answered =
+            m_speaker.answer(now, *verdict.answer, received.claim.place, received.bytes.size());
     switch (verdict.next) {
     case Verdict::Next::Stay:
         break;
     case Verdict::Next::EnterBootLoader:
-        enterBootLoader(now, m_answerDone + m_options.bootDelay);
+        enterBootLoader(now, answered + m_options.bootDelay);
         break;
     case Verdict::Next::LeaveBootLoader:
         m_inBootLoader = false;
@@ -194,9 +190,22 @@ void Board::carryOut(TimePoint now, const Verdict &verdict, const Place &place)
     }
 }
 
+void Board::handleBroken(TimePoint now, const Received &received)
+{
+    const bool stray = received.kind == Received::Kind::Stray;
+    m_recorder.received(now,
+                        stray ? QStringLiteral("unexpected bytes") : QStringLiteral("broken frame"),
+                        received.bytes);
+    m_recorder.violated(now, stray ? strayText(received.bytes) : brokenText(received));
+    if (stray || received.handler == nullptr)
+        return;
+    if (const auto answer = received.handler->answerToBrokenFrame())
+        m_speaker.answer(now, *answer, received.claim.place, received.bytes.size());
+}
+
 void Board::enterBootLoader(TimePoint now, TimePoint firstRequest)
 {
-    m_transcript.note(now, QStringLiteral("board enters its boot loader"));
+    m_recorder.note(now, QStringLiteral("board enters its boot loader"));
     m_inBootLoader = true;
     m_receiver.begin();
     m_nextRequest = firstRequest;
@@ -206,68 +215,23 @@ void Board::leaveBootLoader(TimePoint now)
 {
     if (!m_inBootLoader)
         return;
-    m_transcript.note(now, QStringLiteral("board leaves its boot loader"));
+    m_recorder.note(now, QStringLiteral("board leaves its boot loader"));
     m_inBootLoader = false;
     m_receiver.giveUp();
-}
-
-void Board::answer(TimePoint now, const Answer &answer, const Place &)
-{
-    const bool control = answer.kind == Answer::Kind::Control;
-    Write write;
-    write.bytes = control ? filledUp(answer.bytes, m_options.controlRepeat) : answer.bytes;
-    write.meaning = answer.meaning;
-    send(now, {write});
-}
-
-void Board::send(TimePoint now, const QVector<Write> &writes)
-{
-    for (const Write &write : writes)
-        m_answerDone = m_line.queue(write, now);
-    sendDue(now);
-}
-
-void Board::sendDue(TimePoint now)
-{
-    for (const Write &write : m_line.sendDue(now))
-        record(now, false, write.meaning, write.bytes);
-}
-
-void Board::requestStartFrame(TimePoint now)
-{
-    m_nextRequest = now + m_options.requestInterval;
-    Write write;
-    write.bytes = filledUp(QByteArray(1, kRequest), m_options.controlRepeat);
-    write.meaning = QStringLiteral("'C', asks for the start frame");
-    send(now, {write});
-}
-
-void Board::violate(TimePoint now, const QString &text)
-{
-    m_transcript.violation(now, text);
-    m_report.violations.append({m_transcript.elapsedMs(now), text, QString()});
 }
 
 void Board::keepImage(TimePoint now)
 {
     const QByteArray image = m_report.lastTransfer().image;
-    m_transcript.note(now,
-                      QStringLiteral("transfer is complete, image of %1 bytes").arg(image.size()));
+    m_recorder.note(now,
+                    QStringLiteral("transfer is complete, image of %1 bytes").arg(image.size()));
     if (m_options.imageFile.isEmpty())
         return;
     QFile file(m_options.imageFile);
     if (!file.open(QIODevice::WriteOnly) || file.write(image) != image.size() || !file.flush())
-        m_report.errors
-            << QStringLiteral("cannot write %1: %2").arg(m_options.imageFile, file.errorString());
-}
-
-void Board::record(TimePoint now, bool toBoard, const QString &meaning, const QByteArray &bytes)
-{
-    if (toBoard)
-        m_transcript.received(now, meaning, bytes);
-    else
-        m_transcript.sent(now, meaning, bytes);
-    m_report.frames.append({m_transcript.elapsedMs(now), toBoard, meaning, bytes});
+        m_recorder.failed(
+            now,
+            QStringLiteral("cannot write %1: %2").arg(m_options.imageFile, file.errorString()));
 }
 
 } // namespace boardsim

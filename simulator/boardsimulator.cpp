@@ -85,7 +85,7 @@ void BoardSimulator::Private::run()
 {
     std::unique_lock<std::mutex> lock(mutex);
     board.begin(Clock::now());
-    while (!stopping && report.errors.isEmpty()) {
+    while (!stopping && !report.hungUp && report.errors.isEmpty()) {
         const int timeout = millisecondsUntil(board.deadline());
         std::array<pollfd, 2> polled{
             {{wakePipe[0], POLLIN, 0}, {terminal.masterDescriptor(), POLLIN, 0}}};
@@ -100,6 +100,7 @@ void BoardSimulator::Private::run()
         turn(count > 0 && polled[1].revents != 0);
     }
     board.end(Clock::now());
+    terminal.hangUp();
     happened.notify_all();
 }
 
@@ -125,12 +126,18 @@ BoardSimulator::~BoardSimulator()
     stop();
 }
 
+bool BoardSimulator::open()
+{
+    if (d->terminal.open(d->linkPath))
+        return true;
+    d->errorText = d->terminal.errorText();
+    return false;
+}
+
 bool BoardSimulator::start()
 {
-    if (!d->terminal.open(d->linkPath)) {
-        d->errorText = d->terminal.errorText();
+    if (d->terminal.masterDescriptor() < 0 && !open())
         return false;
-    }
     if (!d->openPipe()) {
         d->errorText = QStringLiteral("cannot open a pipe");
         d->terminal.close();

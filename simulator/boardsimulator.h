@@ -17,16 +17,20 @@ public:
     BoardSimulator(const BoardSimulator &) = delete;
     BoardSimulator &operator=(const BoardSimulator &) = delete;
 
-    /// Opens the line and switches the board on. False on failure, see errorText(). Once only.
+    /// Opens the line and makes the link; the board is still off. False on failure, see
+    /// errorText().
+    [[nodiscard]] bool open();
+
+    /// Switches the board on, once only; opens the line first if that has not been done.
     [[nodiscard]] bool start();
 
     /// Switches the board off, closes the line and removes the link. Harmless when it is off.
     void stop();
 
-    /// The device to open, valid from start() on.
+    /// The device to open, valid from open() on.
     QString slaveName() const;
 
-    /// Why start() failed.
+    /// Why open() or start() failed.
     QString errorText() const;
 
     /// A copy of what has happened so far; also after stop().

@@ -52,13 +52,16 @@ struct Parameters {
         option("boot-delay", "Time from the start answer to the first 'C'.", "MS", "1500");
     QCommandLineOption requestInterval = option(
         "request-interval", "Time between the 'C's that ask for the start frame.", "MS", "1000");
+    QCommandLineOption fault =
+        option("fault", "Does something wrong, see below. May be given again and again.",
+               "KIND[=VALUE][@PLACE]");
     QCommandLineOption help{{QStringLiteral("h"), QStringLiteral("help")},
                             QStringLiteral("Shows this help.")};
 
     QList<QCommandLineOption> all() const
     {
-        return {link,          versionText, image,     transcript,      hex, summary, pace,
-                controlRepeat, bootLoader,  bootDelay, requestInterval, help};
+        return {link,          versionText, image,     transcript,      hex,   summary, pace,
+                controlRepeat, bootLoader,  bootDelay, requestInterval, fault, help};
     }
 };
 
@@ -97,6 +100,17 @@ bool isVersionText(const QString &text)
     return text.size() <= kMaxVersionText && std::all_of(text.begin(), text.end(), [](QChar c) {
                return c >= QLatin1Char(' ') && c <= QLatin1Char('~');
            });
+}
+
+void readFaults(const QStringList &texts, CommandLine &line)
+{
+    for (const QString &text : texts) {
+        QString complaint;
+        if (const auto fault = parseFault(text, complaint))
+            line.options.faults.append(*fault);
+        else if (line.message.isEmpty())
+            line.message = complaint;
+    }
 }
 
 void readOptions(const QCommandLineParser &parser, const Parameters &parameters, CommandLine &line)
@@ -145,11 +159,13 @@ CommandLine parseCommandLine(const QStringList &arguments)
                            .arg(parser.positionalArguments().constFirst());
     else if (parser.isSet(parameters.help))
         line.action = CommandLine::Action::ShowHelp;
-    else
+    else {
         readOptions(parser, parameters, line);
+        readFaults(parser.values(parameters.fault), line);
+    }
 
     if (line.action == CommandLine::Action::ShowHelp)
-        line.message = parser.helpText();
+        line.message = parser.helpText() + QLatin1Char('\n') + faultHelp();
     else if (!line.message.isEmpty())
         line.action = CommandLine::Action::Refuse;
     return line;

@@ -3,6 +3,7 @@
 
 #include <QCoreApplication>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 
 #include <csignal>
@@ -24,6 +25,13 @@ int fail(ExitStatus status, const QString &text)
 {
     std::fprintf(stderr, "boardsim: %s\n", qPrintable(text));
     return status;
+}
+
+/// So that a wrong path is told at the start and not when there is something to lose.
+bool isInWritableDirectory(const QString &path)
+{
+    const QFileInfo directory(QFileInfo(path).absolutePath());
+    return directory.isDir() && directory.isWritable();
 }
 
 bool openTranscript(QFile &file, const QString &path)
@@ -82,11 +90,19 @@ int run(const CommandLine &line)
         options.transcript = sinkTo(transcript);
     }
 
+    for (const QString &path : {line.summaryFile, options.imageFile}) {
+        if (!path.isEmpty() && !isInWritableDirectory(path))
+            return fail(Failed, QStringLiteral("cannot write %1").arg(path));
+    }
+
     BoardSimulator simulator(options);
-    if (!simulator.start())
+    if (!simulator.open())
         return fail(Failed, simulator.errorText());
+    // Before the board is on, so that it comes before a transcript on standard output.
     std::printf("ready %s\n", qPrintable(simulator.slaveName()));
     std::fflush(stdout);
+    if (!simulator.start())
+        return fail(Failed, simulator.errorText());
     waitForTheEnd(endSignals, simulator);
     simulator.stop();
 

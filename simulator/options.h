@@ -2,6 +2,7 @@
 #define BOARDSIM_OPTIONS_H
 
 #include "clock.h"
+#include "fault.h"
 #include "transcript.h"
 
 #include <QByteArray>
@@ -22,6 +23,7 @@ struct Options {
     Milliseconds frameGap{250};         // a pause in a frame that means that it broke off
     LineSink transcript;                // called on the simulator's thread; may be empty
     HexStyle hexStyle = HexStyle::Full;
+    QVector<Fault> faults; // what the board does wrong; see parseFault()
 };
 
 } // namespace boardsim

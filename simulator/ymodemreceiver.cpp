@@ -1,5 +1,6 @@
 #include "ymodemreceiver.h"
 
+#include "controlbytes.h"
 #include "crc16.h"
 #include "hextext.h"
 
@@ -226,7 +227,7 @@ Verdict YModemReceiver::receiveStartFrame(const QByteArray &frame)
     // A size that is a multiple of 1024 is followed by one block of nothing but padding.
     transfer.blocksExpected = header.size / kDataPayload + 1;
     m_state = State::AwaitData;
-    return good(QStringLiteral("start frame: \"%1\", %2 bytes (hex %3), %4 blocks to come")
+    return good(QStringLiteral("start frame: \"%1\", %2 bytes (hex %3), blocks to come: %4")
                     .arg(transfer.fileName)
                     .arg(header.size)
                     .arg(header.size, 0, 16)
@@ -254,7 +255,7 @@ Verdict YModemReceiver::receiveDataBlock(const QByteArray &frame)
     const QByteArray payload = payloadOf(frame);
     const qint64 left = transfer.announcedSize - transfer.image.size();
     const int used = static_cast<int>(std::min<qint64>(left, kDataPayload));
-    if (!consistsOf(payload.mid(used), kPadding))
+    if (faults.isEmpty() && !consistsOf(payload.mid(used), kPadding))
         faults << QStringLiteral("last block is not filled up with 0x1a behind byte %1").arg(used);
     if (!faults.isEmpty())
         return refused(QStringLiteral("bad %1").arg(name), faults);

@@ -6,12 +6,6 @@
 
 namespace boardsim {
 
-/// Control bytes of the boot loader.
-constexpr char kAck = 0x06;
-constexpr char kNak = 0x15;
-constexpr char kCancel = 0x18;
-constexpr char kRequest = 'C';
-
 /// The boot loader's side of a YModem batch of one file: a strict receiver that keeps the image.
 class YModemReceiver : public FrameHandler {
 public:

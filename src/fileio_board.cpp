@@ -48,12 +48,13 @@ void answerControl(unsigned char control, CYModem &sender, SerialPort *port)
         break;
     case kNak:
         // Deliberate: nothing is sent again, and a refusal is reported as both. The next ACK or C
-        // gets the next frame. (tst_board::nakCausesNoResend)
+        // gets the next frame. (tst_transfer::nakCausesNoResend)
         printControlByte("NAK");
         printControlByte("CA");
         break;
     case kCancel:
-        // Deliberate: reported only, the transfer goes on. (tst_board::cancelDoesNotEndTheTransfer)
+        // Deliberate: reported only, the transfer goes on.
+        // (tst_transfer::cancelDoesNotEndTheTransfer)
         printControlByte("CA");
         break;
     default:
@@ -78,7 +79,7 @@ QString FileIO::getMcuVersion()
     constexpr int wanted = sizeof reply;
     int count = 0;
     // Deliberate: no limit in all. While the line is open, a silent board is waited for, and every
-    // attempt starts over at the head of the buffer. (tst_board::silentBoardIsWaitedFor)
+    // attempt starts over at the head of the buffer. (tst_mcuversion::silentBoardIsWaitedFor)
     do {
         count = m_serialPort->Read(reply, wanted);
     } while (count < wanted && count != -1);
@@ -107,7 +108,7 @@ int FileIO::startMcuSoftwareUpdate()
     for (int i = 1; i <= count - 3; ++i)
         sum = static_cast<std::uint16_t>(sum + reply[i]);
     // Deliberate: the whole 16-bit sum against the foot byte. The low byte against the checksum
-    // looks right, but boards are judged by this. (tst_board::sumIsComparedWithTheFoot)
+    // looks right, but boards are judged by this. (tst_updatestart::sumIsComparedWithTheFoot)
     if (sum != reply[count - 1]) {
         std::printf("[error]: response format error(2).\n");
         return -3;
@@ -123,7 +124,7 @@ int FileIO::updateMcu()
     openBoardLine();
     if (sender->load_file(QString::fromLatin1(kFirmwareFile)) < 1) {
         // Deliberate: the line stays open; the next operation's Open replaces the descriptor.
-        // (tst_board::missingFirmwareLeavesTheLineOpen)
+        // (tst_transfer::missingFirmwareLeavesTheLineOpen)
         std::printf("[error]: Ymodem loading file failed.\n");
         return -1;
     }
@@ -132,7 +133,7 @@ int FileIO::updateMcu()
     bool answered = false;
     for (int silent = 0; silent < kSilentReads;) {
         // Deliberate: only the first byte counts, so an ACK with a C behind it asks for one frame.
-        // (tst_board::ackAndCTogetherAdvanceOneFrame)
+        // (tst_transfer::ackAndCTogetherAdvanceOneFrame)
         unsigned char control[kControlReadSize];
         if (m_serialPort->Read(control, sizeof control) <= 0) {
             ++silent;

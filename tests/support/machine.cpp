@@ -28,6 +28,7 @@ bool onSimulatedMachine()
 BoardLine::BoardLine()
 {
     requireMachine();
+    unlink(kDevice); // left by a process that was killed
     if (symlink(path().constData(), kDevice) != 0)
         qFatal("the board's device cannot be linked");
 }

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/inotify.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -34,12 +35,16 @@ Pty::Pty()
     int on = 1;
     if (ioctl(m_master, TIOCPKT, &on) != 0)
         qFatal("no packet mode");
+    m_reads = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (inotify_add_watch(m_reads, m_path.constData(), IN_ACCESS) < 0)
+        qFatal("reads of the line cannot be watched");
 }
 
 Pty::~Pty()
 {
     giveUpSlave();
     hangUp();
+    close(m_reads);
 }
 
 QByteArray Pty::path() const
@@ -54,6 +59,7 @@ int Pty::slave() const
 
 void Pty::send(const QByteArray &bytes)
 {
+    forgetReads();
     const ssize_t count =
         write(m_master, bytes.constData(), static_cast<std::size_t>(bytes.size()));
     if (count != bytes.size())
@@ -92,14 +98,36 @@ QByteArray Pty::receive(int count, int timeoutMs)
 
 QByteArray Pty::received()
 {
-    while (collect(0)) { }
+    // What is written takes a moment to arrive, in order: a mark behind it shows when it is all
+    // there.
+    static const QByteArray mark("\x7F<end of what was written>\x7F");
+    if (write(m_slave, mark.constData(), static_cast<std::size_t>(mark.size())) != mark.size())
+        qFatal("the held slave cannot be written");
+    while (!m_received.endsWith(mark) && collect(kHangMs)) { }
+    m_received.chop(mark.size());
     const QByteArray bytes = m_received;
     m_received.clear();
     return bytes;
 }
 
+bool Pty::waitUntilArrived(int count) const
+{
+    const QDeadlineTimer deadline(kHangMs);
+    while (!deadline.hasExpired()) {
+        int pending = 0;
+        if (ioctl(m_slave, FIONREAD, &pending) == 0 && pending >= count)
+            return true;
+        QThread::msleep(kPollMs);
+    }
+    return false;
+}
+
 bool Pty::waitUntilTaken()
 {
+    // What is sent takes a moment to arrive, so an empty queue alone tells nothing.
+    pollfd reads{m_reads, POLLIN, 0};
+    if (poll(&reads, 1, kHangMs) != 1)
+        return false;
     const QDeadlineTimer deadline(kHangMs);
     while (!deadline.hasExpired()) {
         int pending = 0;
@@ -108,6 +136,13 @@ bool Pty::waitUntilTaken()
         QThread::msleep(kPollMs);
     }
     return false;
+}
+
+/// Forgets the reads that the product has done so far.
+void Pty::forgetReads()
+{
+    char events[4096];
+    while (read(m_reads, events, sizeof events) > 0) { }
 }
 
 bool Pty::waitForTimeout(int tenths)

@@ -28,10 +28,13 @@ public:
     void send(const QByteArray &bytes);
     /// What the product sent: exactly `count` bytes, fewer when they do not come in time.
     QByteArray receive(int count, int timeoutMs = kHangMs);
-    /// What the product has sent by now.
+    /// What the product has sent by now, besides what was received already. Needs the held slave.
     QByteArray received();
 
-    /// Waits until the product has read all that was sent.
+    /// Waits until `count` sent bytes stand ready for the product, which is not reading meanwhile:
+    /// what is sent takes a moment to arrive. Needs the held slave.
+    bool waitUntilArrived(int count) const;
+    /// Waits until the product has read all that the last send() sent. Needs the held slave.
     bool waitUntilTaken();
     /// Waits until the product has set the line's inter-character time-out; its pending input is
     /// discarded by then, so nothing that is sent from now on gets lost.
@@ -57,9 +60,11 @@ public:
 
 private:
     bool collect(int timeoutMs);
+    void forgetReads();
 
     int m_master;
     int m_slave;
+    int m_reads; // hears of every read from the slave
     QByteArray m_path;
     QByteArray m_received;
     int m_discards = 0;

@@ -178,8 +178,12 @@ void TestFiles::onlyTheLineFeedIsTakenOff()
 {
     put(" a.ipk \r");
     put("b.ipk\t");
+    // The first piece of a long line ends with this one.
+    const QByteArray cut = QByteArray(198, 'n') + '\r';
+    put(cut + "rest");
     QCOMPARE(list(m_dir->path()),
-             QStringList({QStringLiteral(" a.ipk \r"), QStringLiteral("b.ipk\t")}));
+             QStringList({QStringLiteral(" a.ipk \r"), QStringLiteral("b.ipk\t"),
+                          QString::fromLatin1(cut), QStringLiteral("rest")}));
 }
 
 void TestFiles::emptyLineIsAnEmptyEntry()

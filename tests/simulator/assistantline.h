@@ -1,0 +1,36 @@
+#ifndef ASSISTANTLINE_H
+#define ASSISTANTLINE_H
+
+#include <QByteArray>
+#include <QString>
+
+/// The assistant's end of the line, as a test holds it.
+class AssistantLine {
+public:
+    explicit AssistantLine(const QString &device);
+    ~AssistantLine();
+    AssistantLine(const AssistantLine &) = delete;
+    AssistantLine &operator=(const AssistantLine &) = delete;
+
+    bool isOpen() const { return m_descriptor >= 0; }
+    void close();
+
+    /// Sends all of it in one write.
+    bool send(const QByteArray &bytes);
+
+    /// Waits for `count` bytes; fewer when the line is hung up or nothing comes for ten seconds.
+    QByteArray receive(int count);
+
+    /// Sends and waits for an answer of `count` bytes.
+    QByteArray exchange(const QByteArray &bytes, int count);
+
+    /// Waits until the other side has hung up. False when it has not within ten seconds.
+    bool waitForHangUp();
+
+private:
+    bool waitForInput();
+
+    int m_descriptor;
+};
+
+#endif // ASSISTANTLINE_H

@@ -1,0 +1,386 @@
+#include "assistantline.h"
+#include "fault.h"
+#include "handmadeframes.h"
+
+#include <QtTest>
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+
+#include <csignal>
+#include <memory>
+
+namespace {
+
+constexpr int kPatienceMs = 10000;
+
+QByteArray contentOf(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QJsonObject jsonOf(const QString &path)
+{
+    return QJsonDocument::fromJson(contentOf(path)).object();
+}
+
+/// The program, running.
+class BoardProgram {
+public:
+    explicit BoardProgram(const QStringList &arguments)
+    {
+        m_process.start(QStringLiteral(BOARDSIM_PROGRAM), arguments);
+    }
+
+    /// The device that it names in its ready line; empty when it ended instead.
+    QString waitUntilReady()
+    {
+        while (!m_process.canReadLine()) {
+            if (!m_process.waitForReadyRead(kPatienceMs))
+                return {};
+        }
+        const QByteArray line = m_process.readLine();
+        return line.startsWith("ready ") ? QString::fromLatin1(line.mid(6).trimmed()) : QString();
+    }
+
+    /// Waits for a line of output with this in it.
+    bool waitForOutput(const QByteArray &text)
+    {
+        for (;;) {
+            while (m_process.canReadLine()) {
+                if (m_process.readLine().contains(text))
+                    return true;
+            }
+            if (!m_process.waitForReadyRead(kPatienceMs))
+                return false;
+        }
+    }
+
+    void sendSignal(int signal) { ::kill(static_cast<pid_t>(m_process.processId()), signal); }
+
+    /// The exit status, or -1 when it crashes or does not end.
+    int waitForEnd()
+    {
+        if (m_process.state() != QProcess::NotRunning && !m_process.waitForFinished(kPatienceMs))
+            return -1;
+        return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
+    }
+
+    int end()
+    {
+        sendSignal(SIGTERM);
+        return waitForEnd();
+    }
+
+    QByteArray output() { return m_process.readAllStandardOutput(); }
+    QByteArray errorOutput() { return m_process.readAllStandardError(); }
+
+private:
+    QProcess m_process;
+};
+
+} // namespace
+
+class TestBoardSimProgram : public QObject {
+    Q_OBJECT
+
+private slots:
+    void init();
+    void updateIsReported();
+    void transcriptGoesToStandardOutput();
+    void endSignalEndsIt_data();
+    void endSignalEndsIt();
+    void violationGivesStatus1();
+    void explainedViolationGivesStatus0();
+    void hungUpProgramRunsOnUntilItsEnd();
+    void wrongUsageGivesStatus2_data();
+    void wrongUsageGivesStatus2();
+    void helpTellsEveryOptionAndFault();
+    void readmeTellsEveryFaultAndPlace();
+    void leftOverLinkIsReplaced();
+    void otherFilesAreNotReplaced_data();
+    void otherFilesAreNotReplaced();
+    void fileThatCannotBeWrittenGivesStatus3_data();
+    void fileThatCannotBeWrittenGivesStatus3();
+    void imageThatCannotBeWrittenEndsItWithStatus3();
+
+private:
+    QString path(const char *name) const
+    {
+        return m_directory->filePath(QString::fromLatin1(name));
+    }
+
+    std::unique_ptr<QTemporaryDir> m_directory;
+};
+
+void TestBoardSimProgram::init()
+{
+    m_directory = std::make_unique<QTemporaryDir>();
+    QVERIFY(m_directory->isValid());
+}
+
+void TestBoardSimProgram::updateIsReported()
+{
+    BoardProgram program(
+        {QStringLiteral("--link"), path("line"), QStringLiteral("--version-text"),
+         QStringLiteral("V4.9"), QStringLiteral("--image"), path("image"),
+         QStringLiteral("--transcript"), path("transcript"), QStringLiteral("--summary"),
+         path("summary"), QStringLiteral("--boot-delay"), QStringLiteral("0"),
+         QStringLiteral("--control-repeat"), QStringLiteral("10"), QStringLiteral("--pace"),
+         QStringLiteral("115200"), QStringLiteral("--fault"), QStringLiteral("split@version")});
+    const QString device = program.waitUntilReady();
+    QCOMPARE(QFile::symLinkTarget(path("line")), device);
+
+    const QByteArray image = sampleImage(2048);
+    {
+        AssistantLine line(path("line"));
+        QCOMPARE(line.exchange(goodVersionQuery(), 36).mid(16, 5), QByteArray("V4.9\0", 5));
+        QCOMPARE(line.exchange(goodStartCommand(), 28).right(10), QByteArray("CCCCCCCCCC"));
+        for (const QByteArray &frame : wholeTransfer(image))
+            QCOMPARE(line.exchange(frame, 10).left(1), QByteArray("\x06"));
+    }
+    QCOMPARE(program.end(), 0);
+
+    QVERIFY(!QFileInfo(path("line")).isSymLink());
+    QCOMPARE(contentOf(path("image")), image);
+    QVERIFY(contentOf(path("transcript")).contains("** fault: split@version\n"));
+    QVERIFY(contentOf(path("transcript")).contains("-> block 3 of 3, 0 bytes of data"));
+
+    const QJsonObject summary = jsonOf(path("summary"));
+    QCOMPARE(summary.value(QStringLiteral("outcome")).toString(), QStringLiteral("ok"));
+    QCOMPARE(summary.value(QStringLiteral("versionQueries")).toInt(), 1);
+    QCOMPARE(summary.value(QStringLiteral("startCommands")).toInt(), 1);
+    QCOMPARE(summary.value(QStringLiteral("faultsMade")).toArray(),
+             QJsonArray{QStringLiteral("split@version")});
+    QCOMPARE(summary.value(QStringLiteral("violations")).toArray(), QJsonArray());
+    QCOMPARE(summary.value(QStringLiteral("hungUp")).toBool(true), false);
+    const QJsonArray transfers = summary.value(QStringLiteral("transfers")).toArray();
+    QCOMPARE(transfers.size(), 1);
+    const QByteArray hash = QCryptographicHash::hash(image, QCryptographicHash::Sha256).toHex();
+    const QJsonObject expected{
+        {QStringLiteral("outcome"), QStringLiteral("complete")},
+        {QStringLiteral("fileName"), QStringLiteral("app.bin")},
+        {QStringLiteral("announcedSize"), 2048},
+        {QStringLiteral("blocksExpected"), 3},
+        {QStringLiteral("blocksReceived"), 3},
+        {QStringLiteral("eotReceived"), true},
+        {QStringLiteral("extraEndFrames"), 0},
+        {QStringLiteral("imageSize"), 2048},
+        {QStringLiteral("imageSha256"), QString::fromLatin1(hash)},
+    };
+    QCOMPARE(transfers.first().toObject(), expected);
+    const QJsonObject first = summary.value(QStringLiteral("frames")).toArray().first().toObject();
+    QCOMPARE(first.value(QStringLiteral("direction")).toString(), QStringLiteral("to board"));
+    QCOMPARE(first.value(QStringLiteral("meaning")).toString(), QStringLiteral("version query"));
+    QCOMPARE(first.value(QStringLiteral("size")).toInt(), 30);
+}
+
+void TestBoardSimProgram::transcriptGoesToStandardOutput()
+{
+    BoardProgram program({QStringLiteral("--transcript"), QStringLiteral("-"),
+                          QStringLiteral("--hex"), QStringLiteral("short"),
+                          QStringLiteral("--boot-loader")});
+    const QString device = program.waitUntilReady();
+    AssistantLine line(device);
+    QCOMPARE(line.receive(1), QByteArray("C"));
+    QCOMPARE(program.end(), 0);
+    QVERIFY(program.output().contains("<- 'C', asks for the start frame (1 byte): 43\n"));
+}
+
+void TestBoardSimProgram::endSignalEndsIt_data()
+{
+    QTest::addColumn<int>("signal");
+    QTest::newRow("TERM") << SIGTERM;
+    QTest::newRow("INT") << SIGINT;
+    QTest::newRow("HUP") << SIGHUP;
+}
+
+void TestBoardSimProgram::endSignalEndsIt()
+{
+    QFETCH(int, signal);
+    BoardProgram program({QStringLiteral("--summary"), path("summary")});
+    QVERIFY(!program.waitUntilReady().isEmpty());
+    program.sendSignal(signal);
+    QCOMPARE(program.waitForEnd(), 0);
+    QCOMPARE(jsonOf(path("summary")).value(QStringLiteral("outcome")).toString(),
+             QStringLiteral("ok"));
+}
+
+void TestBoardSimProgram::violationGivesStatus1()
+{
+    BoardProgram program({QStringLiteral("--summary"), path("summary"), QStringLiteral("--fault"),
+                          QStringLiteral("slow=1@eot"), // a fault that is never made
+                          QStringLiteral("--transcript"), QStringLiteral("-")});
+    AssistantLine line(program.waitUntilReady());
+    QVERIFY(line.send("x"));
+    QVERIFY(program.waitForOutput("violation: 1 unexpected bytes"));
+    QCOMPARE(program.end(), 1);
+    const QJsonObject summary = jsonOf(path("summary"));
+    QCOMPARE(summary.value(QStringLiteral("outcome")).toString(), QStringLiteral("violations"));
+    QVERIFY(!summary.value(QStringLiteral("violations")).toArray().isEmpty());
+}
+
+void TestBoardSimProgram::explainedViolationGivesStatus0()
+{
+    BoardProgram program({QStringLiteral("--summary"), path("summary"),
+                          QStringLiteral("--boot-loader"), QStringLiteral("--fault"),
+                          QStringLiteral("lose-bytes@start-frame")});
+    AssistantLine line(program.waitUntilReady());
+    QCOMPARE(line.receive(1), QByteArray("C"));
+    QCOMPARE(line.exchange(startFrame("app.bin", "3"), 1), QByteArray("\x15"));
+    QCOMPARE(program.end(), 0);
+    const QJsonArray violations =
+        jsonOf(path("summary")).value(QStringLiteral("violations")).toArray();
+    QCOMPARE(violations.size(), 1);
+    QCOMPARE(violations.first().toObject().value(QStringLiteral("explainedBy")).toString(),
+             QStringLiteral("lose-bytes@start-frame"));
+}
+
+void TestBoardSimProgram::hungUpProgramRunsOnUntilItsEnd()
+{
+    BoardProgram program({QStringLiteral("--summary"), path("summary"), QStringLiteral("--link"),
+                          path("line"), QStringLiteral("--fault"),
+                          QStringLiteral("hang-up@version")});
+    AssistantLine line(program.waitUntilReady());
+    QVERIFY(line.send(goodVersionQuery()));
+    QVERIFY(line.waitForHangUp());
+    QVERIFY(QFileInfo(path("line")).isSymLink());
+    QCOMPARE(program.end(), 0);
+    QVERIFY(!QFileInfo(path("line")).isSymLink());
+    QVERIFY(jsonOf(path("summary")).value(QStringLiteral("hungUp")).toBool());
+}
+
+void TestBoardSimProgram::wrongUsageGivesStatus2_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QByteArray>("message");
+
+    const auto row = [](const QStringList &arguments, const char *message) {
+        QTest::newRow(qPrintable(arguments.join(QLatin1Char(' '))))
+            << arguments << QByteArray(message);
+    };
+    row({QStringLiteral("--nonsense")}, "boardsim: Unknown option 'nonsense'.\n");
+    row({QStringLiteral("line")}, "boardsim: no arguments but options, please: \"line\"\n");
+    row({QStringLiteral("--pace"), QStringLiteral("fast")},
+        "boardsim: --pace takes a number from 0 to 10000000, not \"fast\"\n");
+    row({QStringLiteral("--control-repeat"), QStringLiteral("0")},
+        "boardsim: --control-repeat takes a number from 1 to 1000, not \"0\"\n");
+    row({QStringLiteral("--request-interval"), QStringLiteral("0")},
+        "boardsim: --request-interval takes a number from 1 to 600000, not \"0\"\n");
+    row({QStringLiteral("--boot-delay"), QStringLiteral("-1")},
+        "boardsim: --boot-delay takes a number from 0 to 600000, not \"-1\"\n");
+    row({QStringLiteral("--hex"), QStringLiteral("long")},
+        "boardsim: --hex takes full or short, not \"long\"\n");
+    row({QStringLiteral("--version-text"), QStringLiteral("12345678901234567890")},
+        "boardsim: --version-text takes at most 19 ASCII characters, not "
+        "\"12345678901234567890\"\n");
+    row({QStringLiteral("--fault"), QStringLiteral("nak@version")},
+        "boardsim: fault nak cannot happen at version\n");
+    row({QStringLiteral("--fault"), QStringLiteral("nak"), QStringLiteral("--fault"),
+         QStringLiteral("explode")},
+        "boardsim: unknown fault \"explode\"\n");
+}
+
+void TestBoardSimProgram::wrongUsageGivesStatus2()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QByteArray, message);
+    BoardProgram program(arguments);
+    QCOMPARE(program.waitForEnd(), 2);
+    QCOMPARE(program.errorOutput(), message);
+    QCOMPARE(program.output(), QByteArray());
+}
+
+void TestBoardSimProgram::helpTellsEveryOptionAndFault()
+{
+    BoardProgram program({QStringLiteral("--help")});
+    QCOMPARE(program.waitForEnd(), 0);
+    const QByteArray help = program.output();
+    for (const char *option :
+         {"--link", "--version-text", "--image", "--transcript", "--hex", "--summary", "--pace",
+          "--control-repeat", "--boot-loader", "--boot-delay", "--request-interval", "--fault"})
+        QVERIFY2(help.contains(option), option);
+    for (const boardsim::FaultRule &rule : boardsim::faultTable())
+        QVERIFY2(help.contains(QByteArray("\n  ") + rule.name), rule.name);
+}
+
+void TestBoardSimProgram::readmeTellsEveryFaultAndPlace()
+{
+    const QByteArray readme = contentOf(QStringLiteral(BOARDSIM_README));
+    for (const boardsim::FaultRule &rule : boardsim::faultTable())
+        QVERIFY2(readme.contains(QByteArray("| `") + rule.name), rule.name);
+    for (const char *place : {"version", "start-command", "start-frame", "block:N", "block:first",
+                              "block:middle", "block:last", "eot", "end"})
+        QVERIFY2(readme.contains(QByteArray("| `") + place + '`'), place);
+}
+
+void TestBoardSimProgram::leftOverLinkIsReplaced()
+{
+    QVERIFY(QFile::link(QStringLiteral("/dev/pts/99999"), path("line")));
+    BoardProgram program({QStringLiteral("--link"), path("line")});
+    const QString device = program.waitUntilReady();
+    QCOMPARE(QFile::symLinkTarget(path("line")), device);
+    QCOMPARE(program.end(), 0);
+}
+
+void TestBoardSimProgram::otherFilesAreNotReplaced_data()
+{
+    QTest::addColumn<bool>("isLink");
+    QTest::newRow("file") << false;
+    QTest::newRow("link to a file") << true;
+}
+
+void TestBoardSimProgram::otherFilesAreNotReplaced()
+{
+    QFETCH(bool, isLink);
+    QFile file(path("file"));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.close();
+    QVERIFY(!isLink || QFile::link(path("file"), path("link")));
+    const QString taken = isLink ? path("link") : path("file");
+
+    BoardProgram program({QStringLiteral("--link"), taken});
+    QCOMPARE(program.waitForEnd(), 3);
+    QCOMPARE(program.errorOutput(),
+             QByteArray("boardsim: ") + taken.toLatin1() + " exists and is not a left-over link\n");
+    QVERIFY(QFileInfo(path("file")).isFile());
+    QCOMPARE(QFileInfo(taken).isSymLink(), isLink);
+}
+
+void TestBoardSimProgram::fileThatCannotBeWrittenGivesStatus3_data()
+{
+    QTest::addColumn<QString>("option");
+    QTest::newRow("link") << QStringLiteral("--link");
+    QTest::newRow("transcript") << QStringLiteral("--transcript");
+    QTest::newRow("summary") << QStringLiteral("--summary");
+    QTest::newRow("image") << QStringLiteral("--image");
+}
+
+void TestBoardSimProgram::fileThatCannotBeWrittenGivesStatus3()
+{
+    QFETCH(QString, option);
+    BoardProgram program({option, path("missing/file")});
+    QCOMPARE(program.waitForEnd(), 3);
+    const QByteArray error = program.errorOutput();
+    QVERIFY2(error.startsWith("boardsim: cannot "), error.constData());
+    QVERIFY2(error.contains("/missing/file"), error.constData());
+}
+
+void TestBoardSimProgram::imageThatCannotBeWrittenEndsItWithStatus3()
+{
+    QVERIFY(QDir(m_directory->path()).mkdir(QStringLiteral("image")));
+    BoardProgram program({QStringLiteral("--image"), path("image"), QStringLiteral("--boot-loader"),
+                          QStringLiteral("--control-repeat"), QStringLiteral("2")});
+    AssistantLine line(program.waitUntilReady());
+    QCOMPARE(line.receive(2), QByteArray("CC"));
+    for (const QByteArray &frame : wholeTransfer("abc"))
+        QCOMPARE(line.exchange(frame, 2).size(), 2);
+    QCOMPARE(program.waitForEnd(), 3);
+    QVERIFY(program.errorOutput().startsWith("boardsim: cannot write "));
+}
+
+QTEST_GUILESS_MAIN(TestBoardSimProgram)
+#include "tst_boardsim_program.moc"

@@ -1,0 +1,436 @@
+#include "assistantline.h"
+#include "boardsimulator.h"
+#include "handmadeframes.h"
+
+#include <QtTest>
+
+using namespace boardsim;
+
+namespace {
+
+constexpr Milliseconds kPatience{10000};
+
+const QByteArray kNak("\x15");
+
+Options quickToNotice()
+{
+    Options options;
+    options.frameGap = Milliseconds(40);
+    return options;
+}
+
+QByteArray changed(QByteArray frame, int offset)
+{
+    frame[offset] = static_cast<char>(frame.at(offset) ^ 0x01);
+    return frame;
+}
+
+/// A size text and what is behind it, in a frame that is right otherwise.
+QByteArray startFrameWith(const QByteArray &payload)
+{
+    return shortBlock(0, payload);
+}
+
+QString firstViolation(const Report &report)
+{
+    return report.violations.isEmpty() ? QString() : report.violations.first().text;
+}
+
+bool hasViolation(const Report &report)
+{
+    return !report.violations.isEmpty();
+}
+
+int framesFromBoard(const Report &report)
+{
+    return static_cast<int>(std::count_if(report.frames.begin(), report.frames.end(),
+                                          [](const FrameRecord &f) { return !f.toBoard; }));
+}
+
+} // namespace
+
+class TestBoardSimStrict : public QObject {
+    Q_OBJECT
+
+private slots:
+    void everyByteOfTheVersionQueryCounts_data();
+    void everyByteOfTheVersionQueryCounts();
+    void everyByteOfTheStartCommandCounts_data();
+    void everyByteOfTheStartCommandCounts();
+    void badByteIsNamed_data();
+    void badByteIsNamed();
+    void offFramesOfATransferAreRefused_data();
+    void offFramesOfATransferAreRefused();
+    void everyByteOfABlockCounts_data();
+    void everyByteOfABlockCounts();
+    void earlyEotIsReportedAndTaken();
+    void refusedBlockCanBeSentAgain();
+    void unexpectedBytesAreReported_data();
+    void unexpectedBytesAreReported();
+    void cutFrameIsReported_data();
+    void cutFrameIsReported();
+    void frameThatIsCutAtTheEndIsReported();
+    void badFurtherEndFrameIsReported();
+    void commandAmongTheDataIsReported();
+};
+
+void TestBoardSimStrict::everyByteOfTheVersionQueryCounts_data()
+{
+    QTest::addColumn<int>("offset");
+    for (int i = 0; i < 30; ++i)
+        QTest::addRow("byte %d", i) << i;
+}
+
+void TestBoardSimStrict::everyByteOfTheVersionQueryCounts()
+{
+    QFETCH(int, offset);
+    BoardSimulator board(quickToNotice());
+    QVERIFY(board.start());
+    AssistantLine line(board.slaveName());
+
+    QVERIFY(line.send(changed(goodVersionQuery(), offset)));
+    QVERIFY(board.waitFor(hasViolation, kPatience));
+    board.stop();
+    QVERIFY(board.report().hasUnexplainedViolation());
+    QCOMPARE(framesFromBoard(board.report()), 0);
+    QCOMPARE(board.report().versionQueries, 0);
+}
+
+void TestBoardSimStrict::everyByteOfTheStartCommandCounts_data()
+{
+    QTest::addColumn<int>("offset");
+    for (int i = 0; i < 18; ++i)
+        QTest::addRow("byte %d", i) << i;
+}
+
+void TestBoardSimStrict::everyByteOfTheStartCommandCounts()
+{
+    QFETCH(int, offset);
+    BoardSimulator board(quickToNotice());
+    QVERIFY(board.start());
+    AssistantLine line(board.slaveName());
+
+    QVERIFY(line.send(changed(goodStartCommand(), offset)));
+    QVERIFY(board.waitFor(hasViolation, kPatience));
+    board.stop();
+    QCOMPARE(framesFromBoard(board.report()), 0);
+    QCOMPARE(board.report().startCommands, 0);
+    QVERIFY(board.report().transfers.isEmpty());
+}
+
+void TestBoardSimStrict::badByteIsNamed_data()
+{
+    QTest::addColumn<int>("offset");
+    QTest::addColumn<QString>("text");
+
+    QTest::newRow("marker") << 2 << QStringLiteral("marker byte 2 is 0xfe, not 0xff");
+    QTest::newRow("zero") << 3 << QStringLiteral("zero byte 3 is 0x01, not 0x00");
+    QTest::newRow("command") << 12 << QStringLiteral("command code is 0x0e, not 0x0f");
+    QTest::newRow("fixed") << 14 << QStringLiteral("fixed byte 14 is 0x36, not 0x37");
+    QTest::newRow("checksum") << 28 << QStringLiteral("checksum is 0xdc, not 0xdd");
+    QTest::newRow("foot") << 29 << QStringLiteral("foot is 0xe6, not 0xe7");
+    QTest::newRow("length") << 1
+                            << QStringLiteral(
+                                   "frame of 30 bytes with length byte 0x1f is no command here");
+}
+
+void TestBoardSimStrict::badByteIsNamed()
+{
+    QFETCH(int, offset);
+    QFETCH(QString, text);
+    BoardSimulator board(quickToNotice());
+    QVERIFY(board.start());
+    AssistantLine line(board.slaveName());
+
+    QVERIFY(line.send(changed(goodVersionQuery(), offset)));
+    QVERIFY(board.waitFor(hasViolation, kPatience));
+    QCOMPARE(firstViolation(board.report()), text);
+}
+
+void TestBoardSimStrict::offFramesOfATransferAreRefused_data()
+{
+    QTest::addColumn<QVector<QByteArray>>("before"); // good ones
+    QTest::addColumn<QByteArray>("frame");
+    QTest::addColumn<QString>("text");
+
+    using Frames = QVector<QByteArray>;
+    const Frames nothing;
+    const Frames started{startFrame("app.bin", "bb8")}; // 3000 bytes
+    const Frames blocks{started.first(), dataBlock(1, QByteArray(1024, 'a')),
+                        dataBlock(2, QByteArray(1024, 'b'))};
+    const Frames all = Frames(blocks) << dataBlock(3, QByteArray(952, 'c'));
+    const Frames ended = Frames(all) << eot();
+
+    const auto text = [](const char *latin1) { return QString::fromLatin1(latin1); };
+    QTest::newRow("start frame without a name")
+        << nothing << startFrame("", "bb8") << text("file name is empty");
+    QTest::newRow("name without an end") << nothing << startFrameWith(QByteArray(128, 'a'))
+                                         << text("file name has no zero byte at its end");
+    QTest::newRow("name with a blank")
+        << nothing << startFrame("app bin", "bb8") << text("file name is not printable ASCII");
+    QTest::newRow("no size") << nothing << startFrame("app.bin", "")
+                             << text("size text \"\" is not a hexadecimal number above 0");
+    QTest::newRow("size 0") << nothing << startFrame("app.bin", "0")
+                            << text("size text \"0\" is not a hexadecimal number above 0");
+    QTest::newRow("size with a leading zero")
+        << nothing << startFrame("app.bin", "0bb8")
+        << text("size text \"0bb8\" is not a hexadecimal number above 0");
+    QTest::newRow("size with a prefix")
+        << nothing << startFrame("app.bin", "0xbb8")
+        << text("size text \"0xbb8\" is not a hexadecimal number above 0");
+    QTest::newRow("size in upper case")
+        << nothing << startFrame("app.bin", "BB8")
+        << text("size text \"BB8\" is not a hexadecimal number above 0");
+    QTest::newRow("size without an end")
+        << nothing << startFrameWith("app.bin" + QByteArray(1, '\0') + QByteArray(120, '1'))
+        << text("size text has no zero byte at its end");
+    QTest::newRow("rest of the start frame")
+        << nothing << startFrameWith(QByteArray("app.bin\0bb8\0\0x", 14))
+        << text("start frame is not filled up with zeros");
+    QTest::newRow("number of the start frame")
+        << nothing << shortBlock(1, QByteArray("app.bin\0bb8", 11))
+        << text("block number is 1, not 0");
+    QTest::newRow("data before the start frame")
+        << nothing << dataBlock(1, "a") << text("data block where the start frame should come");
+    QTest::newRow("EOT before the start frame") << nothing << eot() << text("EOT out of turn");
+
+    QTest::newRow("block left out")
+        << started << dataBlock(2, QByteArray(1024, 'a')) << text("block number is 2, not 1");
+    QTest::newRow("block again") << blocks << dataBlock(2, QByteArray(1024, 'a'))
+                                 << text("block number is 2, not 3");
+    QTest::newRow("short block among the data")
+        << started << shortBlock(1, QByteArray(128, 'a'))
+        << text("128-byte block where 1024-byte blocks are sent");
+    QTest::newRow("padding of the last block")
+        << blocks << dataBlock(3, QByteArray(953, 'c'))
+        << text("last block is not filled up with 0x1a behind byte 952");
+    QTest::newRow("block too many")
+        << all << dataBlock(4, "") << text("data block after the last one, EOT should come");
+    QTest::newRow("start frame instead of EOT")
+        << all << endFrame() << text("128-byte block where 1024-byte blocks are sent");
+
+    QTest::newRow("data instead of the end frame")
+        << ended << dataBlock(4, "") << text("data block where the end frame should come");
+    QTest::newRow("second EOT") << ended << eot() << text("EOT out of turn");
+    QTest::newRow("end frame that is not empty")
+        << ended << shortBlock(0, "a") << text("payload of the end frame is not all zeros");
+    QTest::newRow("number of the end frame")
+        << ended << shortBlock(1, "") << text("block number is 1, not 0");
+}
+
+void TestBoardSimStrict::offFramesOfATransferAreRefused()
+{
+    QFETCH(QVector<QByteArray>, before);
+    QFETCH(QByteArray, frame);
+    QFETCH(QString, text);
+
+    Options options = quickToNotice();
+    options.startInBootLoader = true;
+    BoardSimulator board(options);
+    QVERIFY(board.start());
+    AssistantLine line(board.slaveName());
+    QCOMPARE(line.receive(1), QByteArray("C"));
+    for (const QByteArray &good : before)
+        line.exchange(good, good == before.first() || good == eot() ? 2 : 1);
+    QVERIFY(!hasViolation(board.report()));
+
+    QCOMPARE(line.exchange(frame, 1), kNak);
+    const Report report = board.report();
+    QCOMPARE(report.violations.size(), 1);
+    QCOMPARE(firstViolation(report), text);
+    QVERIFY(report.hasUnexplainedViolation());
+    QVERIFY(!report.lastTransfer().complete);
+}
+
+void TestBoardSimStrict::everyByteOfABlockCounts_data()
+{
+    QTest::addColumn<int>("offset");
+    QTest::addColumn<QString>("text");
+
+    const QString crc = QStringLiteral("CRC is 0x");
+    QTest::newRow("number") << 1 << QStringLiteral("block number is 0, not 1");
+    QTest::newRow("complement") << 2
+                                << QStringLiteral("complement 0xff does not fit block number 0x01");
+    QTest::newRow("first byte of data") << 3 << crc;
+    QTest::newRow("last byte of data") << 1026 << crc;
+    QTest::newRow("CRC high") << 1027 << crc;
+    QTest::newRow("CRC low") << 1028 << crc;
+}
+
+void TestBoardSimStrict::everyByteOfABlockCounts()
+{
+    QFETCH(int, offset);
+    QFETCH(QString, text);
+
+    Options options;
+    options.startInBootLoader = true;
+    BoardSimulator board(options);
+    QVERIFY(board.start());
+    AssistantLine line(board.slaveName());
+    QCOMPARE(line.receive(1), QByteArray("C"));
+    QCOMPARE(line.exchange(startFrame("app.bin", "bb8"), 2).size(), 2);
+
+    QCOMPARE(line.exchange(changed(dataBlock(1, sampleImage(1024)), offset), 1), kNak);
+    const Report report = board.report();
+    QVERIFY2(firstViolation(report).startsWith(text), qPrintable(firstViolation(report)));
+    QCOMPARE(report.lastTransfer().blocksReceived, 0);
+}
+
+void TestBoardSimStrict::earlyEotIsReportedAndTaken()
+{
+    Options options;
+    options.startInBootLoader = true;
+    BoardSimulator board(options);
+    QVERIFY(board.start());
+    AssistantLine line(board.slaveName());
+    QCOMPARE(line.receive(1), QByteArray("C"));
+    QCOMPARE(line.exchange(startFrame("app.bin", "400"), 2).size(), 2);
+    QCOMPARE(line.exchange(dataBlock(1, sampleImage(1024)), 1).size(), 1);
+
+    // The extra block of padding is missing.
+    QCOMPARE(line.exchange(eot(), 2),
+             QByteArray("\x06"
+                        "C"));
+    QCOMPARE(firstViolation(board.report()), QStringLiteral("EOT after 1 of 2 blocks"));
+}
+
+void TestBoardSimStrict::refusedBlockCanBeSentAgain()
+{
+    Options options;
+    options.startInBootLoader = true;
+    BoardSimulator board(options);
+    QVERIFY(board.start());
+    AssistantLine line(board.slaveName());
+    QCOMPARE(line.receive(1), QByteArray("C"));
+    QCOMPARE(line.exchange(startFrame("app.bin", "3"), 2).size(), 2);
+
+    const QByteArray block = dataBlock(1, "abc");
+    QCOMPARE(line.exchange(changed(block, 3), 1), kNak);
+    QCOMPARE(line.exchange(block, 1), QByteArray("\x06"));
+    QCOMPARE(board.report().lastTransfer().image, QByteArray("abc"));
+}
+
+void TestBoardSimStrict::unexpectedBytesAreReported_data()
+{
+    QTest::addColumn<bool>("inBootLoader");
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<QString>("text");
+
+    const QString one = QStringLiteral("1 unexpected bytes from 0x%1 on");
+    QTest::newRow("ACK to the application")
+        << false << QByteArray("\x06") << one.arg(QStringLiteral("06"));
+    QTest::newRow("start frame to the application")
+        << false << startFrame("app.bin", "3")
+        << QStringLiteral("133 unexpected bytes from 0x01 on");
+    QTest::newRow("byte behind a version query")
+        << false << goodVersionQuery() + "x" << one.arg(QStringLiteral("78"));
+    QTest::newRow("text to the boot loader")
+        << true << QByteArray("hello") << QStringLiteral("5 unexpected bytes from 0x68 on");
+    QTest::newRow("wrong head of a block") << true << QByteArray("\x03") + dataBlock(1, "a").mid(1)
+                                           << QStringLiteral("1029 unexpected bytes from 0x03 on");
+}
+
+void TestBoardSimStrict::unexpectedBytesAreReported()
+{
+    QFETCH(bool, inBootLoader);
+    QFETCH(QByteArray, bytes);
+    QFETCH(QString, text);
+
+    Options options = quickToNotice();
+    options.startInBootLoader = inBootLoader;
+    BoardSimulator board(options);
+    QVERIFY(board.start());
+    AssistantLine line(board.slaveName());
+
+    QVERIFY(line.send(bytes));
+    QVERIFY(board.waitFor(hasViolation, kPatience));
+    QCOMPARE(board.report().violations.size(), 1);
+    QCOMPARE(firstViolation(board.report()), text);
+}
+
+void TestBoardSimStrict::cutFrameIsReported_data()
+{
+    QTest::addColumn<bool>("inBootLoader");
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<QString>("text");
+
+    QTest::newRow("head only") << false << QByteArray("\xe7")
+                               << QStringLiteral("frame broke off after 1 bytes");
+    QTest::newRow("version query without its foot")
+        << false << goodVersionQuery().left(29)
+        << QStringLiteral("frame broke off after 29 of 30 bytes");
+    QTest::newRow("start frame without its CRC")
+        << true << startFrame("app.bin", "3").left(131)
+        << QStringLiteral("frame broke off after 131 of 133 bytes");
+}
+
+void TestBoardSimStrict::cutFrameIsReported()
+{
+    QFETCH(bool, inBootLoader);
+    QFETCH(QByteArray, bytes);
+    QFETCH(QString, text);
+
+    Options options = quickToNotice();
+    options.startInBootLoader = inBootLoader;
+    BoardSimulator board(options);
+    QVERIFY(board.start());
+    AssistantLine line(board.slaveName());
+    if (inBootLoader)
+        QCOMPARE(line.receive(1), QByteArray("C"));
+
+    QVERIFY(line.send(bytes));
+    QVERIFY(board.waitFor(hasViolation, kPatience));
+    QCOMPARE(firstViolation(board.report()), text);
+    if (inBootLoader)
+        QCOMPARE(line.receive(1), kNak);
+}
+
+void TestBoardSimStrict::frameThatIsCutAtTheEndIsReported()
+{
+    Options options;
+    options.frameGap = Milliseconds(60000);
+    BoardSimulator board(options);
+    QVERIFY(board.start());
+    AssistantLine line(board.slaveName());
+
+    // The answer shows that what is in front of the cut frame has been read, and with it that.
+    QVERIFY(line.send(goodVersionQuery() + goodVersionQuery().left(7)));
+    QCOMPARE(line.receive(36).size(), 36);
+    board.stop();
+    QCOMPARE(firstViolation(board.report()), QStringLiteral("frame broke off after 7 of 30 bytes"));
+}
+
+void TestBoardSimStrict::badFurtherEndFrameIsReported()
+{
+    Options options;
+    options.startInBootLoader = true;
+    BoardSimulator board(options);
+    QVERIFY(board.start());
+    AssistantLine line(board.slaveName());
+    QCOMPARE(line.receive(1), QByteArray("C"));
+    for (const QByteArray &frame : wholeTransfer("abc"))
+        QVERIFY(!line.exchange(frame, 1).isEmpty());
+
+    QVERIFY(line.send(shortBlock(0, "app.bin")));
+    QVERIFY(board.waitFor(hasViolation, kPatience));
+    QCOMPARE(firstViolation(board.report()),
+             QStringLiteral("payload of the end frame is not all zeros"));
+}
+
+void TestBoardSimStrict::commandAmongTheDataIsReported()
+{
+    Options options = quickToNotice();
+    options.startInBootLoader = true;
+    BoardSimulator board(options);
+    QVERIFY(board.start());
+    AssistantLine line(board.slaveName());
+    QCOMPARE(line.receive(1), QByteArray("C"));
+    QCOMPARE(line.exchange(startFrame("app.bin", "3"), 2).size(), 2);
+
+    QVERIFY(line.send(goodVersionQuery()));
+    QVERIFY(board.waitFor(hasViolation, kPatience));
+    QCOMPARE(board.report().versionQueries, 0);
+}
+
+QTEST_GUILESS_MAIN(TestBoardSimStrict)
+#include "tst_boardsim_strict.moc"
