@@ -12,6 +12,7 @@ FileIO::FileIO(QObject *parent)
 
 FileIO::~FileIO()
 {
+    m_complete = false; // discarding emits error(), and no handler of it may start a transfer now
     discardTransfer();
     delete m_serialPort;
 }

@@ -244,6 +244,7 @@ public:
 
 private:
     bool openSaveFile(const QString &path);
+    bool commitSaveFile();
     void cancelSaveFile();
     void discardSaveFile();
     void discardTransfer();

@@ -54,11 +54,13 @@ void FileIO::setRunning(bool running)
     if (running == m_running)
         return;
     m_running = running;
+    const QPointer<FileIO> self(this);
     if (running)
         start();
     else
         discardTransfer();
-    emit runningChanged();
+    if (self)
+        emit runningChanged();
 }
 
 double FileIO::progress() const
@@ -130,7 +132,10 @@ void FileIO::start(QUrl url)
         emit error(ErrorDestination, QStringLiteral("Destination is empty"));
         return;
     }
+    const QPointer<FileIO> self(this); // any handler may delete the object
     setUrl(url);
+    if (!self)
+        return;
 
     const QString path = localPath(m_destination);
     if (!m_overwrite && QFile::exists(path)) {
@@ -147,10 +152,13 @@ void FileIO::start(QUrl url)
         connect(m_reply, connection.signal, connection.slot);
 
     setProgress(0.0);
+    if (!self)
+        return;
     // Deliberate: from the stopped state this calls start() once more, which replaces the file and
     // the request made above; scripts see started() twice. (tst_download::startFromIdleRunsTwice)
     setRunning(true);
-    emit started();
+    if (self)
+        emit started();
 }
 
 void FileIO::start()
@@ -173,8 +181,11 @@ void FileIO::onDownloadProgress(qint64 bytesReceived, qint64 bytesTotal)
 {
     if (!m_running)
         return;
+    const QPointer<FileIO> self(this);
     emit update(static_cast<int>(bytesReceived / kBytesPerKilobyte),
                 static_cast<int>(bytesTotal / kBytesPerKilobyte));
+    if (!self)
+        return;
     // Deliberate: unguarded, so an unknown total (-1) makes it negative and 0 makes it no number.
     // (tst_download::unknownTotalMakesProgressNegative)
     setProgress(static_cast<double>(bytesReceived) / static_cast<double>(bytesTotal));
@@ -182,7 +193,9 @@ void FileIO::onDownloadProgress(qint64 bytesReceived, qint64 bytesTotal)
 
 void FileIO::onFinished()
 {
-    // Handlers of the signals below may start the next transfer: what they made is not ours.
+    // Handlers of the signals below may start the next transfer, and what they made is not ours, or
+    // delete this object.
+    const QPointer<FileIO> self(this);
     const QPointer<QNetworkReply> endedReply = m_reply;
     const QPointer<QSaveFile> endedFile = m_saveFile;
 
@@ -190,7 +203,7 @@ void FileIO::onFinished()
         cancelSaveFile();
     if (!m_reply) {
         emit error(ErrorNetwork, QStringLiteral("Network reply was deleted"));
-        if (m_saveFile == endedFile)
+        if (self && m_saveFile == endedFile)
             discardSaveFile();
         return;
     }
@@ -202,6 +215,8 @@ void FileIO::onFinished()
     } else if (!redirect.isNull()) {
         const QUrl target = m_url.resolved(redirect.toUrl());
         emit redirected(target);
+        if (!self)
+            return;
         if (m_followRedirects) {
             start(target);
             return;
@@ -209,17 +224,21 @@ void FileIO::onFinished()
         // Deliberate: not cancelled, so the release below commits the redirect's own body.
         // (tst_download::refusedRedirectCommitsItsBody)
         emit error(ErrorNetwork, QStringLiteral("Re-directs not allowed"));
-    } else if (m_saveFile && m_saveFile->commit()) {
+    } else if (commitSaveFile()) {
         shutdownSaveFile();
         setProgress(1.0);
-        setRunning(false);
-        emit finished();
+        if (self)
+            setRunning(false);
+        if (self)
+            emit finished();
         return;
     } else {
         cancelSaveFile();
         emit error(ErrorDestination,
                    QStringLiteral("Error while writing \"%1\"").arg(localPath(m_destination)));
     }
+    if (!self)
+        return;
     // Deliberate: `running` stays true after a failure; the script sets it false.
     // (tst_download::runningStaysTrueAfterAFailure)
     if (m_reply == endedReply)
@@ -253,11 +272,18 @@ bool FileIO::openSaveFile(const QString &path)
     m_saveFile = new QSaveFile(path);
     if (m_saveFile->open(QIODevice::WriteOnly))
         return true;
+    const QPointer<FileIO> self(this);
     const QPointer<QSaveFile> failedFile = m_saveFile;
     emit error(ErrorDestination, m_saveFile->errorString());
-    if (m_saveFile == failedFile)
+    if (self && m_saveFile == failedFile)
         discardSaveFile();
     return false;
+}
+
+bool FileIO::commitSaveFile()
+{
+    // A commit does not tell when what was still buffered could not be written.
+    return m_saveFile && m_saveFile->flush() && m_saveFile->commit();
 }
 
 void FileIO::cancelSaveFile()
@@ -274,12 +300,15 @@ void FileIO::discardSaveFile()
 
 void FileIO::discardTransfer()
 {
+    const QPointer<FileIO> self(this);
     const QPointer<QNetworkReply> reply = m_reply;
     const QPointer<QSaveFile> file = m_saveFile;
     // Aborting runs onFinished(), which releases both; a handler of its error() may already have
-    // started the next transfer.
+    // started the next transfer, or deleted this object.
     if (reply && reply->isRunning())
         reply->abort();
+    if (!self)
+        return;
     if (m_reply == reply)
         shutdownNetworkReply();
     if (m_saveFile == file)

@@ -49,8 +49,12 @@ QString FileIO::awaitReplyText(QNetworkReply *reply)
     // read from the newer one. (tst_http::lateAnswerReadsTheNewerReply)
     m_reply = reply;
     connect(reply, SIGNAL(readyRead()), SLOT(onReadyReadReply()));
-    for (std::uint8_t pause = 0; m_replyText.isEmpty() && pause != kAnswerPauses; ++pause)
+    const QPointer<FileIO> self(this);
+    for (std::uint8_t pause = 0; m_replyText.isEmpty() && pause != kAnswerPauses; ++pause) {
         delay_ms(kPauseMs);
+        if (!self)
+            return QLatin1String(""); // what ran meanwhile has deleted this object
+    }
     return m_replyText;
 }
 

@@ -44,15 +44,27 @@ QNetworkAccessManager *QuickDownloadMaster::networkAccessManager()
     if (!m_manager) {
         m_manager = new QNetworkAccessManager(self);
         m_ownsManager = true;
+        forgetWhenDestroyed(m_manager);
     }
     return m_manager;
 }
 
 void QuickDownloadMaster::setNetworkAccessManager(QNetworkAccessManager *manager)
 {
-    if (m_ownsManager && m_manager) {
+    const bool isOwn = m_ownsManager && manager == m_manager;
+    if (m_ownsManager)
         delete m_manager;
-        m_ownsManager = false;
-    }
     m_manager = manager;
+    if (manager && !isOwn)
+        forgetWhenDestroyed(manager);
+}
+
+void QuickDownloadMaster::forgetWhenDestroyed(QNetworkAccessManager *manager)
+{
+    connect(manager, &QObject::destroyed, this, [this](const QObject *destroyed) {
+        if (destroyed != m_manager)
+            return;
+        m_manager = nullptr;
+        m_ownsManager = false;
+    });
 }

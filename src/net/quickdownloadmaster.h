@@ -25,7 +25,8 @@ public:
     /// Always true.
     bool ready() const;
 
-    /// The shared manager, made on first use as a child of the recorded instance.
+    /// The shared manager, made on first use, or after the held one was destroyed, as a child of
+    /// the recorded instance.
     QNetworkAccessManager *networkAccessManager();
     /// Holds `manager` (may be null; stays the caller's) in place of the current one, which is
     /// deleted if this object made it. Must not be the manager that this object made.
@@ -35,6 +36,8 @@ signals:
     void readyChanged();
 
 private:
+    void forgetWhenDestroyed(QNetworkAccessManager *manager);
+
     bool m_ready = true;
     bool m_ownsManager = false;
     QNetworkAccessManager *m_manager = nullptr;

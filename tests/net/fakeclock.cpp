@@ -1,0 +1,57 @@
+#include "fakeclock.h"
+
+#include <QDateTime>
+
+#include <ctime>
+#include <sys/time.h>
+
+namespace {
+
+struct Clock {
+    bool isFake = false;
+    qint64 nowMs = 0; // since the epoch
+    qint64 stepMs = 0;
+    int looks = 0;
+};
+
+thread_local Clock wallClock;
+
+} // namespace
+
+// The library's clock: Qt reads the time of day by this function, and a program's own definition
+// goes before the platform library's.
+extern "C" int gettimeofday(timeval *now, void * /*zone*/) noexcept
+{
+    if (!wallClock.isFake) {
+        timespec real = {};
+        clock_gettime(CLOCK_REALTIME, &real);
+        now->tv_sec = real.tv_sec;
+        now->tv_usec = real.tv_nsec / 1000;
+        return 0;
+    }
+    ++wallClock.looks;
+    now->tv_sec = wallClock.nowMs / 1000;
+    now->tv_usec = wallClock.nowMs % 1000 * 1000;
+    wallClock.nowMs += wallClock.stepMs;
+    return 0;
+}
+
+FakeClock::FakeClock(const QTime &start, int stepMs)
+{
+    wallClock = {true, QDateTime(QDate::currentDate(), start).toMSecsSinceEpoch(), stepMs, 0};
+}
+
+FakeClock::~FakeClock()
+{
+    wallClock = {};
+}
+
+void FakeClock::setStep(int stepMs)
+{
+    wallClock.stepMs = stepMs;
+}
+
+int FakeClock::looks() const
+{
+    return wallClock.looks;
+}
