@@ -11,7 +11,7 @@
 
 // Answers to the downloader: byte 0, bits 0 to 1, cuts the rest into pieces; bit 2 follows
 // redirects, a few; bit 3 starts by `running`; bit 4 starts again when the first transfer ends;
-// bit 5 stops after the first news.
+// bit 5 stops after the first news; bit 6 destroys the object in the middle.
 
 namespace {
 
@@ -73,7 +73,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
         else
             io.start();
         const int wanted = data[0] & 16 ? 2 : 1;
-        for (const QDeadlineTimer giveUp(kGiveUpMs); ends < wanted && !giveUp.hasExpired();)
+        const QDeadlineTimer giveUp(data[0] & 64 ? 0 : kGiveUpMs);
+        while (ends < wanted && !giveUp.hasExpired())
             QCoreApplication::processEvents(QEventLoop::AllEvents);
     }
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
