@@ -10,7 +10,7 @@ namespace boardsim {
 namespace {
 
 /// For what left the board just before it hung up to be read: a hang-up discards the rest.
-constexpr Milliseconds kTimeToRead{100};
+constexpr Milliseconds kTimeToRead{300};
 
 /// Shapes one answer: each step makes the faults of one sort.
 class Shaper {
@@ -164,7 +164,7 @@ private:
                         .arg(write.meaning)
                         .arg(i + 1)
                         .arg(write.bytes.size()),
-                    m_delivery.writes.isEmpty() || i == 0 ? write.delay : gap);
+                    i == 0 ? write.delay : gap);
         }
     }
 

@@ -57,7 +57,8 @@ bool FileIO::exists(QString file) const
 
 bool FileIO::copy(QString dest_file, QString src_file) const
 {
-    // Deliberate: the old file goes first, so a failed copy leaves none.
+    // Deliberate: destination first, unlike the library's own order; scripts pass them so. The old
+    // file goes before the copy is tried, so a failed copy leaves none.
     // (tst_files::failedCopyRemovesTheDestination)
     if (QFile::exists(dest_file))
         static_cast<void>(QFile::remove(dest_file));

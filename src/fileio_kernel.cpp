@@ -56,6 +56,8 @@ void FileIO::ConvKernelCompileDate(char *stamp)
 
 bool FileIO::isNewKernel() const
 {
+    // Deliberate: equality. A later build is not new either.
+    // (tst_kernel::onlyTheReferenceBuildIsNew)
     const bool isNew = m_kernelDate == QLatin1String(kReferenceBuild);
     // Deliberate: no line feed; the text waits in the buffer for the next line.
     // (tst_kernel::answerHasNoLineFeed)

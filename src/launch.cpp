@@ -81,7 +81,7 @@ int runUpdateAssistant(int &argc, char **argv)
     QQmlApplicationEngine engine;
     // Deliberate: declared after its parent, so that it goes first. The engine may then evaluate
     // the kernelData binding once more against nothing and print a TypeError line, which is
-    // harmless; the other order would leave it a dangling context object.
+    // harmless; in the other order the engine would delete it as its child.
     FileIO fileIO(&engine);
     engine.rootContext()->setContextProperty(QStringLiteral("fileIO"), &fileIO);
     engine.load(screenUrl(kUpdateScreen));

@@ -73,7 +73,7 @@ static_assert(boardFrameIsSound(kUpdateStart), "length byte or checksum is off")
 constexpr std::size_t kVersionReplySize = 36;
 constexpr std::size_t kVersionTextOffset = 16; // ASCII, to a zero byte or to the last byte but one
 
-/// Length of every answer that goes through `serialIoctl`.
+/// Room for an answer that `serialIoctl` reads; a shorter one is normal.
 constexpr int kBoardReplySize = 64;
 
 #endif // BOARDFRAMES_H

@@ -136,7 +136,7 @@ bool SerialPort::Open(const char *port, const char *baud)
 int SerialPort::Read(void *buffer, int length)
 {
     // Deliberate: descriptor 0 counts as closed, unlike in the other calls.
-    // (tst_serialport::descriptorZeroCountsAsClosed)
+    // (tst_serialread::descriptorZeroCountsAsClosed)
     if (m_fd < 1)
         return -1;
     auto *const bytes = static_cast<unsigned char *>(buffer);

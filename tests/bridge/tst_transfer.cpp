@@ -38,6 +38,7 @@ QByteArray tenTimes(char control)
 QByteArray answerTo(Pty &line, const QByteArray &control)
 {
     line.send(control);
+    line.waitUntilTaken();
     // Ignored itself. Once it is taken, the answer to what came before has been written.
     line.send(tenTimes('.'));
     line.waitUntilTaken();

@@ -73,6 +73,7 @@ private slots:
     void paceDelaysBothDirections();
     void transcriptTellsEveryEvent();
     void shortTranscriptHasOneLineAFrame();
+    void boardWithoutListenerRunsOn();
     void waitForGivesUp();
     void stopRemovesTheLink();
 };
@@ -377,6 +378,22 @@ void TestBoardSimExchange::shortTranscriptHasOneLineAFrame()
     QVERIFY(lines.contains("-> end frame (133 bytes): 01 00 ff 00 00 00 00 00 00 00 00 00 ... "
                            "00 00 00 00 00 00"));
     QCOMPARE(lines.size(), 13); // on, boot loader, 'C', four frames with answers, complete, off
+}
+
+void TestBoardSimExchange::boardWithoutListenerRunsOn()
+{
+    Options options = inBootLoader();
+    options.requestInterval = Milliseconds(1);
+    options.controlRepeat = 1000;
+    BoardSimulator board(options);
+    QVERIFY(board.start());
+    // Far more than the line can hold.
+    QVERIFY(board.waitFor([](const Report &r) { return r.frames.size() > 200; }, kPatience));
+    AssistantLine line(board.slaveName());
+    QVERIFY(line.send(startFrame("app.bin", "3")));
+    QVERIFY(board.waitFor([](const Report &r) { return r.lastTransfer().announcedSize == 3; },
+                          kPatience));
+    QVERIFY(!board.hasFailed());
 }
 
 void TestBoardSimExchange::waitForGivesUp()

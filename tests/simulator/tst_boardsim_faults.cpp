@@ -303,7 +303,9 @@ void TestBoardSimFaults::splitPartsAnswerInTime()
 
 void TestBoardSimFaults::mergedAnswerComesWithTheNext()
 {
-    BoardSimulator board(withFaults({"merge@start-command"}));
+    Options options = withFaults({"merge@start-command"});
+    options.requestInterval = Milliseconds(5);
+    BoardSimulator board(options);
     QVERIFY(board.start());
     AssistantLine line(board.slaveName());
     const QByteArray answer = line.exchange(goodStartCommand(), 19);
@@ -311,8 +313,8 @@ void TestBoardSimFaults::mergedAnswerComesWithTheNext()
     QCOMPARE(answer.right(2),
              QByteArray("\xe7"
                         "C"));
-    QVERIFY(board.waitFor(writesByBoard(1), kPatience));
-    QCOMPARE(sentByBoard(board.report()).first(), answer);
+    QVERIFY(board.waitFor(writesByBoard(2), kPatience));
+    QCOMPARE(sentByBoard(board.report()).mid(0, 2), (QByteArrayList{answer, "C"}));
 }
 
 void TestBoardSimFaults::startCommandWithoutAnswerEntersTheBootLoader()
@@ -359,18 +361,23 @@ void TestBoardSimFaults::silentBootLoaderNeverAsks()
 void TestBoardSimFaults::refusalIsFollowedByTheProperAnswer_data()
 {
     QTest::addColumn<QByteArray>("fault");
+    QTest::addColumn<QByteArray>("more");
     QTest::addColumn<QByteArray>("refusal");
 
-    QTest::newRow("NAK") << QByteArray("nak=150@block:1") << kNak;
-    QTest::newRow("CA") << QByteArray("cancel=150@block:1") << QByteArray("\x18\x18");
+    QTest::newRow("NAK") << QByteArray("nak=150@block:1") << QByteArray("slow=0@end") << kNak;
+    QTest::newRow("CA") << QByteArray("cancel=150@block:1") << QByteArray("slow=0@end")
+                        << QByteArray("\x18\x18");
+    QTest::newRow("NAK, all split")
+        << QByteArray("nak=150@block:1") << QByteArray("split@block:1") << kNak;
 }
 
 void TestBoardSimFaults::refusalIsFollowedByTheProperAnswer()
 {
     QFETCH(QByteArray, fault);
+    QFETCH(QByteArray, more);
     QFETCH(QByteArray, refusal);
 
-    BoardSimulator board(inBootLoader({fault.constData()}));
+    BoardSimulator board(inBootLoader({fault.constData(), more.constData()}));
     QVERIFY(board.start());
     AssistantLine line(board.slaveName());
     QCOMPARE(line.receive(1), QByteArray("C"));
@@ -468,8 +475,8 @@ void TestBoardSimFaults::hangUpInTheAnswer()
     AssistantLine line(board.slaveName());
     QCOMPARE(line.exchange(goodVersionQuery(), 36), kVersionAnswer.left(10));
     QVERIFY(board.waitFor([](const Report &r) { return r.hungUp; }, kPatience));
-    QCOMPARE(sentByBoard(board.report()), QByteArrayList{kVersionAnswer.left(10)});
-    QCOMPARE(board.report().faultsMade.size(), 1);
+    QCOMPARE(sentByBoard(board.report()).join(), kVersionAnswer.left(10));
+    QCOMPARE(board.report().faultsMade.size(), 2);
 }
 
 void TestBoardSimFaults::consoleTextFollowsTheTransfer()
