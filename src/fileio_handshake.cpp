@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr int kFrameMaxV3 = 111;
-constexpr int kFrameMaxV4 = 200;
 constexpr std::uint8_t kHandshakeCommand = 15;
 constexpr int kAnswerMax = 100; // a longer answer cannot be received whole
 

@@ -27,7 +27,8 @@ int analyze(const unsigned char *buf, const Protocol &protocol, Record &record)
 template <typename Record>
 unsigned copySource(unsigned char *dst, const unsigned char *src, const Record &record)
 {
-    std::memmove(dst, src, record.len);
+    if (record.len > 0)
+        std::memmove(dst, src, record.len);
     return record.len;
 }
 
@@ -35,7 +36,8 @@ template <typename Record>
 unsigned copyParams(unsigned char *out, const Protocol &protocol, const Record &record)
 {
     const unsigned count = paramLength(record.len, protocol, sizeof record.params);
-    std::memcpy(out, record.params, count);
+    if (count > 0)
+        std::memcpy(out, record.params, count);
     return count;
 }
 

@@ -13,7 +13,7 @@ struct LayoutRow {
 constexpr LayoutRow kLayout[] = {
     // field                      V3   V4
     {&Protocol::version,           3,   4},
-    {&Protocol::frame_max_len,   111, 200},
+    {&Protocol::frame_max_len,   kFrameMaxV3, kFrameMaxV4},
     {&Protocol::frame_min_len,    31,  34},
     {&Protocol::param_max_len,    80, 166},
     {&Protocol::head_offset,       0,   0},

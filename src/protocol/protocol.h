@@ -6,6 +6,10 @@
 // The framed machine protocol in its versions V3 and V4: what differs between the versions
 // stands in a descriptor. The field names are interface and kept as they are.
 
+// The longest frames, in bytes; buffers that hold one are sized by these.
+constexpr std::uint8_t kFrameMaxV3 = 111;
+constexpr std::uint8_t kFrameMaxV4 = 200;
+
 /// Layout of one protocol version: positions and widths in bytes, passed by value.
 struct Protocol {
     std::uint8_t version;

@@ -1,4 +1,3 @@
-#include "capture.h"
 #include "fileio.h"
 
 #include <QMetaEnum>
@@ -97,8 +96,14 @@ static_assert(std::is_same_v<decltype(&FileIO::getMcuVersion), QString (FileIO::
 static_assert(std::is_same_v<decltype(&FileIO::getMcuBin), QStringList (FileIO::*)()>);
 static_assert(std::is_same_v<decltype(&FileIO::readKernelData), QString (FileIO::*)()>);
 static_assert(std::is_same_v<decltype(&FileIO::ConvKernelCompileDate), void (FileIO::*)(char *)>);
-static_assert(std::is_same_v<decltype(&FileIO::serialIoctl),
-                             int (FileIO::*)(unsigned char *, unsigned char, unsigned char *)>);
+
+// Two operations with one name.
+constexpr int (FileIO::*kCommand)(unsigned char *, unsigned char,
+                                  unsigned char *) = &FileIO::serialIoctl;
+constexpr int (FileIO::*kExchange)(unsigned char *, unsigned char, unsigned char *,
+                                   int) = &FileIO::serialIoctl;
+static_assert(!std::is_same_v<decltype(kCommand), decltype(kExchange)>);
+
 static_assert(std::is_base_of_v<QObject, FileIO> && std::is_base_of_v<QQmlParserStatus, FileIO>);
 static_assert(std::is_same_v<std::underlying_type_t<FileIO::Error>, unsigned>);
 static_assert(std::is_convertible_v<FileIO::Error, int>, "not scoped");
@@ -132,9 +137,6 @@ private slots:
     void parserStatusIsReachedByBothNames_data();
     void parserStatusIsReachedByBothNames();
     void objectIsItsFirstBase();
-    void pendingMethodsOnlySayThatTheyAreNotBuilt_data();
-    void pendingMethodsOnlySayThatTheyAreNotBuilt();
-    void startGoesOnWithTheStoredUrl();
 };
 
 void TestMetaObject::classIsFileIO()
@@ -272,59 +274,5 @@ void TestMetaObject::objectIsItsFirstBase()
 }
 
 // What still has no body. A method that gets one leaves this list.
-void TestMetaObject::pendingMethodsOnlySayThatTheyAreNotBuilt_data()
-{
-    QTest::addColumn<QByteArray>("signature");
-    for (const char *signature : {"start(QUrl)", "onReadyReadReply()", "onReadyRead()",
-                                  "onFinished()", "onDownloadProgress(qlonglong,qlonglong)",
-                                  "httpGet(QString)", "httpPost(QString,QString)"})
-        QTest::newRow(signature) << QByteArray(signature);
-}
-
-void TestMetaObject::pendingMethodsOnlySayThatTheyAreNotBuilt()
-{
-    QFETCH(QByteArray, signature);
-
-    const QMetaMethod method = meta().method(meta().indexOfMethod(signature.constData()));
-    QVERIFY(method.isValid());
-    FileIO fileIO;
-    QString result = QStringLiteral("untouched");
-    const QGenericReturnArgument answer = method.returnType() == QMetaType::QString
-        ? Q_RETURN_ARG(QString, result)
-        : QGenericReturnArgument();
-    const QString text = QStringLiteral("text");
-    const QUrl url(QStringLiteral("http://127.0.0.1/"));
-    const qint64 count = 1;
-
-    DescriptorCapture out(1);
-    bool invoked = false;
-    if (method.parameterCount() == 0) {
-        invoked = method.invoke(&fileIO, Qt::DirectConnection, answer);
-    } else if (method.parameterType(0) == QMetaType::QUrl) {
-        invoked = method.invoke(&fileIO, Qt::DirectConnection, answer, Q_ARG(QUrl, url));
-    } else if (method.parameterType(0) == QMetaType::LongLong) {
-        invoked = method.invoke(&fileIO, Qt::DirectConnection, answer, Q_ARG(qint64, count),
-                                Q_ARG(qint64, count));
-    } else if (method.parameterCount() == 1) {
-        invoked = method.invoke(&fileIO, Qt::DirectConnection, answer, Q_ARG(QString, text));
-    } else {
-        invoked = method.invoke(&fileIO, Qt::DirectConnection, answer, Q_ARG(QString, text),
-                                Q_ARG(QString, text));
-    }
-    const QByteArray printed = out.take();
-    QVERIFY(invoked);
-    QCOMPARE(printed, "[info]: " + method.name() + " is not built yet.\n");
-    if (answer.data())
-        QCOMPARE(result, QString());
-}
-
-void TestMetaObject::startGoesOnWithTheStoredUrl()
-{
-    FileIO fileIO;
-    DescriptorCapture out(1);
-    fileIO.start();
-    QCOMPARE(out.take(), QByteArray("[info]: start is not built yet.\n"));
-}
-
 QTEST_APPLESS_MAIN(TestMetaObject)
 #include "tst_metaobject.moc"

@@ -1,0 +1,83 @@
+#include "check.h"
+#include "fileio.h"
+#include "httpserver.h"
+#include "quickdownloadmaster.h"
+#include "quiet.h"
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QFile>
+#include <QTemporaryDir>
+
+// Answers to the downloader: byte 0, bits 0 to 1, cuts the rest into pieces; bit 2 follows
+// redirects, a few; bit 3 starts by `running`; bit 4 starts again when the first transfer ends;
+// bit 5 stops after the first news; bit 6 destroys the object in the middle.
+
+namespace {
+
+constexpr int kMostAnswers = 4; // a redirect may lead to itself
+constexpr int kGiveUpMs = 300;
+
+HttpServer *server = nullptr;
+
+} // namespace
+
+int LLVMFuzzerInitialize(int *argc, char ***argv)
+{
+    beQuiet();
+    static QCoreApplication application(*argc, *argv);
+    static HttpServer theServer;
+    server = &theServer;
+    return 0;
+}
+
+int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    if (size < 1)
+        return 0;
+    static const QTemporaryDir directory;
+    const QString path = directory.filePath(QStringLiteral("download"));
+    QFile::remove(path);
+    LoopbackManager manager(server->port());
+    QuickDownloadMaster::instance()->setNetworkAccessManager(&manager);
+    server->answer(piecesOfAnswer(data, size), kMostAnswers);
+
+    int ends = 0;
+    int news = 0;
+    {
+        FileIO io;
+        QObject::connect(&io, &FileIO::finished, [&] {
+            CHECK(!io.running());
+            CHECK(QFile::exists(path));
+            CHECK(io.progress() == 1.0);
+            ++ends;
+            if ((data[0] & 16) && ends == 1)
+                io.start();
+        });
+        QObject::connect(&io, &FileIO::error, [&](int code, const QString &) {
+            CHECK(code == FileIO::ErrorNetwork);
+            ++ends;
+            if ((data[0] & 16) && ends == 1)
+                io.start();
+        });
+        QObject::connect(&io, &FileIO::update, [&] {
+            if ((data[0] & 32) && ++news == 1)
+                io.stop();
+        });
+        io.setDestination(QUrl::fromLocalFile(path));
+        io.setUrl(QUrl(QStringLiteral("http://machine/")));
+        io.setFollowRedirects(data[0] & 4);
+        io.componentComplete();
+        if (data[0] & 8)
+            io.setRunning(true);
+        else
+            io.start();
+        const int wanted = data[0] & 16 ? 2 : 1;
+        const QDeadlineTimer giveUp(data[0] & 64 ? 0 : kGiveUpMs);
+        while (ends < wanted && !giveUp.hasExpired())
+            QCoreApplication::processEvents(QEventLoop::AllEvents);
+    }
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    QuickDownloadMaster::instance()->setNetworkAccessManager(nullptr);
+    return 0;
+}

@@ -1,0 +1,60 @@
+#include "check.h"
+#include "fileio.h"
+#include "httpserver.h"
+#include "quickdownloadmaster.h"
+#include "quiet.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QTime>
+
+// Answers to the blocking requests: byte 0, bits 0 to 1, cuts the rest into pieces; bit 2 posts;
+// bit 3 asks twice. The wait's clock runs 100 times as fast as the wall's.
+
+namespace {
+
+constexpr int kFaster = 100;
+QElapsedTimer realTime;
+
+HttpServer *server = nullptr;
+
+} // namespace
+
+/// What QTime::currentTime() is linked to.
+QTime fastTime() __asm__("__wrap__ZN5QTime11currentTimeEv");
+QTime fastTime()
+{
+    return QTime(0, 0).addMSecs(static_cast<int>(realTime.elapsed() * kFaster));
+}
+
+int LLVMFuzzerInitialize(int *argc, char ***argv)
+{
+    beQuiet();
+    static QCoreApplication application(*argc, *argv);
+    static HttpServer theServer;
+    server = &theServer;
+    return 0;
+}
+
+int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    if (size < 1)
+        return 0;
+    realTime.start();
+    // One for each input: its connections go with it.
+    LoopbackManager manager(server->port());
+    QuickDownloadMaster::instance()->setNetworkAccessManager(&manager);
+    server->answer(piecesOfAnswer(data, size), 2);
+    {
+        FileIO io;
+        const bool post = data[0] & 4;
+        const QString url = QStringLiteral("http://machine/");
+        for (int i = 0; i < (data[0] & 8 ? 2 : 1); ++i) {
+            const QString text = post ? io.httpPost(url, QStringLiteral("x")) : io.httpGet(url);
+            CHECK(!text.contains(QChar(0)));
+        }
+        CHECK(!io.running());
+    }
+    QuickDownloadMaster::instance()->setNetworkAccessManager(nullptr);
+    return 0;
+}

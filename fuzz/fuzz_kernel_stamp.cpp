@@ -1,0 +1,56 @@
+#include "check.h"
+#include "fileio.h"
+#include "quiet.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <sys/utsname.h>
+#include <vector>
+
+// The kernel's build stamp: byte 0 even, as uname() tells it; odd, handed over as it stands.
+
+namespace {
+
+std::string kernelVersion;
+constexpr int kLongestDate = 39;
+
+} // namespace
+
+extern "C" int __wrap_uname(utsname *kernel)
+{
+    *kernel = utsname{};
+    if (kernelVersion.empty())
+        return -1;
+    kernelVersion.copy(kernel->version, sizeof kernel->version - 1);
+    return 0;
+}
+
+int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/)
+{
+    beQuiet();
+    return 0;
+}
+
+int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    if (size < 1)
+        return 0;
+    const std::string text(data + 1, data + size);
+    FileIO io;
+    CHECK(!io.isNewKernel());
+    if (data[0] & 1) {
+        std::vector<char> stamp(text.begin(), text.end());
+        stamp.push_back('\0');
+        stamp.shrink_to_fit();
+        io.ConvKernelCompileDate(stamp.data());
+        io.isNewKernel();
+        return 0;
+    }
+    kernelVersion = text;
+    const QString date = io.readKernelData();
+    CHECK(!date.isEmpty());
+    CHECK(date.size() <= kLongestDate);
+    CHECK(io.isNewKernel() == (date == QLatin1String("2021-09-16 19:25:17")));
+    return 0;
+}

@@ -1,0 +1,85 @@
+#include "check.h"
+#include "fileio.h"
+#include "quiet.h"
+#include "shelloutput.h"
+
+#include <cstdio>
+#include <string>
+
+// What a listing command prints, and the pattern it is made from.
+//
+//   up to the first zero byte   the pattern
+//   rest                        what the command prints
+
+namespace {
+
+std::string printed;
+std::string command;
+
+/// The pieces that reads of up to `pieceSize` - 1 characters make of a text, by the letter.
+QStringList piecesOf(const std::string &text, std::size_t pieceSize)
+{
+    QStringList pieces;
+    for (std::size_t start = 0; start < text.size();) {
+        const std::size_t lineFeed = text.find('\n', start);
+        const std::size_t line = lineFeed == std::string::npos ? text.size() : lineFeed + 1;
+        const std::size_t end = std::min(line, start + pieceSize - 1);
+        std::string piece = text.substr(start, end - start);
+        piece = piece.c_str();
+        if (!piece.empty() && piece.back() == '\n')
+            piece.pop_back();
+        pieces.append(QString::fromLatin1(piece.c_str()));
+        start = end;
+    }
+    return pieces;
+}
+
+/// The text as printf writes it: two percent signs make one.
+std::string formatted(const std::string &text)
+{
+    std::string result;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        result += text[i];
+        if (text[i] == '%' && i + 1 < text.size() && text[i + 1] == '%')
+            ++i;
+    }
+    return result;
+}
+
+} // namespace
+
+extern "C" FILE *__wrap_popen(const char *text, const char * /*mode*/)
+{
+    command = text;
+    // A stream in memory cannot be empty.
+    return printed.empty() ? nullptr : fmemopen(printed.data(), printed.size(), "r");
+}
+
+extern "C" int __wrap_pclose(FILE *stream)
+{
+    return std::fclose(stream);
+}
+
+extern "C" void __wrap_perror(const char * /*text*/) { }
+
+int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/)
+{
+    beQuiet();
+    return 0;
+}
+
+int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    const std::string input(data, data + size);
+    const std::size_t zero = std::min(input.find('\0'), input.size());
+    const std::string pattern = input.substr(0, zero);
+    printed = input.substr(std::min(zero + 1, input.size()));
+
+    FileIO io;
+    const QStringList entries = io.getIpkList(QString::fromLatin1(pattern.c_str()));
+    CHECK(command == "ls " + formatted(pattern));
+    CHECK(entries == piecesOf(printed, 200));
+    CHECK(io.getMcuBin().size() == piecesOf(printed, 100).size());
+    CHECK(command == "ls /root/mcu/*.bin");
+    return 0;
+}

@@ -1,0 +1,24 @@
+#include "check.h"
+#include "fileio.h"
+#include "line.h"
+#include "quiet.h"
+
+// Replies to the version query. The input is the line's script. The query waits for ever for a
+// silent board, so the line fails in the end.
+
+int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/)
+{
+    beQuiet();
+    return 0;
+}
+
+int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    beginLine(data, size, AtEnd::Failure);
+    FileIO io;
+    const QString version = io.getMcuVersion();
+    CHECK(version.size() <= 19);
+    CHECK(!version.contains(QChar(0)));
+    CHECK(writtenToLine().size() == 30);
+    return 0;
+}

@@ -1,0 +1,239 @@
+#include "capture.h"
+#include "fileio.h"
+#include "peer.h"
+#include "pty.h"
+#include "serialport.h"
+
+#include <QtTest>
+
+// An answer of 64 bytes is taken at once; anything else costs a second.
+
+namespace {
+
+constexpr int kPacketSize = 64;
+
+QByteArray packet(int code, int number, int param = 0)
+{
+    QByteArray bytes(kPacketSize, '\0');
+    bytes[0] = static_cast<char>(code);
+    bytes[4] = static_cast<char>(number);
+    bytes[8] = static_cast<char>(param);
+    return bytes;
+}
+
+const QByteArray kConnect = packet(0xAE, 1);
+const QByteArray kSyncPackno = packet(0xA4, 1, 1);
+const QByteArray kGetDeviceId = packet(0xB1, 3);
+const QByteArray kReadConfig = packet(0xA2, 5);
+
+/// Bytes 255, 254, ... so that none is mistaken for its neighbour and all print as unsigned.
+QByteArray answer(int size = kPacketSize)
+{
+    QByteArray bytes;
+    for (int i = 0; i < size; ++i)
+        bytes.append(static_cast<char>(255 - i));
+    return bytes;
+}
+
+QByteArray lines(const char *name, const QByteArray &bytes)
+{
+    QByteArray text;
+    for (int i = 0; i < bytes.size(); ++i) {
+        text += name;
+        text += '[' + QByteArray::number(i) + "] = 0x"
+            + QByteArray::number(static_cast<unsigned char>(bytes[i]), 16) + '\n';
+    }
+    return text;
+}
+
+const QByteArray kCommandLines = lines("cmd_buf", kConnect);
+const QByteArray kConnected = kCommandLines + "len:64\n" + lines("rx_buf", answer());
+
+} // namespace
+
+class TestBootloader : public QObject {
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void packetsAreExact();
+    void portIsLeftOpen();
+    void deviceIdIsUnsignedLittleEndian_data();
+    void deviceIdIsUnsignedLittleEndian();
+    void answersMayComeInPieces();
+    void connectIsTriedAgain();
+    void overlongAnswerIsCutToItsPacket();
+    void failedStepEndsTheSequence_data();
+    void failedStepEndsTheSequence();
+    void closedPortPrintsMinusOne();
+
+private:
+    struct Run {
+        int result;
+        QList<QByteArray> out; // lines
+    };
+
+    /// Runs the sequence against a board that receives a packet and sends an answer in turn.
+    Run run(const QList<QByteArray> &answers);
+
+    QScopedPointer<Pty> m_line;
+    QScopedPointer<FileIO> m_io;
+    QList<QByteArray> m_sent;
+};
+
+void TestBootloader::init()
+{
+    m_line.reset(new Pty);
+    m_io.reset(new FileIO);
+    m_sent.clear();
+    QVERIFY(m_io->serialPort()->Open(m_line->path().constData(), "115200"));
+}
+
+void TestBootloader::cleanup()
+{
+    m_io.reset();
+    m_line.reset();
+}
+
+TestBootloader::Run TestBootloader::run(const QList<QByteArray> &answers)
+{
+    Peer board(*m_line, [this, &answers](Pty &line) {
+        for (const QByteArray &bytes : answers) {
+            m_sent.append(line.receive(kPacketSize));
+            if (!bytes.isEmpty())
+                line.send(bytes);
+        }
+    });
+    DescriptorCapture out(1);
+    const int result = m_io->sendCmdFromConnect2Config();
+    return {result, out.take().split('\n')};
+}
+
+void TestBootloader::packetsAreExact()
+{
+    const Run sequence = run({answer(), answer(), answer(), answer()});
+    QCOMPARE(sequence.result, 1);
+    const QList<QByteArray> packets{kConnect, kSyncPackno, kGetDeviceId, kReadConfig};
+    QCOMPARE(m_sent, packets);
+    QCOMPARE(m_line->received(), QByteArray());
+    QCOMPARE(sequence.out, (kConnected + "device id:4109760247\n").split('\n'));
+}
+
+void TestBootloader::portIsLeftOpen()
+{
+    QCOMPARE(run({answer(), answer(), answer(), answer()}).result, 1);
+    // The same port once more.
+    QCOMPARE(run({answer(), answer(), answer(), answer()}).result, 1);
+    QVERIFY(m_line->isOpenedByProduct());
+    m_io->closeSerial();
+    QVERIFY(!m_line->isOpenedByProduct());
+}
+
+void TestBootloader::deviceIdIsUnsignedLittleEndian_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<QByteArray>("id");
+    QTest::newRow("zero") << QByteArray(4, '\0') << QByteArray("0");
+    QTest::newRow("largest") << QByteArray(4, '\xFF') << QByteArray("4294967295");
+    QTest::newRow("sign bit") << QByteArray("\0\0\0\x80", 4) << QByteArray("2147483648");
+    QTest::newRow("byte order") << QByteArray("\x01\x02\x03\x04", 4) << QByteArray("67305985");
+}
+
+void TestBootloader::deviceIdIsUnsignedLittleEndian()
+{
+    QFETCH(QByteArray, bytes);
+    QFETCH(QByteArray, id);
+
+    QByteArray identified = answer();
+    identified.replace(8, 4, bytes);
+    const Run sequence = run({answer(), answer(), identified, answer()});
+    QCOMPARE(sequence.result, 1);
+    QCOMPARE(sequence.out, (kConnected + "device id:" + id + '\n').split('\n'));
+}
+
+void TestBootloader::answersMayComeInPieces()
+{
+    Peer board(*m_line, [](Pty &line) {
+        for (int step = 0; step < 4; ++step) {
+            line.receive(kPacketSize);
+            for (const char byte : answer())
+                line.send(QByteArray(1, byte));
+        }
+    });
+    DescriptorCapture out(1);
+    const int result = m_io->sendCmdFromConnect2Config();
+    QCOMPARE(out.take().split('\n'), (kConnected + "device id:4109760247\n").split('\n'));
+    QCOMPARE(result, 1);
+}
+
+void TestBootloader::connectIsTriedAgain()
+{
+    const Run sequence = run({"", answer(63), answer(), answer(), answer(), answer()});
+    QCOMPARE(sequence.result, 1);
+    const QList<QByteArray> packets{kConnect,    kConnect,     kConnect,
+                                    kSyncPackno, kGetDeviceId, kReadConfig};
+    QCOMPARE(m_sent, packets);
+    const QByteArray retries = "len:0 line:734\nlen:63 line:734\nlen:64\n";
+    QCOMPARE(sequence.out,
+             (kCommandLines + retries + lines("rx_buf", answer()) + "device id:4109760247\n")
+                 .split('\n'));
+}
+
+void TestBootloader::overlongAnswerIsCutToItsPacket()
+{
+    // What is left over is the next answer.
+    const Run sequence = run({answer() + answer(), "", answer(), answer()});
+    QCOMPARE(sequence.result, 1);
+    QCOMPARE(sequence.out, (kConnected + "device id:4109760247\n").split('\n'));
+}
+
+void TestBootloader::failedStepEndsTheSequence_data()
+{
+    QTest::addColumn<QList<QByteArray>>("answers");
+    QTest::addColumn<QByteArray>("out");
+
+    const QByteArray sync = "device ack error:CMD_SYNC_packno\n";
+    const QByteArray deviceId = "device ack error:CMD_GET_DEVICEID\n";
+    const QByteArray config = "device id:4109760247\ndevice ack error:CMD_READ_CONFIG\n";
+    using Answers = QList<QByteArray>;
+    QTest::newRow("no sync") << Answers{answer(), ""} << kConnected + sync;
+    QTest::newRow("short sync") << Answers{answer(), answer(63)} << kConnected + sync;
+    QTest::newRow("no id") << Answers{answer(), answer(), ""} << kConnected + deviceId;
+    QTest::newRow("short id") << Answers{answer(), answer(), answer(12)} << kConnected + deviceId;
+    QTest::newRow("no configuration")
+        << Answers{answer(), answer(), answer(), ""} << kConnected + config;
+    QTest::newRow("short configuration")
+        << Answers{answer(), answer(), answer(), answer(1)} << kConnected + config;
+}
+
+void TestBootloader::failedStepEndsTheSequence()
+{
+    QFETCH(QList<QByteArray>, answers);
+    QFETCH(QByteArray, out);
+
+    const Run sequence = run(answers);
+    QCOMPARE(sequence.result, -1);
+    QCOMPARE(sequence.out, out.split('\n'));
+    const QList<QByteArray> packets{kConnect, kSyncPackno, kGetDeviceId, kReadConfig};
+    QCOMPARE(m_sent, packets.mid(0, answers.size()));
+    QCOMPARE(m_line->received(), QByteArray());
+    QVERIFY(m_line->isOpenedByProduct());
+}
+
+void TestBootloader::closedPortPrintsMinusOne()
+{
+    m_io->closeSerial();
+    DescriptorCapture out(1);
+    DescriptorCapture err(2);
+    const int result = m_io->sendCmdFromConnect2Config();
+    QCOMPARE(out.take(),
+             kCommandLines + QByteArray("len:-1 line:734\n").repeated(10)
+                 + "len:-1\ndevice ack error:CMD_CONNECT\n");
+    QCOMPARE(err.take(), QByteArray("ERROR: write failed: Bad file descriptor\n").repeated(11));
+    QCOMPARE(result, -1);
+}
+
+QTEST_APPLESS_MAIN(TestBootloader)
+#include "tst_bootloader.moc"
