@@ -28,6 +28,16 @@ Verdict startVerdict()
     return verdict;
 }
 
+Verdict handshakeVerdict(ProtocolVersion version, const QByteArray &params)
+{
+    const QString name = QStringLiteral("V%1 handshake").arg(static_cast<int>(version));
+    Verdict verdict;
+    verdict.meaning = name;
+    verdict.answer = Answer{Answer::Kind::Frame, handshakeReply(version, params),
+                            name + QStringLiteral(" answer"), paramOffset(version)};
+    return verdict;
+}
+
 QString strayText(const QByteArray &bytes)
 {
     if (bytes.size() > 1 && static_cast<quint8>(bytes.at(0)) == kFrameMark)
@@ -60,6 +70,11 @@ Board::Board(const Options &options, Line &line, Report &report)
     , m_versionQuery(Step::Version, versionQuery(), versionVerdict(options.versionText),
                      report.versionQueries)
     , m_startCommand(Step::StartCommand, startCommand(), startVerdict(), report.startCommands)
+    , m_handshakeV3(Step::Handshake, handshake(ProtocolVersion::V3),
+                    handshakeVerdict(ProtocolVersion::V3, options.params), report.handshakesV3)
+    , m_handshakeV4(Step::Handshake, handshake(ProtocolVersion::V4),
+                    handshakeVerdict(ProtocolVersion::V4, options.params), report.handshakesV4)
+    , m_packets(options.deviceId, report)
     , m_receiver(report)
     , m_assembler(options.frameGap)
 {
@@ -112,7 +127,11 @@ FrameAssembler::Handlers Board::activeHandlers()
     // which answers it: an assistant without a firmware file never sends the start frame.
     if (m_inBootLoader && !m_receiver.awaitsStartFrame())
         return {&m_receiver};
-    return {&m_versionQuery, &m_startCommand, &m_receiver};
+    FrameAssembler::Handlers handlers{&m_versionQuery, &m_startCommand, &m_handshakeV3,
+                                      &m_handshakeV4};
+    if (m_inBootLoader)
+        handlers << &m_packets;
+    return handlers << &m_receiver;
 }
 
 void Board::take(TimePoint now, char byte)
@@ -162,13 +181,12 @@ void Board::handleFrame(TimePoint now, const Received &received)
 {
     m_speaker.stopRepeating();
     m_nextRequest.reset();
-    const bool isCommand = received.handler != &m_receiver;
-    if (isCommand)
+    if (received.handler->isForApplication())
         leaveBootLoader(now);
 
     const Verdict verdict = received.handler->receive(received.bytes);
     m_recorder.received(now, verdict.meaning, received.bytes);
-    if (isCommand && verdict.violations.isEmpty())
+    if (verdict.opensExchange)
         m_recorder.newExchange();
     for (const QString &text : verdict.violations)
         m_recorder.violated(now, text);
@@ -207,6 +225,7 @@ void Board::enterBootLoader(TimePoint now, TimePoint firstRequest)
 {
     m_recorder.note(now, QStringLiteral("board enters its boot loader"));
     m_inBootLoader = true;
+    m_packets.begin();
     m_receiver.begin();
     m_nextRequest = firstRequest;
 }

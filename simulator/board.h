@@ -6,6 +6,7 @@
 #include "frameassembler.h"
 #include "line.h"
 #include "options.h"
+#include "packethandler.h"
 #include "recorder.h"
 #include "report.h"
 #include "speaker.h"
@@ -52,6 +53,9 @@ private:
 
     CommandHandler m_versionQuery;
     CommandHandler m_startCommand;
+    CommandHandler m_handshakeV3;
+    CommandHandler m_handshakeV4;
+    PacketHandler m_packets;
     YModemReceiver m_receiver;
 
     FrameAssembler m_assembler;

@@ -15,6 +15,8 @@ constexpr int kVersionTextOffset = 16;
 constexpr int kVersionReplySize = 36;
 constexpr int kStartReplySize = 18;
 constexpr quint8 kStartCommandCode = 0x13;
+constexpr quint8 kHandshakeCode = 0x0F;
+constexpr int kTailSize = 2; // checksum and foot
 
 struct Field {
     int offset;
@@ -39,31 +41,48 @@ unsigned sumUnderChecksum(const QByteArray &frame)
     return sum;
 }
 
-QByteArray sealedFrame(int size, std::initializer_list<Field> fields)
+QByteArray sealed(QByteArray frame)
 {
-    QByteArray frame(size, '\0');
+    const int size = frame.size();
     put(frame, 0, kFrameMark);
     put(frame, kLengthOffset, static_cast<quint8>(size));
-    for (const Field &field : fields)
-        put(frame, field.offset, field.value);
     put(frame, size - 2, static_cast<quint8>(sumUnderChecksum(frame) & 0xFFU));
     put(frame, size - 1, kFrameMark);
     return frame;
 }
 
-QString fieldName(int offset, int size, quint8 expected)
+QByteArray sealedFrame(int size, std::initializer_list<Field> fields)
+{
+    QByteArray frame(size, '\0');
+    for (const Field &field : fields)
+        put(frame, field.offset, field.value);
+    return sealed(frame);
+}
+
+ExpectedFrame command(const QByteArray &frame)
+{
+    return {frame,
+            {{kMarkerOffset, QStringLiteral("marker byte 2")},
+             {kCommandOffset, QStringLiteral("command code")}}};
+}
+
+int handshakeCommandOffset(ProtocolVersion version)
+{
+    return version == ProtocolVersion::V3 ? 23 : 26;
+}
+
+QString fieldName(int offset, const ExpectedFrame &expected)
 {
     if (offset == 0)
         return QStringLiteral("head");
-    if (offset == size - 1)
+    if (offset == expected.bytes.size() - 1)
         return QStringLiteral("foot");
     if (offset == kLengthOffset)
         return QStringLiteral("length byte");
-    if (offset == kMarkerOffset)
-        return QStringLiteral("marker byte 2");
-    if (offset == kCommandOffset)
-        return QStringLiteral("command code");
-    return (expected == 0 ? QStringLiteral("zero byte %1") : QStringLiteral("fixed byte %1"))
+    if (expected.names.contains(offset))
+        return expected.names.value(offset);
+    return (at(expected.bytes, offset) == 0 ? QStringLiteral("zero byte %1")
+                                            : QStringLiteral("fixed byte %1"))
         .arg(offset);
 }
 
@@ -74,20 +93,26 @@ QString mismatch(const QString &name, quint8 value, quint8 expected)
 
 } // namespace
 
-QByteArray versionQuery()
+ExpectedFrame versionQuery()
 {
-    return sealedFrame(30,
-                       {{kMarkerOffset, 0xFF},
-                        {kCommandOffset, 0x0F},
-                        {14, 0x37}, // meaning unknown, as are the next three
-                        {17, 0x01},
-                        {22, 0x08},
-                        {23, 0x71}});
+    return command(sealedFrame(30,
+                               {{kMarkerOffset, 0xFF},
+                                {kCommandOffset, 0x0F},
+                                {14, 0x37}, // meaning unknown, as are the next three
+                                {17, 0x01},
+                                {22, 0x08},
+                                {23, 0x71}}));
 }
 
-QByteArray startCommand()
+ExpectedFrame startCommand()
 {
-    return sealedFrame(18, {{kMarkerOffset, 0xFF}, {kCommandOffset, kStartCommandCode}});
+    return command(sealedFrame(18, {{kMarkerOffset, 0xFF}, {kCommandOffset, kStartCommandCode}}));
+}
+
+ExpectedFrame handshake(ProtocolVersion version)
+{
+    return {handshakeReply(version, paramBlock(QByteArray())),
+            {{handshakeCommandOffset(version), QStringLiteral("command byte")}}};
 }
 
 QByteArray versionReply(const QByteArray &text)
@@ -107,14 +132,40 @@ QByteArray startReply()
     return sealedFrame(kStartReplySize, {{kCommandOffset, kStartCommandCode}, {14, kFiller}});
 }
 
-QStringList commandFrameFaults(const QByteArray &frame, const QByteArray &expected)
+QByteArray handshakeReply(ProtocolVersion version, const QByteArray &params)
+{
+    QByteArray frame(paramOffset(version) + kTailSize, '\0');
+    put(frame, handshakeCommandOffset(version), kHandshakeCode);
+    return withParams(frame, paramOffset(version), params);
+}
+
+int paramOffset(ProtocolVersion version)
+{
+    return version == ProtocolVersion::V3 ? 29 : 32;
+}
+
+QByteArray paramBlock(const QByteArray &text)
+{
+    return text.leftJustified(kParamBlock, '\0');
+}
+
+QByteArray paramsOf(const QByteArray &frame, int paramOffset)
+{
+    return frame.mid(paramOffset, frame.size() - paramOffset - kTailSize);
+}
+
+QByteArray withParams(const QByteArray &frame, int paramOffset, const QByteArray &params)
+{
+    return sealed(frame.left(paramOffset) + params + QByteArray(kTailSize, '\0'));
+}
+
+QStringList commandFrameFaults(const QByteArray &frame, const ExpectedFrame &expected)
 {
     const int checksumOffset = frame.size() - 2;
     QStringList faults;
     for (int i = 0; i < frame.size(); ++i) {
-        if (i != checksumOffset && frame.at(i) != expected.at(i))
-            faults << mismatch(fieldName(i, frame.size(), at(expected, i)), at(frame, i),
-                               at(expected, i));
+        if (i != checksumOffset && frame.at(i) != expected.bytes.at(i))
+            faults << mismatch(fieldName(i, expected), at(frame, i), at(expected.bytes, i));
     }
     const auto sum = static_cast<quint8>(sumUnderChecksum(frame) & 0xFFU);
     if (at(frame, checksumOffset) != sum)

@@ -1,23 +1,22 @@
 #include "commandhandler.h"
 
-#include "commandframes.h"
-
 namespace boardsim {
 
-CommandHandler::CommandHandler(Step step, const QByteArray &expected, const Verdict &good,
+CommandHandler::CommandHandler(Step step, const ExpectedFrame &expected, const Verdict &good,
                                int &count)
     : m_step(step)
     , m_expected(expected)
     , m_good(good)
     , m_count(count)
 {
+    m_good.opensExchange = true;
 }
 
 std::optional<Claim> CommandHandler::claim(const QByteArray &start) const
 {
-    if (!m_expected.startsWith(start.left(2)))
+    if (!m_expected.bytes.startsWith(start.left(2)))
         return std::nullopt;
-    const int length = start.size() < 2 ? 0 : m_expected.size();
+    const int length = start.size() < 2 ? 0 : m_expected.bytes.size();
     return Claim{length, Place{m_step}};
 }
 

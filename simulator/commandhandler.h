@@ -1,6 +1,7 @@
 #ifndef BOARDSIM_COMMANDHANDLER_H
 #define BOARDSIM_COMMANDHANDLER_H
 
+#include "commandframes.h"
 #include "framehandler.h"
 
 namespace boardsim {
@@ -10,15 +11,16 @@ namespace boardsim {
 class CommandHandler : public FrameHandler {
 public:
     /// `good` is what happens to a valid frame; its meaning names the command in the transcript.
-    /// `count` counts the valid ones; it must outlive the handler.
-    CommandHandler(Step step, const QByteArray &expected, const Verdict &good, int &count);
+    /// It opens an exchange. `count` counts the valid ones; it must outlive the handler.
+    CommandHandler(Step step, const ExpectedFrame &expected, const Verdict &good, int &count);
 
     std::optional<Claim> claim(const QByteArray &start) const override;
     Verdict receive(const QByteArray &frame) override;
+    bool isForApplication() const override { return true; }
 
 private:
     Step m_step;
-    QByteArray m_expected;
+    ExpectedFrame m_expected;
     Verdict m_good;
     int &m_count;
 };

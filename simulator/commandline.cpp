@@ -11,10 +11,10 @@ namespace boardsim {
 namespace {
 
 const char kDescription[] =
-    "The control board on a pseudo-terminal: answers the version query and the update start\n"
-    "command, then receives a firmware image as the board's boot loader does. It is strict:\n"
-    "everything that is off is reported. Prints \"ready DEVICE\" and runs until SIGTERM or "
-    "SIGINT.\n"
+    "The control board on a pseudo-terminal: answers the version query, the V3 and V4 handshakes\n"
+    "and the update start command, then receives a firmware image as the board's boot loader\n"
+    "does, or answers its command packets. It is strict: everything that is off is reported.\n"
+    "Prints \"ready DEVICE\" and runs until SIGTERM or SIGINT.\n"
     "\n"
     "Exit status: 0, 1 when something was off that no fault explains, 2 on wrong usage, 3 when\n"
     "the line or a file failed.";
@@ -30,6 +30,12 @@ struct Parameters {
     QCommandLineOption link = option("link", "Link to the device, removed at the end.", "PATH");
     QCommandLineOption versionText =
         option("version-text", "Version that the board reports.", "TEXT", "V4.1.3");
+    QCommandLineOption params =
+        option("params", "Text in the parameters of the handshake answers.", "TEXT", "ABC_K7QX12");
+    QCommandLineOption paramsHex =
+        option("params-hex", "All of their parameters, byte by byte, instead.", "HEX");
+    QCommandLineOption deviceId =
+        option("device-id", "Device id that the boot loader reports.", "NUMBER", "0x4b375158");
     QCommandLineOption image =
         option("image", "Where a completely received image is written.", "FILE");
     QCommandLineOption transcript =
@@ -60,8 +66,9 @@ struct Parameters {
 
     QList<QCommandLineOption> all() const
     {
-        return {link,          versionText, image,     transcript,      hex,   summary, pace,
-                controlRepeat, bootLoader,  bootDelay, requestInterval, fault, help};
+        return {link,  versionText, params, paramsHex,     deviceId,   image,     transcript,
+                hex,   summary,     pace,   controlRepeat, bootLoader, bootDelay, requestInterval,
+                fault, help};
     }
 };
 
@@ -83,6 +90,15 @@ public:
         return value;
     }
 
+    quint32 unsignedNumber(const QCommandLineOption &option)
+    {
+        bool ok = false;
+        const quint32 value = m_parser.value(option).toUInt(&ok, 0);
+        if (!ok)
+            complain(option, QStringLiteral("a number from 0 to 0xffffffff"));
+        return value;
+    }
+
     void complain(const QCommandLineOption &option, const QString &wanted)
     {
         if (m_complaint.isEmpty())
@@ -95,11 +111,30 @@ private:
     QString &m_complaint;
 };
 
-bool isVersionText(const QString &text)
+bool isAsciiText(const QString &text, int maxSize)
 {
-    return text.size() <= kMaxVersionText && std::all_of(text.begin(), text.end(), [](QChar c) {
+    return text.size() <= maxSize && std::all_of(text.begin(), text.end(), [](QChar c) {
                return c >= QLatin1Char(' ') && c <= QLatin1Char('~');
            });
+}
+
+QByteArray readParams(const QCommandLineParser &parser, const Parameters &parameters,
+                      Reader &reader)
+{
+    if (!parser.isSet(parameters.paramsHex)) {
+        const QString text = parser.value(parameters.params);
+        if (!isAsciiText(text, kMaxParams))
+            reader.complain(parameters.params,
+                            QStringLiteral("at most %1 ASCII characters").arg(kMaxParams));
+        return paramBlock(text.toLatin1());
+    }
+    const QByteArray digits = parser.value(parameters.paramsHex).toLower().toLatin1();
+    const QByteArray bytes = QByteArray::fromHex(digits);
+    if (bytes.toHex() != digits || bytes.size() > kMaxParams)
+        reader.complain(
+            parameters.paramsHex,
+            QStringLiteral("pairs of hexadecimal digits for at most %1 bytes").arg(kMaxParams));
+    return bytes;
 }
 
 void readFaults(const QStringList &texts, CommandLine &line)
@@ -125,10 +160,12 @@ void readOptions(const QCommandLineParser &parser, const Parameters &parameters,
     line.summaryFile = parser.value(parameters.summary);
 
     const QString text = parser.value(parameters.versionText);
-    if (!isVersionText(text))
+    if (!isAsciiText(text, kMaxVersionText))
         reader.complain(parameters.versionText,
                         QStringLiteral("at most %1 ASCII characters").arg(kMaxVersionText));
     options.versionText = text.toLatin1();
+    options.params = readParams(parser, parameters, reader);
+    options.deviceId = reader.unsignedNumber(parameters.deviceId);
 
     const QString style = parser.value(parameters.hex);
     if (style != QLatin1String("full") && style != QLatin1String("short"))

@@ -1,5 +1,7 @@
 #include "fault.h"
 
+#include "commandframes.h"
+
 #include <algorithm>
 
 namespace boardsim {
@@ -11,12 +13,12 @@ using Which = FaultPlace::Which;
 
 constexpr int kMaxNumber = 10000000;
 
-const QVector<Step> kAnywhere{Step::Version, Step::StartCommand, Step::StartFrame,
-                              Step::Block,   Step::Eot,          Step::End};
-const QVector<Step> kCommands{Step::Version, Step::StartCommand};
+const QVector<Step> kCommands{Step::Version, Step::StartCommand, Step::Handshake};
+const QVector<Step> kPackets{Step::Connect, Step::Sync, Step::DeviceId, Step::Config};
 const QVector<Step> kTransfer{Step::StartFrame, Step::Block, Step::Eot, Step::End};
-const QVector<Step> kLongFrames{Step::Version, Step::StartCommand, Step::StartFrame, Step::Block,
-                                Step::End};
+const QVector<Step> kAnywhere = kCommands + kPackets + kTransfer;
+const QVector<Step> kLongFrames =
+    kCommands + kPackets + QVector<Step>{Step::StartFrame, Step::Block, Step::End};
 
 struct PlaceName {
     const char *name;
@@ -30,6 +32,11 @@ const QVector<PlaceName> &placeTable()
     static const QVector<PlaceName> table {
         {"version",       {Step::Version},                  "version query and its answer"},
         {"start-command", {Step::StartCommand},             "update start command and its answer"},
+        {"handshake",     {Step::Handshake},                "V3 or V4 handshake and its answer"},
+        {"connect",       {Step::Connect},                  "connect packet and its answer"},
+        {"sync",          {Step::Sync},                     "sync packet and its answer"},
+        {"device-id",     {Step::DeviceId},                 "device id packet and its answer"},
+        {"config",        {Step::Config},                   "config packet and its answer"},
         {"start-frame",   {Step::StartFrame},               "start frame and its ACK and 'C'"},
         {"block:first",   {Step::Block, Which::First},      "first data block and its ACK"},
         {"block:middle",  {Step::Block, Which::Middle},     "middle data block"},
@@ -43,11 +50,11 @@ const QVector<PlaceName> &placeTable()
 
 const QString kBlockPrefix = QStringLiteral("block:");
 
-std::optional<int> parseNumber(const QString &text, int min)
+std::optional<int> parseNumber(const QString &text, int min, int max = kMaxNumber)
 {
     bool ok = false;
     const int number = text.toInt(&ok);
-    if (!ok || number < min || number > kMaxNumber)
+    if (!ok || number < min || number > max)
         return std::nullopt;
     return number;
 }
@@ -100,6 +107,9 @@ bool readValue(const FaultRule &rule, const QString &text, Fault &fault)
         return false;
     case Value::Number:
         fault.number = parseNumber(text, 0);
+        return fault.number.has_value();
+    case Value::ParamCount:
+        fault.number = parseNumber(text, 1, kMaxParams);
         return fault.number.has_value();
     case Value::Byte:
     case Value::Bytes: {
@@ -163,6 +173,10 @@ const QVector<FaultRule> &faultTable()
          "changes the last byte under the checksum, so that the sum does not fit"},
         {FaultKind::WrongFoot, "wrong-foot", Value::Byte, "HH", "e6", kCommands,
          "answers with this foot byte (e6)"},
+        {FaultKind::NoUnderscore, "no-underscore", Value::None, "", "", {Step::Handshake},
+         "answers with minus signs for the underscores of its parameters"},
+        {FaultKind::FullParams, "full-params", Value::ParamCount, "N", "", {Step::Handshake},
+         "answers without a zero byte in its parameters, which are filled up to N bytes"},
         {FaultKind::Nak, "nak", Value::Number, "MS", "", kTransfer,
          "answers NAK; with MS, the proper answer follows so many milliseconds later"},
         {FaultKind::Cancel, "cancel", Value::Number, "MS", "", kTransfer,

@@ -21,6 +21,8 @@ enum class FaultKind {
     WrongLength,
     WrongChecksum,
     WrongFoot,
+    NoUnderscore,
+    FullParams,
     Nak,
     Cancel,
     LostAck,
@@ -65,10 +67,11 @@ struct FaultRule {
     enum class Value {
         None,
         Number,
-        Byte,     // two hexadecimal digits
-        Bytes,    // pairs of them
-        Text,     // with \n, \r and \\ for a line feed, a carriage return and a backslash
-        AckOrder, // "ack-first" or "c-first"
+        ParamCount, // how many parameters an answer has
+        Byte,       // two hexadecimal digits
+        Bytes,      // pairs of them
+        Text,       // with \n, \r and \\ for a line feed, a carriage return and a backslash
+        AckOrder,   // "ack-first" or "c-first"
     };
     FaultKind kind;
     const char *name;

@@ -1,5 +1,6 @@
 #include "faultplan.h"
 
+#include "commandframes.h"
 #include "controlbytes.h"
 
 #include <algorithm>
@@ -11,6 +12,8 @@ namespace {
 
 /// For what left the board just before it hung up to be read: a hang-up discards the rest.
 constexpr Milliseconds kTimeToRead{300};
+
+constexpr char kParamFiller = 'x';
 
 /// Shapes one answer: each step makes the faults of one sort.
 class Shaper {
@@ -24,10 +27,17 @@ public:
 
     Delivery shape(const Answer &answer)
     {
-        if (answer.kind == Answer::Kind::Frame)
+        switch (answer.kind) {
+        case Answer::Kind::Frame:
             shapeFrame(answer);
-        else
+            break;
+        case Answer::Kind::Packet:
+            add(answer.bytes, answer.meaning);
+            break;
+        case Answer::Kind::Control:
             shapeControl(answer);
+            break;
+        }
         loseTail();
         addGarbage();
         addConsole();
@@ -59,6 +69,8 @@ private:
     void shapeFrame(const Answer &answer)
     {
         QByteArray frame = answer.bytes;
+        if (answer.paramOffset > 0)
+            shapeParams(frame, answer.paramOffset);
         const int size = frame.size();
         if (const Fault *fault = make(FaultKind::WrongHead))
             frame[0] = fault->bytes.at(0);
@@ -70,6 +82,18 @@ private:
             frame[size - 1] = fault->bytes.at(0);
         if (make(FaultKind::NoStartAnswer) == nullptr)
             add(frame, answer.meaning);
+    }
+
+    void shapeParams(QByteArray &frame, int offset)
+    {
+        QByteArray params = paramsOf(frame, offset);
+        if (make(FaultKind::NoUnderscore) != nullptr)
+            params.replace('_', '-');
+        if (const Fault *fault = make(FaultKind::FullParams)) {
+            params.replace('\0', kParamFiller);
+            params = params.leftJustified(fault->number.value_or(0), kParamFiller);
+        }
+        frame = withParams(frame, offset, params);
     }
 
     void shapeControl(const Answer &answer)

@@ -15,11 +15,13 @@ namespace boardsim {
 struct Answer {
     enum class Kind {
         Frame,   // a command answer, with head, length, checksum and foot
+        Packet,  // a packet of the boot loader, with none of these
         Control, // control bytes of the boot loader
     };
     Kind kind = Kind::Frame;
     QByteArray bytes;
     QString meaning;
+    int paramOffset = 0; // of a command answer: where its parameters begin; 0: it has none
 };
 
 /// A handler's word on the first bytes of something received.
@@ -39,6 +41,7 @@ struct Verdict {
     QStringList violations; // everything that is off in it; empty when it is good
     std::optional<Answer> answer;
     Next next = Next::Stay;
+    bool opensExchange = false; // what went wrong before it explains nothing any more
 };
 
 /// One kind of exchange that the board takes part in: knows its frames by their first bytes, checks
@@ -52,6 +55,9 @@ public:
 
     /// Judges a whole frame that claim() gave the length of.
     virtual Verdict receive(const QByteArray &frame) = 0;
+
+    /// Whether the application answers it, so that the board leaves its boot loader for it.
+    virtual bool isForApplication() const { return false; }
 
     /// What is answered to a claimed frame that broke off; nothing by default.
     virtual std::optional<Answer> answerToBrokenFrame() const { return std::nullopt; }

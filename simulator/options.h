@@ -2,6 +2,7 @@
 #define BOARDSIM_OPTIONS_H
 
 #include "clock.h"
+#include "commandframes.h"
 #include "fault.h"
 #include "transcript.h"
 
@@ -14,7 +15,9 @@ namespace boardsim {
 struct Options {
     QString linkPath;                  // link to the device, removed at the end; empty: none
     QByteArray versionText = "V4.1.3"; // ASCII, at most kMaxVersionText characters
-    QString imageFile;                 // where a complete image is written; empty: nowhere
+    QByteArray params = paramBlock("ABC_K7QX12"); // of handshake answers, at most kMaxParams
+    quint32 deviceId = 0x4B375158;                // that the boot loader reports
+    QString imageFile;     // where a complete image is written; empty: nowhere
     int baud = 0;          // delays both directions as a line of this speed does; 0: no delay
     int controlRepeat = 1; // bytes in an answer of the boot loader, see the README
     bool startInBootLoader = false;     // as after an update that broke off

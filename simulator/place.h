@@ -5,10 +5,16 @@
 
 namespace boardsim {
 
-/// The steps of an update: each is one frame to the board and the board's answer to it.
+/// What the board takes part in, step by step: each is one frame to the board and the board's
+/// answer to it.
 enum class Step {
     Version,
     StartCommand,
+    Handshake, // of either version
+    Connect,
+    Sync,
+    DeviceId,
+    Config,
     StartFrame, // with the 'C' requests that ask for it
     Block,
     Eot,

@@ -21,7 +21,7 @@ public:
     void faultMade(TimePoint now, const Fault &fault);
     void violated(TimePoint now, const QString &text);
 
-    /// A valid command came: what went wrong before no longer explains anything.
+    /// An exchange begins anew: what went wrong before no longer explains anything.
     void newExchange();
 
     void hungUp(TimePoint now);

@@ -39,6 +39,10 @@ struct Transfer {
 struct Report {
     int versionQueries = 0; // valid ones, as below
     int startCommands = 0;
+    int handshakesV3 = 0;
+    int handshakesV4 = 0;
+    int connects = 0;
+    int configReads = 0; // each ends a whole sequence of packets
     QVector<Transfer> transfers;
     QVector<FrameRecord> frames;
     QVector<Violation> violations;

@@ -7,7 +7,7 @@ namespace boardsim {
 namespace {
 
 constexpr int kBytesPerLine = 32;
-constexpr int kWholeOnOneLine = 36; // the longest command frame
+constexpr int kWholeOnOneLine = 36; // the answer to the version query
 constexpr int kShortHead = 12;
 constexpr int kShortTail = 6;
 

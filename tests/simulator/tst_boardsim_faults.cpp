@@ -544,6 +544,12 @@ void TestBoardSimFaults::unknownFaultsAreRefused_data()
     row("nak@block:0", "unknown place \"block:0\" in fault \"nak@block:0\"");
     row("nak@block", "unknown place \"block\" in fault \"nak@block\"");
     row("nak@", "unknown place \"\" in fault \"nak@\"");
+    row("full-params=0", "\"0\" is no value for fault full-params[=N]");
+    row("full-params=222", "\"222\" is no value for fault full-params[=N]");
+    row("no-underscore=1", "\"1\" is no value for fault no-underscore");
+    row("no-underscore@version", "fault no-underscore cannot happen at version");
+    row("full-params@config", "fault full-params cannot happen at config");
+    row("nak@handshake", "fault nak cannot happen at handshake");
     row("nak@version", "fault nak cannot happen at version");
     row("console@eot", "fault console cannot happen at eot");
 }

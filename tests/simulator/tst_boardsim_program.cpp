@@ -1,5 +1,6 @@
 #include "assistantline.h"
 #include "fault.h"
+#include "handmadeexchanges.h"
 #include "handmadeframes.h"
 
 #include <QtTest>
@@ -90,6 +91,9 @@ class TestBoardSimProgram : public QObject {
 private slots:
     void init();
     void updateIsReported();
+    void handshakesAndPacketsAreReported();
+    void parametersAreTakenByteByByte_data();
+    void parametersAreTakenByteByByte();
     void transcriptGoesToStandardOutput();
     void endSignalEndsIt_data();
     void endSignalEndsIt();
@@ -178,6 +182,52 @@ void TestBoardSimProgram::updateIsReported()
     QCOMPARE(first.value(QStringLiteral("size")).toInt(), 30);
 }
 
+void TestBoardSimProgram::handshakesAndPacketsAreReported()
+{
+    BoardProgram program({QStringLiteral("--params"), QStringLiteral("X_1"),
+                          QStringLiteral("--device-id"), QStringLiteral("0x01020304"),
+                          QStringLiteral("--boot-delay"), QStringLiteral("600000"),
+                          QStringLiteral("--summary"), path("summary")});
+    {
+        AssistantLine line(program.waitUntilReady());
+        const QByteArray params = QByteArray("X_1").leftJustified(42, '\0');
+        QCOMPARE(line.exchange(goodHandshakeV3(), 73), handshakeAnswer(3, params));
+        QCOMPARE(line.exchange(goodHandshakeV4(), 76), handshakeAnswer(4, params));
+        QCOMPARE(line.exchange(goodHandshakeV4(), 76), handshakeAnswer(4, params));
+        QCOMPARE(line.exchange(goodStartCommand(), 18).size(), 18);
+        QByteArray answers = line.exchange(connectPacket(), kPacketSize);
+        for (const QByteArray &packet : packetSequence())
+            answers += line.exchange(packet, kPacketSize);
+        QCOMPARE(answers.size(), 5 * kPacketSize);
+        QCOMPARE(answers.mid(3 * kPacketSize + 8, 4), QByteArray::fromHex("04030201"));
+    }
+    QCOMPARE(program.end(), 0);
+    const QJsonObject summary = jsonOf(path("summary"));
+    QCOMPARE(summary.value(QStringLiteral("handshakesV3")).toInt(), 1);
+    QCOMPARE(summary.value(QStringLiteral("handshakesV4")).toInt(), 2);
+    QCOMPARE(summary.value(QStringLiteral("connects")).toInt(), 2);
+    QCOMPARE(summary.value(QStringLiteral("configReads")).toInt(), 1);
+}
+
+void TestBoardSimProgram::parametersAreTakenByteByByte_data()
+{
+    QTest::addColumn<QString>("hex");
+    QTest::addColumn<QByteArray>("params");
+    QTest::newRow("some") << QStringLiteral("00FF5f00") << QByteArray("\0\xff_\0", 4);
+    QTest::newRow("none") << QString() << QByteArray();
+}
+
+void TestBoardSimProgram::parametersAreTakenByteByByte()
+{
+    QFETCH(QString, hex);
+    QFETCH(QByteArray, params);
+    BoardProgram program({QStringLiteral("--params-hex"), hex});
+    AssistantLine line(program.waitUntilReady());
+    const QByteArray expected = handshakeAnswer(4, params);
+    QCOMPARE(line.exchange(goodHandshakeV4(), expected.size()).toHex(), expected.toHex());
+    QCOMPARE(program.end(), 0);
+}
+
 void TestBoardSimProgram::transcriptGoesToStandardOutput()
 {
     BoardProgram program({QStringLiteral("--transcript"), QStringLiteral("-"),
@@ -258,9 +308,8 @@ void TestBoardSimProgram::wrongUsageGivesStatus2_data()
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QByteArray>("message");
 
-    const auto row = [](const QStringList &arguments, const char *message) {
-        QTest::newRow(qPrintable(arguments.join(QLatin1Char(' '))))
-            << arguments << QByteArray(message);
+    const auto row = [](const QStringList &arguments, const QByteArray &message) {
+        QTest::newRow(qPrintable(arguments.join(QLatin1Char(' ')))) << arguments << message;
     };
     row({QStringLiteral("--nonsense")}, "boardsim: Unknown option 'nonsense'.\n");
     row({QStringLiteral("line")}, "boardsim: no arguments but options, please: \"line\"\n");
@@ -277,6 +326,17 @@ void TestBoardSimProgram::wrongUsageGivesStatus2_data()
     row({QStringLiteral("--version-text"), QStringLiteral("12345678901234567890")},
         "boardsim: --version-text takes at most 19 ASCII characters, not "
         "\"12345678901234567890\"\n");
+    row({QStringLiteral("--params"), QString(222, QLatin1Char('p'))},
+        "boardsim: --params takes at most 221 ASCII characters, not \"" + QByteArray(222, 'p')
+            + "\"\n");
+    row({QStringLiteral("--params-hex"), QStringLiteral("414")},
+        "boardsim: --params-hex takes pairs of hexadecimal digits for at most 221 bytes, not "
+        "\"414\"\n");
+    row({QStringLiteral("--params-hex"), QString(444, QLatin1Char('0'))},
+        "boardsim: --params-hex takes pairs of hexadecimal digits for at most 221 bytes, not \""
+            + QByteArray(444, '0') + "\"\n");
+    row({QStringLiteral("--device-id"), QStringLiteral("0x100000000")},
+        "boardsim: --device-id takes a number from 0 to 0xffffffff, not \"0x100000000\"\n");
     row({QStringLiteral("--fault"), QStringLiteral("nak@version")},
         "boardsim: fault nak cannot happen at version\n");
     row({QStringLiteral("--fault"), QStringLiteral("nak"), QStringLiteral("--fault"),
@@ -300,8 +360,9 @@ void TestBoardSimProgram::helpTellsEveryOptionAndFault()
     QCOMPARE(program.waitForEnd(), 0);
     const QByteArray help = program.output();
     for (const char *option :
-         {"--link", "--version-text", "--image", "--transcript", "--hex", "--summary", "--pace",
-          "--control-repeat", "--boot-loader", "--boot-delay", "--request-interval", "--fault"})
+         {"--link", "--version-text", "--params", "--params-hex", "--device-id", "--image",
+          "--transcript", "--hex", "--summary", "--pace", "--control-repeat", "--boot-loader",
+          "--boot-delay", "--request-interval", "--fault"})
         QVERIFY2(help.contains(option), option);
     for (const boardsim::FaultRule &rule : boardsim::faultTable())
         QVERIFY2(help.contains(QByteArray("\n  ") + rule.name), rule.name);
@@ -312,8 +373,9 @@ void TestBoardSimProgram::readmeTellsEveryFaultAndPlace()
     const QByteArray readme = contentOf(QStringLiteral(BOARDSIM_README));
     for (const boardsim::FaultRule &rule : boardsim::faultTable())
         QVERIFY2(readme.contains(QByteArray("| `") + rule.name), rule.name);
-    for (const char *place : {"version", "start-command", "start-frame", "block:N", "block:first",
-                              "block:middle", "block:last", "eot", "end"})
+    for (const char *place :
+         {"version", "start-command", "handshake", "connect", "sync", "device-id", "config",
+          "start-frame", "block:N", "block:first", "block:middle", "block:last", "eot", "end"})
         QVERIFY2(readme.contains(QByteArray("| `") + place + '`'), place);
 }
 
