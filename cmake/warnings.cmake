@@ -6,7 +6,7 @@ function(assistant_compile_options target)
     target_compile_options(${target} PRIVATE
         -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
         -Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align
-        -Wformat=2 -Wunused -Wnull-dereference)
+        -Wformat=2 -Wunused)
     if(UPDATE_ASSISTANT_WERROR)
         target_compile_options(${target} PRIVATE -Werror)
     endif()
