@@ -196,11 +196,12 @@ void TestShell::threadExeWithoutAShellReportsMinusOne()
 void TestShell::signalComesFromAWorkerThread()
 {
     FileIO fileIO;
-    QSignalSpy finished(&fileIO, &FileIO::threadExeFinish);
     std::thread::id emitter = std::this_thread::get_id();
     connect(
         &fileIO, &FileIO::threadExeFinish, &fileIO,
         [&emitter] { emitter = std::this_thread::get_id(); }, Qt::DirectConnection);
+    // Connected behind the other, so that its wait ends after that one has run.
+    QSignalSpy finished(&fileIO, &FileIO::threadExeFinish);
     fileIO.threadExe(QStringLiteral("true"), 0);
     QVERIFY(finished.wait(kHangMs));
     QVERIFY(emitter != std::this_thread::get_id());
