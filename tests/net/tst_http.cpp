@@ -69,10 +69,13 @@ QString text(const QUrl &url)
     return QString::fromLatin1(url.toEncoded());
 }
 
-/// Runs `action` in the event loop's next turn, if `context` still lives then.
+/// Runs `action` when the event loop turns next, if `context` still lives then.
 void soon(QObject *context, const std::function<void()> &action)
 {
-    QMetaObject::invokeMethod(context, action, Qt::QueuedConnection);
+    auto *const timer = new QTimer(context);
+    timer->setSingleShot(true);
+    QObject::connect(timer, &QTimer::timeout, context, action);
+    timer->start(0);
 }
 
 /// Asks for what is not going to be answered, without a wait in real time.
@@ -589,8 +592,9 @@ void TestHttp::destructorAbortsTheHeldReply()
     server.on("/a", HttpScript::head(100).hold());
     Download download;
     QCOMPARE(getUnanswered(*download.fileIo, server.url("/a")), QString());
-    AWAIT_EQUAL(server.openConnectionCount(), 1);
     const QPointer<QNetworkReply> held = m_manager->lastReply();
+    // Under way: a connection that a request has not used yet would be kept for the next one.
+    AWAIT(held->attribute(QNetworkRequest::HttpStatusCodeAttribute).isValid());
     QVERIFY(held->isRunning());
     download.fileIo.reset();
     QCOMPARE(held->error(), QNetworkReply::OperationCanceledError);
