@@ -22,6 +22,7 @@ HttpServer *server = nullptr;
 
 } // namespace
 
+// NOLINTNEXTLINE(readability-non-const-parameter): the fuzzer's interface
 int LLVMFuzzerInitialize(int *argc, char ***argv)
 {
     beQuiet();

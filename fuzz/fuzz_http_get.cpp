@@ -27,6 +27,7 @@ QTime fastTime()
     return QTime(0, 0).addMSecs(static_cast<int>(realTime.elapsed() * kFaster));
 }
 
+// NOLINTNEXTLINE(readability-non-const-parameter): the fuzzer's interface
 int LLVMFuzzerInitialize(int *argc, char ***argv)
 {
     beQuiet();

@@ -17,6 +17,7 @@ constexpr int kLongestDate = 39;
 
 } // namespace
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the linker makes the name
 extern "C" int __wrap_uname(utsname *kernel)
 {
     *kernel = utsname{};

@@ -4,6 +4,7 @@
 #include "shelloutput.h"
 
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 // What a listing command prints, and the pattern it is made from.
@@ -25,7 +26,7 @@ QStringList piecesOf(const std::string &text, std::size_t pieceSize)
         const std::size_t line = lineFeed == std::string::npos ? text.size() : lineFeed + 1;
         const std::size_t end = std::min(line, start + pieceSize - 1);
         std::string piece = text.substr(start, end - start);
-        piece = piece.c_str();
+        piece.resize(std::strlen(piece.c_str()));
         if (!piece.empty() && piece.back() == '\n')
             piece.pop_back();
         pieces.append(QString::fromLatin1(piece.c_str()));
@@ -48,6 +49,9 @@ std::string formatted(const std::string &text)
 
 } // namespace
 
+// The linker makes these names.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+
 extern "C" FILE *__wrap_popen(const char *text, const char * /*mode*/)
 {
     command = text;
@@ -61,6 +65,8 @@ extern "C" int __wrap_pclose(FILE *stream)
 }
 
 extern "C" void __wrap_perror(const char * /*text*/) { }
+
+// NOLINTEND(bugprone-reserved-identifier)
 
 int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/)
 {

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdarg>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -10,9 +9,11 @@
 #include <termios.h>
 #include <unistd.h>
 
+// The linker makes these names.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+
 extern "C" {
 int __real_open(const char *path, int flags, ...);
-int __real_open64(const char *path, int flags, ...);
 int __real_close(int fd);
 ssize_t __real_read(int fd, void *buffer, std::size_t length);
 ssize_t __real_write(int fd, const void *buffer, std::size_t length);
@@ -153,23 +154,13 @@ bool lineFailed()
 
 extern "C" {
 
-int __wrap_open(const char *path, int flags, ...)
+int __wrap_open(const char *path, int flags, mode_t mode)
 {
-    if (std::strcmp(path, kLineName) == 0)
-        return lineDescriptor;
-    va_list args;
-    va_start(args, flags);
-    const mode_t mode = va_arg(args, mode_t);
-    va_end(args);
-    return __real_open(path, flags, mode);
+    return std::strcmp(path, kLineName) == 0 ? lineDescriptor : __real_open(path, flags, mode);
 }
 
-int __wrap_open64(const char *path, int flags, ...)
+int __wrap_open64(const char *path, int flags, mode_t mode)
 {
-    va_list args;
-    va_start(args, flags);
-    const mode_t mode = va_arg(args, mode_t);
-    va_end(args);
     return __wrap_open(path, flags, mode);
 }
 
@@ -250,3 +241,5 @@ clock_t __wrap_clock()
 void __wrap_perror(const char * /*text*/) { }
 
 } // extern "C"
+
+// NOLINTEND(bugprone-reserved-identifier)

@@ -1,12 +1,9 @@
 #include "check.h"
 
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <memory>
-#include <string>
+#include <vector>
 
 // Runs stored inputs, as a fuzzer's program would, under any compiler.
 //
@@ -16,13 +13,13 @@ namespace {
 
 void run(const std::filesystem::path &path)
 {
-    std::ifstream file(path, std::ios::binary);
-    const std::string input{std::istreambuf_iterator<char>(file), {}};
     // In exactly its size, so that the sanitizers see every byte beyond it.
-    const auto bytes = std::make_unique<std::uint8_t[]>(input.size());
-    std::copy(input.begin(), input.end(), bytes.get());
+    std::vector<std::uint8_t> input(std::filesystem::file_size(path));
+    std::ifstream file(path, std::ios::binary);
+    CHECK(file.read(reinterpret_cast<char *>(input.data()),
+                    static_cast<std::streamsize>(input.size())));
     std::fprintf(stderr, "%s (%zu bytes)\n", path.filename().c_str(), input.size());
-    LLVMFuzzerTestOneInput(bytes.get(), input.size());
+    LLVMFuzzerTestOneInput(input.data(), input.size());
 }
 
 } // namespace

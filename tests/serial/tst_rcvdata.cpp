@@ -283,7 +283,7 @@ void TestRcvData::nothingIsWrittenBeforeTheBuffer()
     Block block{};
     // Once more with more time if the signal came before the wait.
     for (int delayMs = 100; delayMs < kHangMs / 2; delayMs *= 2) {
-        const itimerval once{{0, 0}, {delayMs / 1000, delayMs % 1000 * 1000}};
+        const itimerval once{{0, 0}, {delayMs / 1000, delayMs % 1000 * 1000L}};
         setitimer(ITIMER_REAL, &once, nullptr);
         block = receive();
         if (block.total != 64)
