@@ -17,7 +17,7 @@ namespace {
 std::string printed;
 std::string command;
 
-/// The pieces that reads of up to `pieceSize` - 1 characters make of a text, by the letter.
+/// The pieces that reads of up to `pieceSize` - 1 characters make of a text, by a plain model.
 QStringList piecesOf(const std::string &text, std::size_t pieceSize)
 {
     QStringList pieces;

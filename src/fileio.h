@@ -131,7 +131,8 @@ public:
     /// Checks the received frame in `buf` and takes it into the version's record. Returns a
     /// `FrameStatus`. FRAME_BAD leaves the record alone; FRAME_SUM_BAD has replaced its head,
     /// length and foot. A length byte beyond `frame_max_len` is FRAME_BAD, so that no more than
-    /// that is ever read; `buf` holds as many bytes as its length byte says up to there.
+    /// that is ever read; `buf` holds as many bytes as its length byte says up to there. V3 prints
+    /// six lines first, with 0 for a foot that it must not read.
     int analyzeV3(unsigned char *buf, Protocol protocol);
     int analyzeV4(unsigned char *buf, Protocol protocol);
 

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr qint64 kBytesPerKilobyte = 1000;       // not 1024: scripts show decimal kilobytes
+constexpr qint64 kBytesPerKilobyte = 1000;       // not 1024
 constexpr qint64 kUnwrittenBytes = 256LL * 1024; // a server faster than the disk waits beyond it
 
 struct ReplyConnection {

@@ -17,8 +17,9 @@ constexpr std::uint8_t kHandshakeCommand = 15;
 constexpr int kAnswerMax = 100; // a longer answer cannot be received whole
 
 constexpr unsigned kBlockSize = 64;
-constexpr int kBlockCapacity = 128;        // of the caller's buffer
-constexpr clock_t kBlockClockTicks = 1000; // processor time, not milliseconds
+constexpr int kBlockCapacity = 128;              // of the caller's buffer
+constexpr unsigned long kBlockClockTicks = 1000; // processor time, not milliseconds
+constexpr int kTimeOutLabel = 232;               // a fixed number in the time-out line
 
 constexpr unsigned kVersionParams = 50; // parameter bytes in which the version is looked for
 
@@ -30,8 +31,8 @@ void printBytes(const char *label, const unsigned char *bytes, int count)
 
 using Analyzer = int (FileIO::*)(unsigned char *, Protocol);
 
-/// Fills the request in step by step and checks it after each, as the traces are read; the last
-/// check decides nothing. `checkpoint(n)` is called after the n-th check, 1 to 8.
+/// Fills the request in step by step and checks it after each; the checks decide nothing.
+/// `checkpoint(n)` is called after the n-th check, 1 to 8.
 template <typename Checkpoint>
 void buildRequest(FileIO &io, unsigned char *frame, const Protocol &protocol, Analyzer analyze,
                   Checkpoint checkpoint)
@@ -150,7 +151,8 @@ int FileIO::RcvData(unsigned char *buf)
 {
     unsigned char dropped[kBlockSize];
     int total = 0;
-    const clock_t start = clock();
+    // Unsigned, since the count may wrap.
+    const auto start = static_cast<unsigned long>(clock());
     // Deliberate: set once; what select() leaves in it is all that later reads wait.
     // (tst_rcvdata::waitCarriesOver)
     timeval wait{1, 100000};
@@ -165,8 +167,8 @@ int FileIO::RcvData(unsigned char *buf)
             std::printf("read failed! (%s)\n", std::strerror(errno));
         if (total == static_cast<int>(kBlockSize))
             return total;
-        if (clock() - start > kBlockClockTicks) {
-            std::printf("Time out:line = %d\n\r", 232);
+        if (static_cast<unsigned long>(clock()) - start > kBlockClockTicks) {
+            std::printf("Time out:line = %d\n\r", kTimeOutLabel);
             return total;
         }
     }

@@ -41,8 +41,10 @@ unsigned copyParams(unsigned char *out, const Protocol &protocol, const Record &
     return count;
 }
 
-/// The six lines that precede a V3 analysis. The texts do not all name what they show; the lines
-/// are read by people who know them so.
+/// The six lines that precede a V3 analysis.
+///
+/// Deliberate: the texts do not all name what they show, and are kept so.
+/// (tst_frames::v3PrintsSixLines)
 void printFraming(const unsigned char *buf, const Protocol &protocol)
 {
     const int length = buf[protocol.len_offset];

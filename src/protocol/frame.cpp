@@ -14,8 +14,8 @@ std::uint32_t littleEndian32(const std::uint8_t *bytes)
         | static_cast<std::uint32_t>(bytes[2]) << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
 }
 
-// Deliberate: the words of each pair are swapped; peers lay the block out so.
-// (tst_frames::blockWordsOfEachPairAreSwapped)
+// Deliberate: the words of each pair are swapped. Reading them in line looks right, but callers
+// hold the words in this order. (tst_frames::blockWordsOfEachPairAreSwapped)
 void recordBlock(const std::uint8_t *block, std::uint32_t (&words)[4])
 {
     words[0] = littleEndian32(block + 4);
@@ -61,8 +61,8 @@ std::uint8_t frameSum(const std::uint8_t *frame, unsigned length)
 bool isFramed(const std::uint8_t *frame, const Protocol &protocol)
 {
     const unsigned length = frame[protocol.len_offset];
-    return frame[protocol.head_offset] == protocol.frame_head && length >= protocol.frame_min_len
-        && frame[length - 1] == protocol.frame_foot;
+    return frame[protocol.head_offset] == protocol.frame_head && length > 0
+        && length >= protocol.frame_min_len && frame[length - 1] == protocol.frame_foot;
 }
 
 template <typename Record>

@@ -4,6 +4,8 @@
 #include "pty.h"
 
 #include <QGuiApplication>
+#include <QQuickItem>
+#include <QQuickView>
 #include <QWindow>
 #include <QtTest>
 
@@ -81,6 +83,36 @@ private:
     bool m_reaped = false;
 };
 
+/// Takes down what a view is like at the moment when it is shown.
+class ShownView : public QObject {
+public:
+    int count = 0;
+    QUrl source;
+    QSize size;
+    QString mode;
+    QString text;
+    QPointF topLeft; // of the scene, in the window
+    QPointF bottomRight;
+
+protected:
+    bool eventFilter(QObject *watched, QEvent *event) override
+    {
+        const auto *const view = qobject_cast<QQuickView *>(watched);
+        if (!view || event->type() != QEvent::Show)
+            return false;
+        ++count;
+        source = view->source();
+        size = view->size();
+        const QQuickItem *const root = view->rootObject();
+        const auto *const infoTip = root->findChild<QObject *>(QStringLiteral("infoTip"));
+        mode = infoTip->property("mode").toString();
+        text = infoTip->property("text").toString();
+        topLeft = root->mapToItem(view->contentItem(), QPointF(0, 0));
+        bottomRight = root->mapToItem(view->contentItem(), QPointF(1280, 800));
+        return false;
+    }
+};
+
 } // namespace
 
 class TestLaunch : public QObject {
@@ -109,6 +141,7 @@ private slots:
     void recordOnADirectoryWritesNothing();
     void recordInAMissingDirectoryWritesNothing();
 
+    void showTipShowsTheStatusScreenTurned();
     void showTipReturnsZeroAndLeavesNoWindow();
 
 private:
@@ -316,6 +349,21 @@ void TestLaunch::recordInAMissingDirectoryWritesNothing()
     QVERIFY(!file.isOpen());
     QVERIFY(!file.exists());
     QCOMPARE(messages.messages(), QStringList());
+}
+
+void TestLaunch::showTipShowsTheStatusScreenTurned()
+{
+    ShownView shown;
+    qApp->installEventFilter(&shown);
+    QCOMPARE(showTip(nullptr), 0);
+    qApp->removeEventFilter(&shown);
+    QCOMPARE(shown.count, 1);
+    QCOMPARE(shown.source, QUrl(QStringLiteral("qrc:/show.qml")));
+    QCOMPARE(shown.size, QSize(800, 1280));
+    QCOMPARE(shown.mode, QStringLiteral("0000"));
+    QCOMPARE(shown.text, QStringLiteral("升级中，请稍后"));
+    QCOMPARE(shown.topLeft.toPoint(), QPoint(0, 1280));
+    QCOMPARE(shown.bottomRight.toPoint(), QPoint(800, 0));
 }
 
 void TestLaunch::showTipReturnsZeroAndLeavesNoWindow()

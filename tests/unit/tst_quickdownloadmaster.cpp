@@ -20,6 +20,7 @@ private slots:
     void managerIsMadeOnFirstUse();
     void managerIsAChildOfTheRecordedInstance();
     void outsideManagerTakesThePlaceOfTheOwnOne();
+    void ownManagerHandedInIsDeletedAndStillHeld();
     void outsideManagerSurvivesAReplacement();
     void outsideManagerSurvivesTheDestructor();
     void ownManagerGoesWithTheDestructor();
@@ -145,6 +146,24 @@ void TestQuickDownloadMaster::outsideManagerTakesThePlaceOfTheOwnOne()
         CHILD_VERIFY(own.isNull());
         CHILD_VERIFY(master->networkAccessManager() == &outside);
         CHILD_VERIFY(!outside.parent());
+        return 0;
+    });
+    VERIFY_CHILD_PASSED(child);
+}
+
+void TestQuickDownloadMaster::ownManagerHandedInIsDeletedAndStillHeld()
+{
+    const ChildResult child = runInChild([] {
+        QuickDownloadMaster *const master = QuickDownloadMaster::instance();
+        QNetworkAccessManager *const own = master->networkAccessManager();
+        const QPointer<QNetworkAccessManager> watched = own;
+        master->setNetworkAccessManager(own);
+        CHILD_VERIFY(watched.isNull());
+        CHILD_VERIFY(master->networkAccessManager() == own); // dangling; only compared
+        // It is not deleted once more.
+        QNetworkAccessManager outside;
+        master->setNetworkAccessManager(&outside);
+        CHILD_VERIFY(master->networkAccessManager() == &outside);
         return 0;
     });
     VERIFY_CHILD_PASSED(child);
