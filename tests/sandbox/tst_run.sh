@@ -81,6 +81,12 @@ bindIsWritable() {
     same "the file" inside "$(cat "$own/file")"
 }
 
+bindInAShownFolderIsWritable() {
+    mkdir "$own/build"
+    "$sandbox" --bind "$own/build" --show "$own" sh -c "echo inside >'$own/build/file'"
+    same "the file" inside "$(cat "$own/build/file")"
+}
+
 showIsReadOnly() {
     echo host >"$own/file"
     same "the file" host "$("$sandbox" --show "$own/file" cat "$own/file")"
