@@ -42,14 +42,6 @@ QVector<QByteArray> sendInTurn(AssistantLine &line, const QVector<QByteArray> &f
     return answers;
 }
 
-unsigned sumOf(const QByteArray &bytes)
-{
-    unsigned sum = 0;
-    for (const char c : bytes)
-        sum += static_cast<quint8>(c);
-    return sum;
-}
-
 } // namespace
 
 class TestBoardSimExchange : public QObject {

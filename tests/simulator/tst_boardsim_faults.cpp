@@ -1,6 +1,7 @@
 #include "assistantline.h"
 #include "boardsimulator.h"
 #include "handmadeframes.h"
+#include "reports.h"
 
 #include <QtTest>
 
@@ -43,16 +44,6 @@ Options inBootLoader(std::initializer_list<const char *> faults)
     return options;
 }
 
-QByteArrayList sentByBoard(const Report &report)
-{
-    QByteArrayList sent;
-    for (const FrameRecord &frame : report.frames) {
-        if (!frame.toBoard)
-            sent << frame.bytes;
-    }
-    return sent;
-}
-
 BoardSimulator::Condition faultsMade(int count)
 {
     return [count](const Report &report) { return report.faultsMade.size() >= count; };
@@ -61,14 +52,6 @@ BoardSimulator::Condition faultsMade(int count)
 BoardSimulator::Condition writesByBoard(int count)
 {
     return [count](const Report &report) { return sentByBoard(report).size() >= count; };
-}
-
-unsigned sumOf(const QByteArray &bytes)
-{
-    unsigned sum = 0;
-    for (const char c : bytes)
-        sum += static_cast<quint8>(c);
-    return sum;
 }
 
 } // namespace

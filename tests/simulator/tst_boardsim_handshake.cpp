@@ -2,6 +2,7 @@
 #include "boardsimulator.h"
 #include "handmadeexchanges.h"
 #include "handmadeframes.h"
+#include "reports.h"
 
 #include <QtTest>
 
@@ -41,36 +42,6 @@ Options withFaults(const QByteArrayList &faults)
 QByteArray goodHandshake(int version)
 {
     return version == 3 ? goodHandshakeV3() : goodHandshakeV4();
-}
-
-QByteArray changed(QByteArray frame, int offset)
-{
-    frame[offset] = static_cast<char>(frame.at(offset) ^ 0x01);
-    return frame;
-}
-
-/// Another byte and the checksum that goes with it.
-QByteArray changedAndSealed(QByteArray frame, int offset)
-{
-    const int checksum = frame.size() - 2;
-    const int difference = (frame.at(offset) & 0x01) != 0 ? -1 : 1;
-    frame[checksum] = static_cast<char>(frame.at(checksum) + difference);
-    return changed(frame, offset);
-}
-
-bool hasViolation(const Report &report)
-{
-    return !report.violations.isEmpty();
-}
-
-QByteArrayList sentByBoard(const Report &report)
-{
-    QByteArrayList sent;
-    for (const FrameRecord &frame : report.frames) {
-        if (!frame.toBoard)
-            sent << frame.bytes;
-    }
-    return sent;
 }
 
 BoardSimulator::Condition writesByBoard(int count)

@@ -69,12 +69,6 @@ public:
     AssistantLine line;
 };
 
-QByteArray changed(QByteArray frame, int offset)
-{
-    frame[offset] = static_cast<char>(frame.at(offset) ^ 0x01);
-    return frame;
-}
-
 const QByteArray kConnectAnswer = packet(0xAE, 1);
 const QByteArray kSyncAnswer = packet(0xA4, 1);
 const QByteArray kDeviceIdAnswer = packet(0xB1, 3, QByteArray::fromHex("5851374b"));

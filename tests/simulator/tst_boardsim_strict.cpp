@@ -1,6 +1,7 @@
 #include "assistantline.h"
 #include "boardsimulator.h"
 #include "handmadeframes.h"
+#include "reports.h"
 
 #include <QtTest>
 
@@ -19,21 +20,6 @@ Options quickToNotice()
     return options;
 }
 
-QByteArray changed(QByteArray frame, int offset)
-{
-    frame[offset] = static_cast<char>(frame.at(offset) ^ 0x01);
-    return frame;
-}
-
-/// A command with another byte and the checksum that goes with it.
-QByteArray changedAndSealed(QByteArray command, int offset)
-{
-    const int checksum = command.size() - 2;
-    const int difference = (command.at(offset) & 0x01) != 0 ? -1 : 1;
-    command[checksum] = static_cast<char>(command.at(checksum) + difference);
-    return changed(command, offset);
-}
-
 void addChangedCommands(const QByteArray &command)
 {
     for (int i = 0; i < command.size(); ++i)
@@ -45,11 +31,6 @@ void addChangedCommands(const QByteArray &command)
 QString firstViolation(const Report &report)
 {
     return report.violations.isEmpty() ? QString() : report.violations.first().text;
-}
-
-bool hasViolation(const Report &report)
-{
-    return !report.violations.isEmpty();
 }
 
 int framesFromBoard(const Report &report)

@@ -76,3 +76,25 @@ QByteArray sampleImage(int size)
     }
     return image;
 }
+
+QByteArray changed(QByteArray frame, int offset)
+{
+    frame[offset] = static_cast<char>(frame.at(offset) ^ 0x01);
+    return frame;
+}
+
+QByteArray changedAndSealed(QByteArray frame, int offset)
+{
+    const int checksum = frame.size() - 2;
+    const int difference = (frame.at(offset) & 0x01) != 0 ? -1 : 1;
+    frame[checksum] = static_cast<char>(frame.at(checksum) + difference);
+    return changed(frame, offset);
+}
+
+unsigned sumOf(const QByteArray &bytes)
+{
+    unsigned sum = 0;
+    for (const char c : bytes)
+        sum += static_cast<quint8>(c);
+    return sum;
+}

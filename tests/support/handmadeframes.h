@@ -25,4 +25,11 @@ QVector<QByteArray> wholeTransfer(const QByteArray &image);
 /// `size` bytes without a pattern that could hide a mix-up of blocks.
 QByteArray sampleImage(int size);
 
+/// The frame with one bit of the byte at `offset` turned.
+QByteArray changed(QByteArray frame, int offset);
+/// The same, with the checksum that goes with it.
+QByteArray changedAndSealed(QByteArray frame, int offset);
+
+unsigned sumOf(const QByteArray &bytes);
+
 #endif // HANDMADEFRAMES_H
