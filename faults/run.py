@@ -44,7 +44,7 @@ def run_row(row, build, packages, keep):
     if keep:
         state = ["--state", keep / row.name.replace("/", "-")]
     machine = subprocess.run(
-        [PROJECT / "sandbox/run", *state, "--show", build, "--show", packages, "--",
+        [PROJECT / "sandbox/run", *state, *row.machine, "--show", build, "--show", packages, "--",
          "/usr/bin/python3", "-B", PROJECT / "faults/machine.py", build, packages, row.name],
         stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace", check=False,
     )
