@@ -59,7 +59,8 @@ def run_rows(rows, arguments, packages):
     failed = 0
     build = arguments.build.resolve()
     with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
-        running = [pool.submit(run_row, row, build, packages, arguments.keep) for row in rows]
+        longest_first = sorted(rows, key=lambda row: -row.limit)
+        running = [pool.submit(run_row, row, build, packages, arguments.keep) for row in longest_first]
         for done in concurrent.futures.as_completed(running):
             row, found, seconds = done.result()
             failed += bool(found)
