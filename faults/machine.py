@@ -39,6 +39,8 @@ class Log:
 
 
 def start_steps(row, build, packages):
+    for number in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, signal.SIG_DFL)  # whoever started this may have them ignored
     environment = os.environ | {
         "ROW_BUILD": build,
         "ROW_PACKAGES": packages,
