@@ -144,7 +144,7 @@ QString rowText(const QString &head, const char *meaning)
 QString valueText(const FaultRule &rule)
 {
     if (rule.value == Value::None)
-        return {};
+        return QString();
     return (rule.defaultValue == nullptr ? QStringLiteral("=%1") : QStringLiteral("[=%1]"))
         .arg(QLatin1String(rule.valueName));
 }
@@ -201,7 +201,7 @@ const QVector<FaultRule> &faultTable()
          "closes the line after N bytes of the assistant's frame (half of it); counts on into the "
          "answer"},
         {FaultKind::Console, "console", Value::Text, "TEXT",
-         R"(\r\nboot: image accepted\r\nboot: starting application\r\n)", {Step::End},
+         "\\r\\nboot: image accepted\\r\\nboot: starting application\\r\\n", {Step::End},
          "prints console text when it starts the application after the transfer"},
     };
     // clang-format on

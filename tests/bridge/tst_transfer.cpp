@@ -31,7 +31,6 @@ QByteArray dataPrinted(int block)
 /// Ten bytes in one write: the product's read of ten returns at once.
 QByteArray tenTimes(char control)
 {
-    // NOLINTNEXTLINE(modernize-return-braced-init-list): braces would read as a list of two bytes
     return QByteArray(10, control);
 }
 
