@@ -6,7 +6,9 @@ function(assistant_compile_options target)
     target_compile_options(${target} PRIVATE
         -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
         -Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align
-        -Wformat=2 -Wunused)
+        -Wformat=2 -Wunused
+        # Qt Test's QSKIP has an argument list that may be empty.
+        $<$<CXX_COMPILER_ID:Clang>:-Wno-gnu-zero-variadic-macro-arguments>)
     if(UPDATE_ASSISTANT_WERROR)
         target_compile_options(${target} PRIVATE -Werror)
     endif()
@@ -18,6 +20,13 @@ function(assistant_compile_options target)
             -fno-omit-frame-pointer)
         target_compile_options(${target} PRIVATE ${sanitizers})
         target_link_options(${target} PRIVATE ${sanitizers})
+    endif()
+    if(UPDATE_ASSISTANT_COVERAGE)
+        # The counters live in a mapped file, since the program and many tests end by a signal.
+        # Everything is counted, so that each program has a file that fits it.
+        target_compile_options(${target} PRIVATE -fprofile-instr-generate -fcoverage-mapping
+            "SHELL:-mllvm -runtime-counter-relocation")
+        target_link_options(${target} PUBLIC -fprofile-instr-generate)
     endif()
     if(UPDATE_ASSISTANT_FUZZ)
         target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
