@@ -28,6 +28,13 @@ function(assistant_compile_options target)
         target_compile_options(${target} PRIVATE ${sanitizers})
         target_link_options(${target} PRIVATE ${sanitizers})
     endif()
+    if(UPDATE_ASSISTANT_COVERAGE)
+        # The counters live in a mapped file, since the program and many tests end by a signal.
+        # Everything is counted, so that each program has a file that fits it.
+        target_compile_options(${target} PRIVATE -fprofile-instr-generate -fcoverage-mapping
+            "SHELL:-mllvm -runtime-counter-relocation")
+        target_link_options(${target} PUBLIC -fprofile-instr-generate)
+    endif()
     if(UPDATE_ASSISTANT_FUZZ)
         target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
     endif()
