@@ -26,6 +26,7 @@ def parse_arguments():
     parser.add_argument("--list", action="store_true", help="list the rows and end")
     parser.add_argument("--keep", type=pathlib.Path, metavar="DIR",
                         help="keep each machine's state (console, screen, transcript) in DIR")
+    parser.epilog = "scripts/faults --page makes docs/failures.md from the table instead."
     return parser.parse_args()
 
 
