@@ -52,7 +52,9 @@ def start_steps(row, build, packages):
         "ROW_DURING": row.during,
     }
     with open(verdict.STATE / "steps.log", "wb") as log:
-        return subprocess.Popen(["bash", STEPS], env=environment, stdout=log, stderr=log)
+        # A `kill -9 0` must not reach whoever started the machine: groups go beyond its processes.
+        return subprocess.Popen(["bash", STEPS], env=environment, stdout=log, stderr=log,
+                                start_new_session=True)
 
 
 def switch_board_off():
