@@ -77,7 +77,7 @@ def causes(rows):
     reasons = {}
     for row in rows:
         reasons.setdefault(row.why, {}).setdefault(row.fault, []).append(row.where)
-    for why, faults in reasons.items():
+    for why, faults in sorted(reasons.items(), key=lambda reason: not reason[0]):
         for fault, places in faults.items():
             at = ", ".join(place for place in dict.fromkeys(places) if place)
             yield f"{fault}{f' ({at})' if at else ''}."
