@@ -11,6 +11,33 @@
 #include <thread>
 #include <unistd.h>
 
+namespace {
+
+/// What threadExeFinish brings to the thread of the test. A QSignalSpy would be written to by the
+/// worker, and its wait would miss a signal that comes before it.
+class Results {
+public:
+    explicit Results(FileIO &fileIO)
+    {
+        QObject::connect(&fileIO, &FileIO::threadExeFinish, &m_receiver,
+                         [this](int status, int index) {
+                             m_all.append({status, index});
+                         });
+    }
+
+    bool wait(int count = 1) const
+    {
+        return QTest::qWaitFor([&] { return m_all.size() >= count; }, kHangMs);
+    }
+    const QVector<QPair<int, int>> &all() const { return m_all; }
+
+private:
+    QObject m_receiver; // in this thread, so that the signal is queued
+    QVector<QPair<int, int>> m_all;
+};
+
+} // namespace
+
 class TestShell : public QObject {
     Q_OBJECT
 
@@ -141,10 +168,10 @@ void TestShell::nothingIsPrinted()
     DescriptorCapture out(1);
     DescriptorCapture err(2);
     FileIO fileIO;
-    QSignalSpy finished(&fileIO, &FileIO::threadExeFinish);
+    Results finished(fileIO);
     fileIO.exe(QStringLiteral("exit 3"));
     fileIO.threadExe(QStringLiteral("exit 3"), 0);
-    const bool came = finished.wait(kHangMs);
+    const bool came = finished.wait();
     const QByteArray errors = err.take();
     QCOMPARE(out.take(), QByteArray());
     QCOMPARE(errors, QByteArray());
@@ -172,11 +199,10 @@ void TestShell::threadExeReportsTheRawStatus()
     QFETCH(int, status);
 
     FileIO fileIO;
-    QSignalSpy finished(&fileIO, &FileIO::threadExeFinish);
+    Results finished(fileIO);
     fileIO.threadExe(command, index);
-    QVERIFY(finished.wait(kHangMs));
-    QCOMPARE(finished.size(), 1);
-    QCOMPARE(finished.first(), QVariantList({status, index}));
+    QVERIFY(finished.wait());
+    QCOMPARE(finished.all(), (QVector<QPair<int, int>>{{status, index}}));
 }
 
 void TestShell::threadExeWithoutAShellReportsMinusOne()
@@ -184,10 +210,10 @@ void TestShell::threadExeWithoutAShellReportsMinusOne()
     const ChildResult child = runInChild([] {
         std::signal(SIGCHLD, SIG_IGN);
         FileIO fileIO;
-        QSignalSpy finished(&fileIO, &FileIO::threadExeFinish);
+        Results finished(fileIO);
         fileIO.threadExe(QStringLiteral("true"), 4);
-        CHILD_VERIFY(finished.wait(kHangMs));
-        CHILD_VERIFY(finished.first() == QVariantList({-1, 4}));
+        CHILD_VERIFY(finished.wait());
+        CHILD_VERIFY((finished.all() == QVector<QPair<int, int>>{{-1, 4}}));
         return 0;
     });
     VERIFY_CHILD_PASSED(child);
@@ -200,10 +226,9 @@ void TestShell::signalComesFromAWorkerThread()
     connect(
         &fileIO, &FileIO::threadExeFinish, &fileIO,
         [&emitter] { emitter = std::this_thread::get_id(); }, Qt::DirectConnection);
-    // Connected behind the other, so that its wait ends after that one has run.
-    QSignalSpy finished(&fileIO, &FileIO::threadExeFinish);
+    Results finished(fileIO);
     fileIO.threadExe(QStringLiteral("true"), 0);
-    QVERIFY(finished.wait(kHangMs));
+    QVERIFY(finished.wait());
     QVERIFY(emitter != std::this_thread::get_id());
 }
 
@@ -227,30 +252,29 @@ void TestShell::signalIsDeliveredInTheGuiThread()
 void TestShell::threadExeReturnsBeforeTheCommandEnds()
 {
     FileIO fileIO;
-    QSignalSpy finished(&fileIO, &FileIO::threadExeFinish);
+    Results finished(fileIO);
     fileIO.threadExe(waitingFor("go"), 0);
-    QVERIFY(finished.isEmpty());
+    QVERIFY(finished.all().isEmpty());
     touch("go");
-    QVERIFY(finished.wait(kHangMs));
+    QVERIFY(finished.wait());
 }
 
 void TestShell::commandsRunSideBySide()
 {
     FileIO fileIO;
-    QSignalSpy finished(&fileIO, &FileIO::threadExeFinish);
+    Results finished(fileIO);
     // The first ends only once the second, started later, has run.
     fileIO.threadExe(waitingFor("second"), 1);
     fileIO.threadExe(QStringLiteral("touch ") + path("second"), 2);
-    QTRY_COMPARE_WITH_TIMEOUT(finished.size(), 2, kHangMs);
+    QVERIFY(finished.wait(2));
 }
 
 void TestShell::exe2RunsInTheCallersThread()
 {
     FileIO fileIO;
-    QSignalSpy finished(&fileIO, &FileIO::threadExeFinish);
+    Results finished(fileIO);
     fileIO.exe2(QStringLiteral("exit 2"), 9);
-    QCOMPARE(finished.size(), 1);
-    QCOMPARE(finished.first(), QVariantList({512, 9}));
+    QCOMPARE(finished.all(), (QVector<QPair<int, int>>{{512, 9}}));
 }
 
 void TestShell::commandOutlivesTheProgram()

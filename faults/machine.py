@@ -1,0 +1,98 @@
+"""Runs one row on the simulated machine: machine.py BUILD PACKAGES ROW. Started by run.py.
+
+Prints the differences, nothing when all is as the row says. The exit status is 0 or 1.
+"""
+
+import os
+import pathlib
+import signal
+import subprocess
+import sys
+import time
+
+import table
+import verdict
+
+STEPS = pathlib.Path(__file__).with_name("steps")
+POLL_S = 0.02
+SETTLE_S = 0.3  # the outcome must hold as long
+
+
+class Log:
+    """The lines of the console and of the screen, each with the time at which it was seen."""
+
+    FILES = (verdict.STATE / "program.log", verdict.STATE / "screen.log")
+
+    def __init__(self):
+        self._lines = []
+        self._read = dict.fromkeys(self.FILES, 0)
+
+    def follow(self):
+        for path in self.FILES:
+            lines = verdict.text_of(path).split("\n")[:-1]
+            now = time.monotonic()
+            self._lines += [(now, line) for line in lines[self._read[path]:]]
+            self._read[path] = len(lines)
+
+    def time_of(self, text):
+        return next((seen for seen, line in self._lines if text in line), None)
+
+
+def start_steps(row, build, packages):
+    environment = os.environ | {
+        "ROW_BUILD": build,
+        "ROW_PACKAGES": packages,
+        "ROW_STAGED": "\n".join(row.staged),
+        "ROW_STICK": "\n".join(row.stick),
+        "ROW_BOARD": "none" if row.board is None else "\n".join(row.board),
+        "ROW_BEFORE": row.before,
+        "ROW_CLICK": "yes" if row.click else "",
+        "ROW_DURING": row.during,
+    }
+    with open(verdict.STATE / "steps.log", "wb") as log:
+        return subprocess.Popen(["bash", STEPS], env=environment, stdout=log, stderr=log)
+
+
+def switch_board_off():
+    pid = verdict.text_of(verdict.STATE / "board.pid").strip()
+    if not pid:
+        return
+    os.kill(int(pid), signal.SIGTERM)
+    while verdict.is_running(pid):
+        time.sleep(POLL_S)
+
+
+def wait_for_outcome(row, rows, log, packages, steps):
+    """Returns the differences once there are none, or those that are left at the row's limit."""
+    limit = time.monotonic() + row.limit
+    while True:
+        log.follow()
+        if steps.poll() not in (None, 0):
+            return ["the steps failed:\n" + verdict.text_of(verdict.STATE / "steps.log")]
+        if steps.poll() == 0:
+            found = verdict.differences(row, rows, log, packages)
+            if not found or time.monotonic() > limit:
+                return found
+        elif time.monotonic() > limit:
+            return ["the steps do not end"]
+        time.sleep(POLL_S)
+
+
+def run(name, build, packages):
+    rows = table.load()
+    row = next(row for row in rows["rows"] if row.name == name)
+    log = Log()
+    steps = start_steps(row, build, packages)
+    found = wait_for_outcome(row, rows, log, packages, steps)
+    if not found:
+        time.sleep(SETTLE_S)
+        switch_board_off()
+        found = verdict.differences(row, rows, log, packages)
+    return found
+
+
+if __name__ == "__main__":
+    DIFFERENCES = run(sys.argv[3], sys.argv[1], sys.argv[2])
+    for difference in DIFFERENCES:
+        print(difference)
+    sys.exit(1 if DIFFERENCES else 0)

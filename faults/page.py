@@ -1,0 +1,117 @@
+"""Makes docs/failures.md from the fault table: page.py writes it, page.py --check compares it."""
+
+import argparse
+import pathlib
+import sys
+
+import table
+
+PAGE = pathlib.Path(__file__).resolve().parent.parent / "docs/failures.md"
+COLOURS = {"#ffffff": "white", "#ffff00": "yellow", "#ff0000": "red", "#008000": "green"}
+# Beginnings of lines that tell one failure from another; the others come in every update.
+TELLING = ("[error]", "[NAK]", "[CA]", "Unable", "Call", "A: Call", "B: Call", "write failed", "select error")
+
+HEAD = """\
+# What can go wrong, and what to do
+
+For whoever stands at the machine: find what the screen shows, then what the console says. Each cause
+below is a row of `faults/table.toml`, which `scripts/faults` runs on the simulated machine; this page
+is made from the same rows by `scripts/faults --page`, so change those and not the page.
+"""
+
+
+def sections(data):
+    """(screen, groups) in the order of the screens; a group is the rows that look and end alike."""
+    for screen in (*data["screens"], ""):
+        groups = {}
+        for row in data["rows"]:
+            if row.screen == screen:
+                groups.setdefault((telling_lines(row, data), row.advice), []).append(row)
+        if groups:
+            yield screen, groups
+
+
+def telling_lines(row, data):
+    """What on the console tells this failure from others, each line once."""
+    own = (line for line in flat(row.console, data) if line.startswith(TELLING))
+    return tuple(dict.fromkeys((*own, *row.also)))
+
+
+def flat(entries, data):
+    for entry in entries:
+        if isinstance(entry, list):
+            yield from flat(entry[1:], data)
+        elif entry.startswith("@"):
+            yield from flat(data["lines"][entry[1:]], data)
+        else:
+            yield entry
+
+
+def heading(screen, data):
+    if not screen:
+        return ["## No screen", ""]
+    look = data["screens"][screen]
+    lines = [f"## {screen[0].upper()}{screen[1:]}", ""]
+    english, chinese = look["tips"]
+    if english:
+        lines += [f"The screen says, in {COLOURS[look['colour']]}:", "",
+                  f"> {english}<br>{chinese}", ""]
+    else:
+        lines += ["The screen gives no information.", ""]
+    if "success" in look:
+        lines += ["and in large letters:", "", f"> {look['success']}", ""]
+    return lines
+
+
+def cell(text):
+    return text.replace("|", "\\|").replace("\n", "<br>")
+
+
+def code(text):
+    fence = "``" if "`" in text else "`"
+    return f"{fence}{text}{fence}"
+
+
+def causes(rows):
+    """Each cause once, with the steps at which it has this effect."""
+    steps = {}
+    for row in rows:
+        steps.setdefault((row.fault, row.why), []).append(row.where)
+    for (fault, why), places in steps.items():
+        at = ", ".join(place for place in dict.fromkeys(places) if place)
+        meant = f" *Meant so: {why}*" if why else ""
+        yield f"{fault}{f' ({at})' if at else ''}.{meant}"
+
+
+def group_lines(groups, data):
+    yield "| The console says | Cause | What to do |"
+    yield "|---|---|---|"
+    for (lines, advice), rows in groups.items():
+        says = "\n".join(code(line) for line in lines) or "nothing unusual"
+        yield f"| {cell(says)} | {cell(chr(10).join(causes(rows)))} | {cell(data['advice'][advice])} |"
+
+
+def page():
+    data = table.load()
+    lines = [HEAD]
+    for screen, groups in sections(data):
+        lines += heading(screen, data)
+        lines += group_lines(groups, data)
+        lines.append("")
+    return "\n".join(lines).rstrip("\n") + "\n"
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--check", action="store_true", help="only say whether the page is up to date")
+    if not parser.parse_args().check:
+        PAGE.write_text(page(), encoding="utf-8")
+        return 0
+    if PAGE.read_text(encoding="utf-8") == page():
+        return 0
+    print("docs/failures.md is not what faults/table.toml makes: run scripts/faults --page", file=sys.stderr)
+    return 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,88 @@
+"""Runs the rows of the fault table in parallel, each on a simulated machine of its own."""
+
+import argparse
+import concurrent.futures
+import fnmatch
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import time
+
+import table
+
+PROJECT = pathlib.Path(__file__).resolve().parent.parent
+MACHINES_PER_CORE = 10  # nearly all of a row's time is waiting for the line
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(prog="scripts/faults", description=__doc__)
+    parser.add_argument("rows", nargs="*", metavar="ROW", help="rows to run, * for any text (default: all)")
+    parser.add_argument("--build", type=pathlib.Path, default=PROJECT / "build/dev",
+                        help="build tree of the program (default: build/dev, which is built first)")
+    parser.add_argument("--jobs", type=int, default=MACHINES_PER_CORE * (os.cpu_count() or 1),
+                        help="machines at a time (default: %(default)s)")
+    parser.add_argument("--list", action="store_true", help="list the rows and end")
+    parser.add_argument("--keep", type=pathlib.Path, metavar="DIR",
+                        help="keep each machine's state (console, screen, transcript) in DIR")
+    parser.epilog = "scripts/faults --page makes docs/failures.md from the table instead."
+    return parser.parse_args()
+
+
+def chosen_rows(names):
+    rows = table.load()["rows"]
+    chosen = [row for row in rows if not names or any(fnmatch.fnmatchcase(row.name, n) for n in names)]
+    if not chosen:
+        sys.exit("scripts/faults: there is no such row (try --list)")
+    return chosen
+
+
+def run_row(row, build, packages, keep):
+    """Returns the row, what is not as it says (empty when all is), and the seconds it took."""
+    started = time.monotonic()
+    state = []
+    if keep:
+        state = ["--state", keep / row.name.replace("/", "-")]
+    machine = subprocess.run(
+        [PROJECT / "sandbox/run", *state, "--show", build, "--show", packages, "--",
+         "/usr/bin/python3", "-B", PROJECT / "faults/machine.py", build, packages, row.name],
+        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace", check=False,
+    )
+    found = machine.stdout
+    if machine.returncode != 0 and not found:
+        found = f"the machine ended with {machine.returncode}\n"
+    return row, found if machine.returncode else "", time.monotonic() - started
+
+
+def run_rows(rows, arguments, packages):
+    """Runs the rows, those that take longest first, and prints a line each. Returns how many failed."""
+    failed = 0
+    build = arguments.build.resolve()
+    with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
+        running = [pool.submit(run_row, row, build, packages, arguments.keep) for row in rows]
+        for done in concurrent.futures.as_completed(running):
+            row, found, seconds = done.result()
+            failed += bool(found)
+            print(f"{'FAIL' if found else 'ok  '} {seconds:5.1f} s  {row.area:10} {row.name}", flush=True)
+            for line in found.splitlines():
+                print(f"       {line}")
+    return failed
+
+
+def main():
+    arguments = parse_arguments()
+    rows = chosen_rows(arguments.rows)
+    if arguments.list:
+        for row in rows:
+            print(f"{row.area:10} {row.name:40} {row.fault}")
+        return 0
+    with tempfile.TemporaryDirectory() as packages:
+        subprocess.run([PROJECT / "faults/packages", packages], check=True)
+        failed = run_rows(rows, arguments, packages)
+    print(f"{len(rows) - failed} passed, {failed} failed")
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,96 @@
+"""The fault table: reads table.toml and turns it into rows that say everything themselves."""
+
+import copy
+import pathlib
+import tomllib
+from dataclasses import dataclass, field
+
+TABLE = pathlib.Path(__file__).with_name("table.toml")
+
+
+@dataclass
+class Row:
+    """One fault: what the machine is like, what is done to it, and all that must come of it."""
+
+    name: str
+    area: str
+    fault: str  # what is wrong, for a reader
+    advice: str  # key of [advice]: what to do about it
+    where: str = ""  # the step that it strikes
+    why: str = ""  # why a surprising outcome is meant
+
+    staged: list = field(default_factory=list)  # package files in /tmp/ota
+    stick: list = field(default_factory=list)  # package files on the storage stick
+    board: list | None = None  # options of boardsim; None: no board
+    before: str = ""  # shell lines before the program starts
+    click: bool = False  # press the button
+    during: str = ""  # shell lines after that
+
+    screen: str = ""  # key of [screens]: the last one painted; empty: none was
+    progress: list | None = None  # value and end of the bar
+    rows: str = ""  # state of each package on the screen, once for equal neighbours: "ok wait"
+    results: list = field(default_factory=list)  # [status, index] of each installation
+    start: int | None = None  # result of the start command; None: it was not sent
+    transfer: int | None = None  # result of the transfer; None: there was none
+    console: list = field(default_factory=list)  # the program's lines, see pattern() in verdict.py
+    also: list = field(default_factory=list)  # what else is printed, by it or by its commands
+    never: list = field(default_factory=list)  # what is not printed
+    installed: list = field(default_factory=list)  # packages in the database, "NAME VERSION"
+    calls: int | None = None  # how often the package manager was called
+    handed_over: int = 0  # how often the main application was called
+    image: str = "none"  # what the board got: "none", "whole", "part"
+    board_outcome: str = "ok"  # the board's own verdict
+    struck: bool = True  # the board made each of its faults
+    disk: dict = field(default_factory=dict)  # path: what is there, see disk_state() in verdict.py
+    running: bool = True  # the program still runs
+    status: int | None = None  # exit status of the program that `during` has waited for
+    seconds: dict = field(default_factory=dict)  # from, to, at_least, at_most
+    limit: int = 60  # seconds after which the outcome is given up
+
+
+class TableError(Exception):
+    """The table contradicts itself."""
+
+
+def load(path=TABLE):
+    """Returns the whole table: the shared parts as they stand, and `rows` as a list of Row."""
+    with open(path, "rb") as file:
+        table = tomllib.load(file)
+    table["rows"] = [_make_row(raw, table) for raw in _expanded(table)]
+    names = [row.name for row in table["rows"]]
+    twice = {name for name in names if names.count(name) > 1}
+    if twice:
+        raise TableError(f"more than one row is named {', '.join(sorted(twice))}")
+    return table
+
+
+def _expanded(table):
+    """The rows: those with an area of their own, then the board's faults at their places."""
+    yield from table.get("row", [])
+    for raw in table.get("board", []):
+        kind, _, value = raw.pop("fault").partition("=")
+        place = raw.pop("at")
+        given = f"{kind}={value}" if value else kind
+        raw["name"] = f"{given}@{place}"
+        raw["area"] = "line"
+        raw["fault"] = table["kinds"][kind]
+        raw["where"] = table["places"][place]
+        raw["board"] = ["--fault", f"{given}@{place}", *raw.get("board", [])]
+        yield raw
+
+
+def _make_row(raw, table):
+    outcome = raw.pop("outcome", None)
+    values = copy.deepcopy(table["areas"].get(raw.get("area"), {}))
+    if outcome is not None:
+        values |= copy.deepcopy(table["outcomes"][outcome])
+    values |= raw
+    try:
+        row = Row(**values)
+    except TypeError as error:
+        raise TableError(f"{raw.get('name')}: {error}") from error
+    if row.advice not in table["advice"]:
+        raise TableError(f"{row.name}: there is no advice {row.advice}")
+    if row.screen and row.screen not in table["screens"]:
+        raise TableError(f"{row.name}: there is no screen {row.screen}")
+    return row
