@@ -1,10 +1,12 @@
 #include "fileio.h"
+#include "peakmemory.h"
 
 #include <QCoreApplication>
 
 #include <cstdio>
 
-// bench_download URL FILE: fetches with the bridge, as a program of its own.
+// bench_download URL FILE: fetches with the bridge, as a program of its own, and prints its peak
+// memory in kilobytes.
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
@@ -22,5 +24,7 @@ int main(int argc, char **argv)
     });
     bridge.setUrl(QUrl(QString::fromLocal8Bit(argv[1])));
     bridge.setRunning(true);
-    return QCoreApplication::exec();
+    const int result = QCoreApplication::exec();
+    std::printf("%d\n", peakMemoryKb());
+    return result;
 }

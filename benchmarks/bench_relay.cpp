@@ -1,4 +1,5 @@
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <poll.h>
@@ -57,6 +58,7 @@ bool carry(int from, int to, Transfer &transfer)
 
 int main()
 {
+    std::signal(SIGPIPE, SIG_IGN);
     Transfer transfer;
     pollfd lines[] = {{kSender, POLLIN, 0}, {kReceiver, POLLIN, 0}};
     for (;;) {

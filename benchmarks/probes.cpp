@@ -1,6 +1,7 @@
+#include "peakmemory.h"
+
 #include <QCoreApplication>
 #include <QEvent>
-#include <QFile>
 #include <QGenericPlugin>
 #include <QQuickWindow>
 #include <QTimer>
@@ -12,29 +13,15 @@
 #include <thread>
 #include <unistd.h>
 
-// Looks into a program that knows nothing of it: QT_QPA_GENERIC_PLUGINS=KEY:FILE loads it. Times
-// are those of the monotonic clock.
+// Looks into a program that knows nothing of it: QT_QPA_GENERIC_PLUGINS=KEY:FILE loads it.
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-long long nanoseconds(Clock::time_point time)
+/// Nanoseconds of the clock's own beginning.
+template <typename Clock>
+long long nanoseconds(std::chrono::time_point<Clock> time)
 {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count();
-}
-
-/// Peak resident memory of this process in kilobytes, 0 when the system does not tell.
-int peakMemoryKb()
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return 0;
-    for (const QByteArray &line : status.readAll().split('\n')) {
-        if (line.startsWith("VmHWM:"))
-            return line.mid(6).trimmed().split(' ').first().toInt();
-    }
-    return 0;
 }
 
 FILE *openReport(const QString &path)
@@ -47,9 +34,11 @@ FILE *openReport(const QString &path)
     return report;
 }
 
-/// Writes when the first frame was shown, and the peak memory of a process that has settled behind
-/// it, and ends the program.
+/// Writes when, by the monotonic clock, the first frame was shown, and the peak memory of a process
+/// that has settled behind it, and ends the program.
 class FirstFrame : public QObject {
+    using Clock = std::chrono::steady_clock;
+
 public:
     explicit FirstFrame(const QString &path)
         : m_path(path)
@@ -90,8 +79,10 @@ private:
 };
 
 /// Asks the GUI thread for a sign of life every millisecond. Writes, a line each, from when until
-/// when it gave none for longer than two.
+/// when, by the clock of `date`, it gave none for longer than two.
 class Stalls : public QObject {
+    using Clock = std::chrono::system_clock;
+
 public:
     explicit Stalls(const QString &path)
         : m_report(openReport(path))
