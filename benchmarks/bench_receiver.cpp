@@ -1,10 +1,10 @@
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>
-#include <vector>
 
 // bench_receiver FILE: takes the place of rb for the program, as a boot loader that checks each
 // frame and answers it at once. Its line is the standard input and output. Ends, and so hangs up,
@@ -16,6 +16,7 @@ enum : std::uint8_t { kSoh = 0x01, kStx = 0x02, kEot = 0x04, kAck = 0x06 };
 
 constexpr std::size_t kStartPayload = 128;
 constexpr std::size_t kDataPayload = 1024;
+constexpr std::size_t kCrcSize = 2;
 /// The program reads its answers ten bytes at a time and waits a second for those that do not come.
 constexpr std::size_t kAnswer = 10;
 
@@ -38,12 +39,12 @@ std::array<std::uint16_t, 256> crcTable()
 }
 
 /// 0 for a payload with its CRC behind it.
-std::uint16_t crcOf(const std::vector<std::uint8_t> &bytes)
+std::uint16_t crcOf(const std::uint8_t *bytes, std::size_t count)
 {
     static const auto table = crcTable();
     std::uint16_t crc = 0;
-    for (const std::uint8_t byte : bytes)
-        crc = static_cast<std::uint16_t>(crc << 8 ^ table[(crc >> 8) ^ byte]);
+    for (std::size_t i = 0; i < count; ++i)
+        crc = static_cast<std::uint16_t>(crc << 8 ^ table[(crc >> 8) ^ bytes[i]]);
     return crc;
 }
 
@@ -57,28 +58,35 @@ void answer(std::uint8_t control)
 
 void receive(std::uint8_t *bytes, std::size_t count)
 {
+    static std::uint8_t buffer[4096];
+    static std::size_t begin = 0;
+    static std::size_t end = 0;
     while (count > 0) {
-        const ssize_t got = read(STDIN_FILENO, bytes, count);
-        if (got <= 0)
-            fail("line");
-        bytes += got;
-        count -= static_cast<std::size_t>(got);
+        if (begin == end) {
+            const ssize_t got = read(STDIN_FILENO, buffer, sizeof buffer);
+            if (got <= 0)
+                fail("line");
+            begin = 0;
+            end = static_cast<std::size_t>(got);
+        }
+        const std::size_t piece = std::min(count, end - begin);
+        std::memcpy(bytes, buffer + begin, piece);
+        bytes += piece;
+        begin += piece;
+        count -= piece;
     }
 }
 
-/// Receives what follows the frame's mark. Returns its payload, with the CRC.
-std::vector<std::uint8_t> receiveFrame(std::size_t payload)
+/// Receives what follows the frame's mark: block number, payload and CRC.
+void receiveFrame(std::uint8_t *payload, std::size_t size)
 {
-    constexpr std::size_t crcSize = 2;
     std::uint8_t block[2];
     receive(block, sizeof block);
-    std::vector<std::uint8_t> bytes(payload + crcSize);
-    receive(bytes.data(), bytes.size());
-    if ((block[0] ^ block[1]) != 0xFF || crcOf(bytes) != 0) {
+    receive(payload, size + kCrcSize);
+    if ((block[0] ^ block[1]) != 0xFF || crcOf(payload, size + kCrcSize) != 0) {
         std::fputs("a broken frame\n", stderr);
         std::exit(1);
     }
-    return bytes;
 }
 
 } // namespace
@@ -95,10 +103,11 @@ int main(int argc, char **argv)
         if (mark == kEot)
             break;
         const std::size_t payload = mark == kStx ? kDataPayload : kStartPayload;
-        const auto bytes = receiveFrame(payload);
-        if (mark == kStx && std::fwrite(bytes.data(), 1, payload, image) != payload)
-            fail("image");
+        static std::uint8_t bytes[kDataPayload + kCrcSize];
+        receiveFrame(bytes, payload);
         answer(kAck);
+        if (mark == kStx && std::fwrite(bytes, 1, payload, image) != payload)
+            fail("image");
     }
     std::fclose(image);
     answer(kAck);
