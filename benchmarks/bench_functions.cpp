@@ -1,6 +1,7 @@
 #include "cymodem.h"
 #include "fileio.h"
 #include "frame.h"
+#include "plainloops.h"
 
 #include <benchmark/benchmark.h>
 
@@ -23,28 +24,6 @@ std::vector<std::uint8_t> someBytes(std::size_t count)
     for (std::size_t i = 0; i < count; ++i)
         bytes[i] = static_cast<std::uint8_t>(i * 37 + 11);
     return bytes;
-}
-
-/// A byte at a time, and nothing made of it by the compiler.
-__attribute__((optimize("no-tree-vectorize", "no-unroll-loops"))) std::uint8_t
-plainSum(const std::uint8_t *frame, unsigned length)
-{
-    unsigned sum = 0;
-    for (unsigned i = 1; i + 2 < length; ++i)
-        sum += frame[i];
-    return static_cast<std::uint8_t>(sum);
-}
-
-/// The text-book CRC-16/XMODEM: a bit at a time.
-std::uint16_t plainCrc(const std::uint8_t *bytes, unsigned length)
-{
-    unsigned crc = 0;
-    for (unsigned i = 0; i < length; ++i) {
-        crc ^= static_cast<unsigned>(bytes[i]) << 8;
-        for (int bit = 0; bit < 8; ++bit)
-            crc = (crc & 0x8000U) ? (crc << 1) ^ 0x1021U : crc << 1;
-    }
-    return static_cast<std::uint16_t>(crc);
 }
 
 void frameSumOfTheProgram(benchmark::State &state)
