@@ -15,8 +15,9 @@ HEAD = """\
 # What can go wrong, and what to do
 
 For whoever stands at the machine: find what the screen shows, then what the console says; below it stand
-the causes that are known, each with the steps of the update at which it strikes. Each cause is a row of `faults/table.toml`, which `scripts/faults` runs on the simulated machine; this page
-is made from the same rows by `scripts/faults --page`, so change those and not the page.
+the causes that are known, each with the steps of the update at which it strikes. Every cause is a row of
+`faults/table.toml`, which `scripts/faults` runs on the simulated machine; this page is made from the same
+rows by `scripts/faults --page`, so change those and not the page.
 """
 
 
