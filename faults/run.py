@@ -5,6 +5,7 @@ import concurrent.futures
 import fnmatch
 import os
 import pathlib
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -43,7 +44,9 @@ def run_row(row, build, packages, keep):
     started = time.monotonic()
     state = []
     if keep:
-        state = ["--state", keep / row.name.replace("/", "-")]
+        folder = keep / row.name.replace("/", "-")
+        shutil.rmtree(folder, ignore_errors=True)  # of an earlier run
+        state = ["--state", folder]
     machine = subprocess.run(
         [PROJECT / "sandbox/run", *state, *row.machine, "--show", build, "--show", packages, "--",
          "/usr/bin/python3", "-B", PROJECT / "faults/machine.py", build, packages, row.name],
