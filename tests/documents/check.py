@@ -214,10 +214,12 @@ class Commands:
 
     def _run(self, text):
         with tempfile.TemporaryDirectory() as scratch:
-            line = re.sub(r"build/(dev|release)/", f"{self.build}/", text)
+            is_board = re.match(r"(\S*/)?boardsim ", text)
+            line = text.replace("/tmp/", f"{scratch}/") if is_board else text
+            line = re.sub(r"build/(dev|release)/", f"{self.build}/", line)
             line = re.sub(r"^boardsim ", f"{self.build}/simulator/boardsim ", line)
-            if re.match(r"\S*/boardsim ", line):
-                return run_board(line.replace("/tmp/", f"{scratch}/"), scratch)
+            if is_board:
+                return run_board(line, scratch)
             done = subprocess.run(["bash", "-c", line], cwd=PROJECT, timeout=SECONDS, text=True,
                                   stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
             return done.returncode and f"status {done.returncode}\n{done.stdout}"
