@@ -7,6 +7,15 @@ function(assistant_compile_options target)
         -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
         -Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align
         -Wformat=2 -Wunused)
+    if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
+        target_compile_options(${target} PRIVATE
+            -Wcomma -Wconditional-uninitialized -Wdeprecated -Wextra-semi -Wextra-semi-stmt
+            -Wheader-hygiene -Wloop-analysis -Wmissing-variable-declarations -Wnewline-eof
+            -Wshadow-all -Wsuggest-override -Wthread-safety -Wundef -Wunreachable-code-aggressive
+            -Wzero-as-null-pointer-constant
+            # QSKIP() calls a variadic macro with nothing behind its last named argument.
+            -Wno-gnu-zero-variadic-macro-arguments)
+    endif()
     if(UPDATE_ASSISTANT_WERROR)
         target_compile_options(${target} PRIVATE -Werror)
     endif()
@@ -19,6 +28,13 @@ function(assistant_compile_options target)
             -fno-omit-frame-pointer)
         target_compile_options(${target} PRIVATE ${sanitizers})
         target_link_options(${target} PRIVATE ${sanitizers})
+    endif()
+    if(UPDATE_ASSISTANT_COVERAGE)
+        # The counters live in a mapped file, since the program and many tests end by a signal.
+        # Everything is counted, so that each program has a file that fits it.
+        target_compile_options(${target} PRIVATE -fprofile-instr-generate -fcoverage-mapping
+            "SHELL:-mllvm -runtime-counter-relocation")
+        target_link_options(${target} PUBLIC -fprofile-instr-generate)
     endif()
     if(UPDATE_ASSISTANT_FUZZ)
         target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)

@@ -1,12 +1,13 @@
 #include "commandhandler.h"
 
+#include <utility>
+
 namespace boardsim {
 
-CommandHandler::CommandHandler(Step step, const ExpectedFrame &expected, const Verdict &good,
-                               int &count)
+CommandHandler::CommandHandler(Step step, ExpectedFrame expected, Verdict good, int &count)
     : m_step(step)
-    , m_expected(expected)
-    , m_good(good)
+    , m_expected(std::move(expected))
+    , m_good(std::move(good))
     , m_count(count)
 {
     m_good.opensExchange = true;

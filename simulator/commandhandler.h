@@ -12,7 +12,7 @@ class CommandHandler : public FrameHandler {
 public:
     /// `good` is what happens to a valid frame; its meaning names the command in the transcript.
     /// It opens an exchange. `count` counts the valid ones; it must outlive the handler.
-    CommandHandler(Step step, const ExpectedFrame &expected, const Verdict &good, int &count);
+    CommandHandler(Step step, ExpectedFrame expected, Verdict good, int &count);
 
     std::optional<Claim> claim(const QByteArray &start) const override;
     Verdict receive(const QByteArray &frame) override;

@@ -129,7 +129,7 @@ QByteArray readParams(const QCommandLineParser &parser, const Parameters &parame
         return paramBlock(text.toLatin1());
     }
     const QByteArray digits = parser.value(parameters.paramsHex).toLower().toLatin1();
-    const QByteArray bytes = QByteArray::fromHex(digits);
+    QByteArray bytes = QByteArray::fromHex(digits);
     if (bytes.toHex() != digits || bytes.size() > kMaxParams)
         reader.complain(
             parameters.paramsHex,

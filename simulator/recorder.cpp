@@ -1,9 +1,11 @@
 #include "recorder.h"
 
+#include <utility>
+
 namespace boardsim {
 
-Recorder::Recorder(const Transcript &transcript, Report &report)
-    : m_transcript(transcript)
+Recorder::Recorder(Transcript transcript, Report &report)
+    : m_transcript(std::move(transcript))
     , m_report(report)
 {
 }

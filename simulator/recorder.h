@@ -11,7 +11,7 @@ namespace boardsim {
 class Recorder {
 public:
     /// `report` must outlive this.
-    Recorder(const Transcript &transcript, Report &report);
+    Recorder(Transcript transcript, Report &report);
 
     void received(TimePoint now, const QString &meaning, const QByteArray &bytes);
     void sent(TimePoint now, const QString &meaning, const QByteArray &bytes);

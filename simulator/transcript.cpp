@@ -2,6 +2,8 @@
 
 #include "hextext.h"
 
+#include <utility>
+
 namespace boardsim {
 
 namespace {
@@ -13,8 +15,8 @@ constexpr int kShortTail = 6;
 
 } // namespace
 
-Transcript::Transcript(const LineSink &sink, HexStyle style)
-    : m_sink(sink)
+Transcript::Transcript(LineSink sink, HexStyle style)
+    : m_sink(std::move(sink))
     , m_style(style)
     , m_start(Clock::now())
 {

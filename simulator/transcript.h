@@ -22,10 +22,10 @@ using LineSink = std::function<void(const QByteArray &line)>;
 /// board, "<-" from it), what it means and its bytes.
 class Transcript {
 public:
-    Transcript(const LineSink &sink, HexStyle style);
+    Transcript(LineSink sink, HexStyle style);
 
-    void received(TimePoint now, const QString &meaning, const QByteArray &bytes);
-    void sent(TimePoint now, const QString &meaning, const QByteArray &bytes);
+    void received(TimePoint now, const QString &meaning, const QByteArray &frame);
+    void sent(TimePoint now, const QString &meaning, const QByteArray &frame);
     void note(TimePoint now, const QString &text);
     void fault(TimePoint now, const QString &text);
     void violation(TimePoint now, const QString &text);
@@ -35,7 +35,7 @@ public:
 
 private:
     void line(TimePoint now, const char *mark, const QString &text);
-    void bytes(TimePoint now, const char *mark, const QString &meaning, const QByteArray &bytes);
+    void bytes(TimePoint now, const char *mark, const QString &meaning, const QByteArray &frame);
 
     LineSink m_sink;
     HexStyle m_style;

@@ -7,7 +7,7 @@ QStringList RecordingBridge::calls() const
 
 QStringList RecordingBridge::takeCalls()
 {
-    const QStringList taken = m_calls;
+    QStringList taken = m_calls;
     m_calls.clear();
     return taken;
 }

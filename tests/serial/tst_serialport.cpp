@@ -176,7 +176,7 @@ void TestSerialPort::cleanup()
 void TestSerialPort::tableHas19RowsInOrder()
 {
     QCOMPARE(kBaudRows, 19);
-    QCOMPARE(sizeof gBaudTable, 19 * 2 * sizeof(std::uint32_t));
+    QCOMPARE(sizeof gBaudTable, sizeof(std::uint32_t) * 19 * 2);
     for (std::size_t row = 0; row < std::size(kSpeeds); ++row) {
         QCOMPARE(gBaudTable[row].speed, kSpeeds[row]);
         QCOMPARE(gBaudTable[row].rate, kRates[row]);

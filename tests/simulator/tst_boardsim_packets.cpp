@@ -392,7 +392,7 @@ void TestBoardSimPackets::answerIsSpoilt_data()
 
     for (int step = 0; step < 4; ++step) {
         const QByteArray place = QByteArray("@") + kPlaces[step];
-        const QByteArray good = kAnswers.at(step);
+        const QByteArray &good = kAnswers.at(step);
         const auto row = [&](const char *fault, const QByteArray &expected) {
             const QByteArray text = fault + place;
             QTest::newRow(text.constData()) << text << step << expected;

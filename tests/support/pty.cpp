@@ -91,7 +91,7 @@ QByteArray Pty::receive(int count, int timeoutMs)
 {
     const QDeadlineTimer deadline(timeoutMs);
     while (m_received.size() < count && collect(static_cast<int>(deadline.remainingTime()))) { }
-    const QByteArray bytes = m_received.left(count);
+    QByteArray bytes = m_received.left(count);
     m_received.remove(0, bytes.size());
     return bytes;
 }
@@ -105,7 +105,7 @@ QByteArray Pty::received()
         qFatal("the held slave cannot be written");
     while (!m_received.endsWith(mark) && collect(kHangMs)) { }
     m_received.chop(mark.size());
-    const QByteArray bytes = m_received;
+    QByteArray bytes = m_received;
     m_received.clear();
     return bytes;
 }

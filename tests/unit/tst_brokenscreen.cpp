@@ -1,6 +1,7 @@
 #include "child.h"
 #include "launch.h"
 
+#include <QGuiApplication>
 #include <QtTest>
 
 #include <sys/wait.h>
@@ -10,6 +11,7 @@ class TestBrokenScreen : public QObject {
 
 private slots:
     void screenThatDoesNotLoadIsMinusOne();
+    void statusScreenThatDoesNotLoadIsNoFailure();
 };
 
 void TestBrokenScreen::screenThatDoesNotLoadIsMinusOne()
@@ -26,6 +28,21 @@ void TestBrokenScreen::screenThatDoesNotLoadIsMinusOne()
     QVERIFY2(WIFEXITED(child.status), child.err.constData());
     QCOMPARE(WEXITSTATUS(child.status), 255);
     QVERIFY2(child.err.contains("qrc:/main.qml"), child.err.constData());
+}
+
+void TestBrokenScreen::statusScreenThatDoesNotLoadIsNoFailure()
+{
+    const ChildResult child = runInChild([] {
+        Q_CLEANUP_RESOURCE(qml);
+        qInstallMessageHandler(nullptr);
+        char name[] = "update-assistant";
+        char *arguments[] = {name, nullptr};
+        int count = 1;
+        const QGuiApplication app(count, arguments);
+        return showTip(arguments);
+    });
+    VERIFY_CHILD_PASSED(child);
+    QVERIFY2(child.err.contains("qrc:/show.qml"), child.err.constData());
 }
 
 QTEST_APPLESS_MAIN(TestBrokenScreen)

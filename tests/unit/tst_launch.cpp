@@ -147,7 +147,7 @@ private slots:
 private:
     QString path(const char *name) const { return m_dir->filePath(QString::fromLatin1(name)); }
     QString put(const QByteArray &content) const;
-    QByteArray content(const QString &file) const;
+    QByteArray content(const QString &name) const;
 
     QScopedPointer<QTemporaryDir> m_dir;
 };

@@ -1,0 +1,98 @@
+"""The lines of src/ that were reached, from the counters of all programs."""
+
+import collections
+import pathlib
+import re
+import subprocess
+import tomllib
+
+PROJECT = pathlib.Path(__file__).resolve().parent.parent
+REASONS = pathlib.Path(__file__).with_name("unreached.toml")
+NO_MAPPING = "no coverage data found"
+
+# A line of src/ as a reason names it: it stays the same when lines move.
+Place = collections.namedtuple("Place", "file function text")
+
+
+def merge_counters(build):
+    counters = sorted((build / "profiles").glob("*.profraw"))
+    if not counters:
+        raise SystemExit("coverage: no counters were written")
+    merged = build / "merged.profdata"
+    subprocess.run(["llvm-profdata", "merge", "-sparse", *counters, "-o", merged], check=True)
+    return merged
+
+
+def export(program, merged):
+    """llvm-cov's report on one program, empty for one that was built without counters."""
+    exported = subprocess.run(
+        ["llvm-cov", "export", "-format=lcov", program, f"-instr-profile={merged}"],
+        stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=False)
+    if exported.returncode != 0 and NO_MAPPING not in exported.stderr:
+        raise SystemExit(f"coverage: {program}: {exported.stderr}")
+    return exported.stdout
+
+
+def add_counts(lcov, project, counts):
+    """Adds a report to `counts`, which has the line counts of each file of src/.
+
+    Programs are taken one by one: a function of a header that one of them does not use is there, with
+    no count, and together llvm-cov would take that for all of them.
+    """
+    lines = None
+    for entry in lcov.splitlines():
+        if entry.startswith("SF:"):
+            path = pathlib.Path(entry[len("SF:"):]).resolve()
+            lines = None
+            if path.is_relative_to(project / "src"):
+                lines = counts.setdefault(str(path.relative_to(project)), collections.Counter())
+        elif entry.startswith("DA:") and lines is not None:
+            number, count = entry[len("DA:"):].split(",")[:2]
+            lines[int(number)] += int(count)
+
+
+def measure(build, programs):
+    merged = merge_counters(build)
+    counts = {}
+    for program in programs:
+        add_counts(export(program, merged), PROJECT, counts)
+    return counts
+
+
+def place_of(file, number, text_lines):
+    function = next((line for line in reversed(text_lines[:number]) if re.match(r"[A-Za-z]", line)), "")
+    return Place(file, function, text_lines[number - 1].strip())
+
+
+def unreached(counts, project=PROJECT):
+    """The place of each line without a count, and its number."""
+    found = []
+    for file, lines in sorted(counts.items()):
+        text_lines = (project / file).read_text("utf-8").splitlines()
+        found += [(place_of(file, number, text_lines), number)
+                  for number, count in sorted(lines.items()) if count == 0]
+    return found
+
+
+def load_reasons(path=REASONS):
+    """The reasons written down for each place; a place has as many as lines that are alike."""
+    reasons = {}
+    for entry in tomllib.loads(path.read_text("utf-8")).get("line", []):
+        place = Place(entry["file"], entry["function"], entry["text"])
+        reasons.setdefault(place, []).append(entry["reason"])
+    return reasons
+
+
+def problems(counts, reasons, project=PROJECT):
+    """What is wrong, apart from the figure: sources left out, lines and reasons without each other."""
+    found = []
+    for source in sorted((project / "src").rglob("*.cpp")):
+        if str(source.relative_to(project)) not in counts:
+            found.append(f"{source.relative_to(project)} is in no program that was measured")
+    needed = collections.Counter(place for place, _ in unreached(counts, project))
+    written = collections.Counter({place: len(texts) for place, texts in reasons.items()})
+    for place in sorted((needed - written).elements()):
+        found.append(f"a line is not reached, and no reason is written down: {': '.join(place)}")
+    for place in sorted((written - needed).elements()):
+        found.append(f"a reason is written down for a line that is reached or gone: {': '.join(place)}")
+    return found

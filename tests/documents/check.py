@@ -1,0 +1,364 @@
+"""Holds the documents against the tree: their commands, links and paths, and the newest version.
+
+A command stands in an indented block or in one fenced as "sh"; blocks of any other kind have another
+word behind the fence. Every command is checked: scripts, programs, options, presets and tests that it
+names. Then it is really run, or not, as COMMANDS says; one that is not there is a problem.
+"""
+
+import argparse
+import json
+import os
+import pathlib
+import re
+import shlex
+import shutil
+import subprocess
+import sys
+import tempfile
+
+PROJECT = pathlib.Path(__file__).resolve().parent.parent.parent
+
+RUN = None
+# Beginnings of commands; the longest that fits counts. RUN, or why it is not run here.
+COMMANDS = {
+    "boardsim": RUN,
+    "build/dev/fuzz/replay_": RUN,
+    "build/dev/simulator/boardsim": RUN,
+    "build/dev/tests/": RUN,
+    "sandbox/run -- ": RUN,
+    "scripts/faults --list": RUN,
+    ".ci/run": "builds and runs everything, this check too; the CI runs it",
+    "build/release/src/update-assistant": "needs a real board",
+    "cmake --install": "writes to the system; the test `install` does it elsewhere",
+    "cmake --preset": "builds another tree; the CI does it for the test command",
+    "ctest --preset": "the CI runs every test; here only the names are looked up",
+    "export QT_QPA_PLATFORM": "needs a real board",
+    "ln -s /dev/ttyUSB0": "needs a real board",
+    "mkdir -p /root/mcu": "needs a real board",
+    "mkdir -p build/found": "needs the fuzzing programs, which only clang builds",
+    "sandbox/run --state": "installs packages that only a reader has",
+    "scripts/demo": "builds, and takes a minute; its steps are the tests tst_update.*",
+    "scripts/faults": "the test `faults` runs the whole table, `faults_page` checks the page",
+    "scripts/test": "builds and runs everything, this check too; the CI runs it",
+    "update-assistant": "needs a real board",
+}
+
+BUILT_PROGRAMS = {"boardsim": "simulator/boardsim", "update-assistant": "src/update-assistant"}
+SEPARATORS = {"&&", "||", ";", "|", "&"}
+SECONDS = 60  # only a hang is ever that slow
+
+problems = []
+
+
+class Document:
+    """A Markdown file, taken apart into commands, code spans and links, each with its line."""
+
+    def __init__(self, path):
+        self.path = path
+        self.name = path.relative_to(PROJECT)
+        self.lines = path.read_text(encoding="utf-8").splitlines()
+        self.commands, self.spans, self.links, self.anchors = [], [], [], set()
+        self._take_apart()
+
+    def _take_apart(self):
+        fence, blank_before = None, True
+        for number, line in enumerate(self.lines, 1):
+            mark = re.match(r" *```(.*)", line)
+            if mark:
+                fence = mark[1].strip() if fence is None else None
+                if fence == "":
+                    self.complain(number, "a fence without a word behind it")
+            elif fence is not None:
+                if fence == "sh":
+                    self._take_command(number, line)
+            elif line.startswith("    ") and blank_before:
+                self._take_command(number, line)
+                continue  # what follows is of the same block
+            else:
+                self._take_text(number, line)
+            blank_before = not line.strip()
+
+    def _take_command(self, number, line):
+        if line.split("#")[0].strip():
+            self.commands.append((number, line.strip()))
+
+    def _take_text(self, number, line):
+        heading = re.match(r"#+ (.*)", line)
+        if heading:
+            words = re.sub(r"[^\w\- ]", "", heading[1].lower())
+            self.anchors.add(words.replace(" ", "-"))
+        self.spans += [(number, span) for span in re.findall(r"`([^`]+)`", line)]
+        self.links += [(number, link) for link in re.findall(r"\]\(([^)\s]+)\)", line)]
+
+    def complain(self, number, text):
+        problems.append(f"{self.name}:{number}: {text}")
+
+
+class Commands:
+    """Checks commands against what there is, and runs them."""
+
+    def __init__(self, build):
+        self.build = build
+        self.presets = json.loads((PROJECT / "CMakePresets.json").read_text())
+        self.options = (PROJECT / "CMakeLists.txt").read_text()
+        self.helps = {}
+        self.used = set()
+
+    def check(self, document, number, text):
+        def complain(what):
+            document.complain(number, f"{text}: {what}")
+
+        for words in simple_commands(text):
+            self._check_words(words, complain)
+
+    def decide(self, document, number, text):
+        """Runs the command, or says why not."""
+        starts = [start for start in COMMANDS if text.startswith(start)]
+        if not starts:
+            document.complain(number, f"{text}: COMMANDS does not say whether to run it")
+            return
+        start = max(starts, key=len)
+        self.used.add(start)
+        if COMMANDS[start] is not RUN:
+            print(f"not run: {document.name}: {text}\n         {COMMANDS[start]}")
+            return
+        print(f"run:     {document.name}: {text}", flush=True)
+        fault = self._run(text)
+        if fault:
+            document.complain(number, f"{text}: {fault}")
+
+    def _check_words(self, words, complain):
+        while words and re.match(r"\w+=", words[0]):
+            words = words[1:]
+        if not words or words[0].isupper():
+            return  # nothing, or a placeholder
+        name, arguments = words[0], words[1:]
+        if name == "cmake":
+            self._check_cmake(arguments, complain)
+        elif name == "ctest":
+            self._check_ctest(arguments, complain)
+        elif name in BUILT_PROGRAMS or name.startswith("build/"):
+            self._check_program(name, arguments, complain)
+        elif "/" in name:
+            self._check_script(name, arguments, complain)
+        elif name != "export" and not shutil.which(name):
+            complain(f"there is no {name}")
+
+    def _check_cmake(self, arguments, complain):
+        kind = "buildPresets" if "--build" in arguments else "configurePresets"
+        self._check_preset(kind, arguments, complain)
+        for option in re.findall(r"-D(UPDATE_ASSISTANT_\w+)", " ".join(arguments)):
+            if option not in self.options:
+                complain(f"there is no option {option}")
+
+    def _check_ctest(self, arguments, complain):
+        self._check_preset("testPresets", arguments, complain)
+        if "-R" in arguments or "-L" in arguments:
+            kept = arguments[2:] if arguments[0] == "--preset" else arguments
+            listing = output_of(["ctest", "--test-dir", str(self.build), "-N", *kept])
+            if "Total Tests: 0" in listing or "Total Tests:" not in listing:
+                complain("no test has such a name")
+
+    def _check_preset(self, kind, arguments, complain):
+        if "--preset" in arguments:
+            preset = arguments[arguments.index("--preset") + 1]
+            if preset not in [p["name"] for p in self.presets[kind] if not p.get("hidden")]:
+                complain(f"there is no preset {preset}")
+
+    def _check_program(self, name, arguments, complain):
+        program = self._program(name)
+        if not program.exists():
+            complain(f"there is no program {name}")
+        elif program.name.startswith("tst_"):
+            slots = output_of([str(program), "-functions"])
+            for slot in arguments:
+                if f"{slot}()" not in slots.splitlines():
+                    complain(f"there is no fact {slot}")
+        elif program.name == "boardsim":
+            self._check_options([str(program)], arguments, complain)
+
+    def _program(self, name):
+        if name in BUILT_PROGRAMS:
+            return self.build / BUILT_PROGRAMS[name]
+        preset, place = name.split("/", 2)[1:]
+        if preset == "fuzz" and place.startswith("fuzz/fuzz_"):
+            return PROJECT / f"{place}.cpp"  # built by clang alone
+        return self.build / place
+
+    def _check_script(self, name, arguments, complain):
+        script = PROJECT / name
+        if not os.access(script, os.X_OK) or not script.is_file():
+            complain(f"there is no script {name}")
+            return
+        command = []
+        if name == "sandbox/run":
+            arguments, command = part_command(arguments, self._help([str(script)]))
+        if arguments[:1] == ["--preset"]:
+            self._check_preset("testPresets", arguments, complain)
+        self._check_options([str(script)], arguments, complain)
+        self._check_words(command, complain)
+
+    def _check_options(self, command, arguments, complain):
+        for option in (word.split("=")[0] for word in arguments if re.match("-[-a-z]", word)):
+            if not re.search(rf"(?<![\w-]){option}(?![\w-])", self._help(command)):
+                complain(f"there is no option {option}")
+
+    def _help(self, command):
+        key = tuple(command)
+        if key not in self.helps:
+            self.helps[key] = output_of([*command, "--help"])
+        return self.helps[key]
+
+    def _run(self, text):
+        with tempfile.TemporaryDirectory() as scratch:
+            line = re.sub(r"build/(dev|release)/", f"{self.build}/", text)
+            line = re.sub(r"^boardsim ", f"{self.build}/simulator/boardsim ", line)
+            if re.match(r"\S*/boardsim ", line):
+                return run_board(line.replace("/tmp/", f"{scratch}/"), scratch)
+            done = subprocess.run(["bash", "-c", line], cwd=PROJECT, timeout=SECONDS, text=True,
+                                  stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
+            return done.returncode and f"status {done.returncode}\n{done.stdout}"
+
+
+def run_board(line, folder):
+    """Starts boardsim, waits until its line is there, and ends it."""
+    with subprocess.Popen(shlex.split(line), cwd=folder, stdout=subprocess.PIPE, text=True,
+                          stderr=subprocess.STDOUT) as board:
+        said = ""
+        for said in board.stdout:
+            if said.startswith("ready "):
+                board.terminate()
+                break
+        board.stdout.read()
+        status = board.wait(SECONDS)
+    return None if status == 0 else f"status {status}: {said}"
+
+
+def simple_commands(text):
+    """The words of each command in a line of the shell, without redirections."""
+    lexer = shlex.shlex(text, posix=True, punctuation_chars=True)
+    lexer.whitespace_split = True
+    words, redirected = [], False
+    for word in lexer:
+        if word in SEPARATORS:
+            yield words
+            words = []
+        elif redirected or word[0] in "<>":
+            redirected = word[0] in "<>"
+        else:
+            words.append(word)
+    yield words
+
+
+def part_command(arguments, help_text):
+    """The options of sandbox/run, and the command behind them."""
+    place = 0
+    while place < len(arguments) and arguments[place].startswith("-"):
+        if arguments[place] == "--":
+            return arguments[:place], arguments[place + 1:]
+        has_value = re.search(rf"{arguments[place]} \S", help_text) and arguments[place] != "--help"
+        place += 2 if has_value else 1
+    return arguments[:place], arguments[place:]
+
+
+def output_of(command):
+    return subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                          timeout=SECONDS, check=False).stdout
+
+
+def tree_files():
+    """Every file of the tree, but not what was built or belongs to git."""
+    for folder, folders, files in os.walk(PROJECT):
+        folders[:] = [f for f in folders if f not in (".git", "build", "__pycache__")]
+        for file in files:
+            yield pathlib.Path(folder, file)
+
+
+class Names:
+    """What files there are, for the names that documents have for them."""
+
+    def __init__(self):
+        self.files = list(tree_files())
+        self.base_names = {file.name for file in self.files}
+        self.roots = sorted(p.name for p in PROJECT.iterdir() if p.is_dir() and p.name not in (".git", "build"))
+        self.tests = {f.stem: f for f in self.files if f.name.startswith("tst_")}
+
+    def check_links(self, document, documents):
+        for number, link in document.links:
+            if re.match(r"\w+:", link):
+                continue
+            place, _, anchor = link.partition("#")
+            target = (document.path.parent / place).resolve() if place else document.path
+            if not target.exists():
+                document.complain(number, f"the link {link} leads nowhere")
+            elif anchor and not any(d.path == target and anchor in d.anchors for d in documents):
+                document.complain(number, f"the link {link} names no heading")
+
+    def check_paths(self, document):
+        """Paths below a folder of the project, wherever they stand in the text."""
+        below = "|".join(re.escape(root) for root in self.roots)
+        for number, line in enumerate(document.lines, 1):
+            for path in re.findall(rf"(?<![\w/.-])((?:{below})/[\w./*-]*)", line):
+                self._check_path(document, number, path.rstrip("."))
+
+    def check_spans(self, document):
+        for number, span in document.spans:
+            test = re.fullmatch(r"(tst_\w+)(?:(?:::|\.)(\w+))?", span)
+            if test:
+                self._check_test(document, number, *test.groups())
+            elif re.fullmatch(r"\.\w+-\w+|[\w-]+\.(h|cpp|qml|qrc|md|json|txt|py|toml|cmake|sh)", span):
+                if span not in self.base_names:
+                    document.complain(number, f"there is no file {span}")
+            elif re.fullmatch(r"[\w.-]+(/[\w.*-]+)*/?", span) and "/" in span:
+                self._check_path(document, number, span)
+
+    def _check_test(self, document, number, name, fact):
+        file = self.tests.get(name)
+        if not file:
+            document.complain(number, f"there is no test {name}")
+        elif fact and not re.search(rf"\b{fact}\(", file.read_text(encoding="utf-8")):
+            document.complain(number, f"{name} has no fact {fact}")
+
+    def _check_path(self, document, number, path):
+        if path.startswith("build/"):
+            return
+        places = (PROJECT, document.path.parent, PROJECT / "src")
+        if not any(list(place.glob(path.rstrip("/"))) for place in places):
+            document.complain(number, f"there is no {path}")
+
+
+def check_version():
+    version = re.search(r"VERSION (\S+)", (PROJECT / "CMakeLists.txt").read_text().split("project(")[1])[1]
+    newest = re.search(r"^## (\S+)", (PROJECT / "CHANGES.md").read_text(), re.MULTILINE)[1]
+    if newest != version:
+        problems.append(f"CHANGES.md: the newest version is {newest}, the project's {version}")
+    if f"V{version})" not in (PROJECT / "qml/main.qml").read_text(encoding="utf-8"):
+        problems.append(f"qml/main.qml: the title does not name version {version}")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--build", type=pathlib.Path, default=PROJECT / "build/dev",
+                        help="build tree of the programs (default: build/dev)")
+    commands = Commands(parser.parse_args().build.resolve())
+    names = Names()
+    documents = [Document(file) for file in sorted(names.files) if file.suffix == ".md"]
+    for document in documents:
+        names.check_links(document, documents)
+        names.check_paths(document)
+        names.check_spans(document)
+        for number, text in document.commands:
+            commands.check(document, number, text)
+            commands.decide(document, number, text)
+        for number, span in document.spans:
+            if re.match(r"(scripts|sandbox)/\w+ ", span):
+                commands.check(document, number, span)
+    for start in sorted(COMMANDS.keys() - commands.used):
+        problems.append(f"COMMANDS: no document has a command {start}")
+    check_version()
+    print(*problems, f"{len(problems)} problems", sep="\n")
+    sys.exit(1 if problems else 0)
+
+
+if __name__ == "__main__":
+    main()

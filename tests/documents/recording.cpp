@@ -1,0 +1,149 @@
+#include "recording.h"
+
+#include "boardsimulator.h"
+#include "capture.h"
+#include "fileio.h"
+#include "machine.h"
+#include "serialport.h"
+
+#include <chrono>
+#include <functional>
+#include <initializer_list>
+#include <thread>
+
+using namespace boardsim;
+
+namespace {
+
+constexpr Milliseconds kPatience{60000};
+constexpr Milliseconds kNever{600000};
+
+using Condition = std::function<bool(const Report &)>;
+using Exchange = std::function<void(FileIO &)>;
+
+bool endFrameWasSentAgain(const Report &report)
+{
+    return report.lastTransfer().extraEndFrames > 0;
+}
+
+QByteArray titleOf(const FrameRecord &frame)
+{
+    const int size = frame.bytes.size();
+    return (frame.toBoard ? "-> " : "<- ") + frame.meaning.toUtf8() + " ("
+        + QByteArray::number(size) + (size == 1 ? " byte)" : " bytes)");
+}
+
+/// Runs `exchange` until the board has seen its end, and then hangs up, which ends a transfer's
+/// wait for further answers.
+Recording record(Options options, const Condition &isOver, const Exchange &exchange,
+                 QByteArrayList &complaints)
+{
+    options.linkPath = QStringLiteral("/dev/ttymxc1");
+    BoardSimulator board(options);
+    if (!board.start()) {
+        complaints << board.errorText().toUtf8();
+        return {};
+    }
+    const MessageCapture messages;
+    DescriptorCapture out(1);
+    std::thread product([&exchange] {
+        FileIO io;
+        exchange(io);
+    });
+    if (!board.waitFor(isOver, kPatience))
+        complaints << "an exchange did not come to its end";
+    board.stop();
+    product.join();
+    out.take();
+
+    Recording recording;
+    const Report report = board.report();
+    for (const FrameRecord &frame : report.frames)
+        recording.append({titleOf(frame), frame.bytes});
+    if (report.hasUnexplainedViolation())
+        complaints << "the board has seen a violation";
+    return recording;
+}
+
+Fault fault(const char *text)
+{
+    QString complaint;
+    const auto parsed = parseFault(QString::fromLatin1(text), complaint);
+    if (!parsed)
+        qFatal("%s", qPrintable(complaint));
+    return *parsed;
+}
+
+void openLine(FileIO &io)
+{
+    io.serialPort()->Open("/dev/ttymxc1", "115200");
+}
+
+/// One whole block.
+QByteArray image()
+{
+    return firmwareOfSize(1024);
+}
+
+Recording recordUpdate(QByteArrayList &complaints)
+{
+    const FirmwareDir directory;
+    directory.put(QStringLiteral("UpdataSystem.bin"), image() + image().left(476));
+    Options options;
+    options.bootDelay = Milliseconds(4000); // when the assistant surely waits for it
+    options.requestInterval = kNever;
+    return record(
+        options, endFrameWasSentAgain,
+        [](FileIO &io) {
+            io.getMcuVersion();
+            io.startMcuSoftwareUpdate();
+            io.updateMcu();
+        },
+        complaints);
+}
+
+Recording recordRefusals(QByteArrayList &complaints)
+{
+    const FirmwareDir directory;
+    directory.put(QStringLiteral("UpdataSystem.bin"), image());
+    Options options;
+    options.startInBootLoader = true;
+    options.requestInterval = Milliseconds(300);
+    options.faults = {fault("nak=3000@block:1"), fault("cancel=3000@block:2")};
+    return record(
+        options, endFrameWasSentAgain, [](FileIO &io) { io.updateMcu(); }, complaints);
+}
+
+Recording recordPackets(QByteArrayList &complaints)
+{
+    Options options;
+    options.bootDelay = kNever; // no 'C' comes between the answers
+    return record(
+        options, [](const Report &report) { return report.configReads > 0; },
+        [](FileIO &io) {
+            io.startMcuSoftwareUpdate();
+            openLine(io);
+            io.sendCmdFromConnect2Config();
+        },
+        complaints);
+}
+
+Recording recordHandshakes(QByteArrayList &complaints)
+{
+    return record(
+        {}, [](const Report &report) { return report.handshakesV4 > 0; },
+        [](FileIO &io) {
+            openLine(io);
+            io.handsharkeV3();
+            io.handsharkeV4();
+        },
+        complaints);
+}
+
+} // namespace
+
+QVector<Recording> recordExchanges(QByteArrayList &complaints)
+{
+    return {recordUpdate(complaints), recordRefusals(complaints), recordPackets(complaints),
+            recordHandshakes(complaints)};
+}
