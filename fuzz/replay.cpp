@@ -14,7 +14,7 @@ namespace {
 void run(const std::filesystem::path &path)
 {
     // In exactly its size, so that the sanitizers see every byte beyond it.
-    std::vector<std::uint8_t> input(std::filesystem::file_size(path));
+    std::vector<std::uint8_t> input(static_cast<std::size_t>(std::filesystem::file_size(path)));
     std::ifstream file(path, std::ios::binary);
     CHECK(file.read(reinterpret_cast<char *>(input.data()),
                     static_cast<std::streamsize>(input.size())));

@@ -31,8 +31,8 @@ extern "C" int gettimeofday(timeval *now, void * /*zone*/) noexcept
         return 0;
     }
     ++wallClock.looks;
-    now->tv_sec = wallClock.nowMs / 1000;
-    now->tv_usec = wallClock.nowMs % 1000 * 1000;
+    now->tv_sec = static_cast<time_t>(wallClock.nowMs / 1000);
+    now->tv_usec = static_cast<suseconds_t>(wallClock.nowMs % 1000 * 1000);
     wallClock.nowMs += wallClock.stepMs;
     return 0;
 }

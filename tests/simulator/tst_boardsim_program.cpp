@@ -1,4 +1,5 @@
 #include "assistantline.h"
+#include "boardprogram.h"
 #include "fault.h"
 #include "handmadeexchanges.h"
 #include "handmadeframes.h"
@@ -8,14 +9,11 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 
 #include <csignal>
 #include <memory>
 
 namespace {
-
-constexpr int kPatienceMs = 10000;
 
 QByteArray contentOf(const QString &path)
 {
@@ -27,61 +25,6 @@ QJsonObject jsonOf(const QString &path)
 {
     return QJsonDocument::fromJson(contentOf(path)).object();
 }
-
-/// The program, running.
-class BoardProgram {
-public:
-    explicit BoardProgram(const QStringList &arguments)
-    {
-        m_process.start(QStringLiteral(BOARDSIM_PROGRAM), arguments);
-    }
-
-    /// The device that it names in its ready line; empty when it ended instead.
-    QString waitUntilReady()
-    {
-        while (!m_process.canReadLine()) {
-            if (!m_process.waitForReadyRead(kPatienceMs))
-                return {};
-        }
-        const QByteArray line = m_process.readLine();
-        return line.startsWith("ready ") ? QString::fromLatin1(line.mid(6).trimmed()) : QString();
-    }
-
-    /// Waits for a line of output with this in it.
-    bool waitForOutput(const QByteArray &text)
-    {
-        for (;;) {
-            while (m_process.canReadLine()) {
-                if (m_process.readLine().contains(text))
-                    return true;
-            }
-            if (!m_process.waitForReadyRead(kPatienceMs))
-                return false;
-        }
-    }
-
-    void sendSignal(int signal) { ::kill(static_cast<pid_t>(m_process.processId()), signal); }
-
-    /// The exit status, or -1 when it crashes or does not end.
-    int waitForEnd()
-    {
-        if (m_process.state() != QProcess::NotRunning && !m_process.waitForFinished(kPatienceMs))
-            return -1;
-        return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
-    }
-
-    int end()
-    {
-        sendSignal(SIGTERM);
-        return waitForEnd();
-    }
-
-    QByteArray output() { return m_process.readAllStandardOutput(); }
-    QByteArray errorOutput() { return m_process.readAllStandardError(); }
-
-private:
-    QProcess m_process;
-};
 
 } // namespace
 

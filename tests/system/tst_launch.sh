@@ -63,7 +63,7 @@ folderInPlaceOfThePidFileIsLeftAlone() {
 garbageInThePidFileEndsTheOwnGroup() {
     echo nobody >"$pid_file"
     local status=0
-    setsid "$program" >"$program_log" 2>&1 || status=$? # in a group without this script
+    setsid "${emulator[@]}" "$program" >"$program_log" 2>&1 || status=$? # in a group without this script
     same "the program's status" 137 "$status"
     that "the killing is announced" printed "enter kill"
 }

@@ -118,11 +118,8 @@ startScriptWritesToTheConsole() {
 
 # The packaged program by its start script; an emulated one has to be started by itself.
 start_installed() {
-    if [ -n "${UPDATE_ASSISTANT_EMULATOR:-}" ]; then
-        program=$installed_program
-    else
-        program=$start_script
-    fi
+    program=$start_script
+    [ ${#emulator[@]} -eq 0 ] || program=$installed_program
     UPDATE_ASSISTANT_CONSOLE=$program_log start_program "$@"
 }
 
@@ -131,6 +128,10 @@ runs_from_the_package() { # PID
 }
 
 startScriptStartsTheInstalledProgram() {
+    if [ ${#emulator[@]} -gt 0 ]; then
+        echo "skipped: the start script, for it starts no emulator"
+        exit 77
+    fi
     opkg install "${force[@]}" "$plain"
     start_installed
     await "the screen" screen_is_up

@@ -1,0 +1,10 @@
+# Cross build for the machine's processor: 32-bit ARM with hardware floating point. The compiler, the
+# libraries and the emulator are those of the build root that scripts/build-arm makes.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR armv7l)
+set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
+set(CMAKE_CXX_COMPILER ${CMAKE_LIBRARY_ARCHITECTURE}-g++)
+
+# Programs are started through the emulator by its name: nothing is registered with the kernel. The
+# folder has what lies at the same path for both processors: an ARM program sees its own there.
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm-static -L /usr/lib/arm-guest)
