@@ -54,7 +54,7 @@ Priority: optional
 Description: On-device software update with control-board firmware transfer" "$(dpkg-deb --field "$plain")"
     same "its control files" "./ ./control" "$(dpkg-deb --ctrl-tarfile "$plain" | tar -t | paste -sd' ')"
     same "its name" "update-assistant_${version}_$SANDBOX_ARCHITECTURE.ipk" "$(basename "$plain")"
-    same "owners and dates" "root/root 2020-01-01" \
+    same "owners and dates" "root/root 2030-01-01" \
         "$(dpkg-deb --contents "$plain" | awk '{ print $2, $4 }' | sort -u)"
 }
 
@@ -127,16 +127,39 @@ runs_from_the_package() { # PID
     tr '\0' '\n' <"/proc/$1/cmdline" | grep -qx $installed_program
 }
 
-startScriptStartsTheInstalledProgram() {
+skip_under_emulation() {
     if [ ${#emulator[@]} -gt 0 ]; then
-        echo "skipped: the start script, for it starts no emulator"
+        echo "skipped: the start script, since it starts no emulator"
         exit 77
     fi
+}
+
+startScriptStartsTheInstalledProgram() {
+    skip_under_emulation
     opkg install "${force[@]}" "$plain"
     start_installed
     await "the screen" screen_is_up
     that "it is the installed one" runs_from_the_package "$program_pid"
     same "the pid file" "$program_pid" "$(cat /tmp/ota.pid)"
+}
+
+# quoted TEXT: in the last message and in the page about what is missing.
+quoted() {
+    grep -qF -- "$1" "$program_log" && grep -qF -- "$1" "$project/docs/porting.md"
+}
+
+missingDisplayIsSaid() {
+    skip_under_emulation
+    opkg install "${force[@]}" "$plain"
+    unset QT_QPA_PLATFORM
+    local status=0
+    UPDATE_ASSISTANT_CONSOLE=$program_log $start_script || status=$?
+    that "the frame buffer is missed" quoted 'linuxfb: Failed to initialize screen'
+    same "the status" 134 "$status"
+    UPDATE_ASSISTANT_CONSOLE=$program_log QT_QPA_PLATFORM_PLUGIN_PATH=/nowhere QT_QPA_PLATFORM=none \
+        $start_script || status=$?
+    that "the plugin is missed" grep -qF 'Could not find the Qt platform plugin "none"' "$program_log"
+    same "the status" 134 "$status"
 }
 
 programUpdatesItselfFromTheStick() {
