@@ -185,6 +185,7 @@ programUpdatesItselfFromTheStick() {
     start_installed
     await "the second screen" screen_is_up
     that "the killing is announced" printed "enter kill"
+    never "the first still runs" is_running "$first"
     wait "$first" || status=$?
     same "the first's status" 137 "$status"
     that "the second is the installed one" runs_from_the_package "$program_pid"

@@ -12,7 +12,7 @@ fi
 project=$(dirname -- "$(dirname -- "$(dirname -- "$(realpath -e -- "$0")")")")
 folder=$1
 export CCACHE_DISABLE=1 # it would give the first build's objects to the second
-export SOURCE_DATE_EPOCH=1577836800
+unset SOURCE_DATE_EPOCH # the build has to do without it
 
 # package_from COPY BUILD DATE: from a copy of the project, to the folder of COPY's name in packages/.
 package_from() {
@@ -22,7 +22,7 @@ package_from() {
     find "$copy" -exec touch -d "$3" {} +
     cmake -G Ninja -S "$copy" -B "$copy/$2" -DCMAKE_BUILD_TYPE=Release -DUPDATE_ASSISTANT_SIMULATOR=OFF
     cmake --build "$copy/$2"
-    "$copy/scripts/package" --build "$copy/$2" --output "$folder/packages/$(basename "$1")"
+    SOURCE_DATE_EPOCH=1577836800 "$copy/scripts/package" --build "$copy/$2" --output "$folder/packages/$(basename "$1")"
 }
 
 rm -rf -- "$folder"
