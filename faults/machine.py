@@ -3,6 +3,7 @@
 Prints the differences, nothing when all is as the row says. The exit status is 0 or 1.
 """
 
+import itertools
 import os
 import pathlib
 import signal
@@ -15,7 +16,6 @@ import verdict
 
 STEPS = pathlib.Path(__file__).with_name("steps")
 POLL_S = 0.02
-SETTLE_S = 0.3  # the outcome must hold as long
 
 
 class Log:
@@ -34,8 +34,11 @@ class Log:
             self._lines += [(now, line) for line in lines[self._read[path]:]]
             self._read[path] = len(lines)
 
-    def time_of(self, text):
-        return next((seen for seen, line in self._lines if text in line), None)
+    def seconds_between(self, first, then):
+        """From the last line with `first` to the earliest line with `then`; None without them."""
+        end = next((i for i, (_, line) in enumerate(self._lines) if then in line), 0)
+        start = next((seen for seen, line in reversed(self._lines[:end]) if first in line), None)
+        return None if start is None else self._lines[end][0] - start
 
 
 def start_steps(row, build, packages):
@@ -44,7 +47,7 @@ def start_steps(row, build, packages):
         "ROW_PACKAGES": packages,
         "ROW_STAGED": "\n".join(row.staged),
         "ROW_STICK": "\n".join(row.stick),
-        "ROW_BOARD": "none" if row.board is None else "\n".join(row.board),
+        "ROW_BOARD": row.board if row.board == "none" else "\n".join(row.board),
         "ROW_BEFORE": row.before,
         "ROW_CLICK": "yes" if row.click else "",
         "ROW_DURING": row.during,
@@ -70,9 +73,10 @@ def wait_for_outcome(row, rows, log, packages, steps):
         if steps.poll() not in (None, 0):
             return ["the steps failed:\n" + verdict.text_of(verdict.STATE / "steps.log")]
         if steps.poll() == 0:
-            found = verdict.differences(row, rows, log, packages)
-            if not found or time.monotonic() > limit:
-                return found
+            differences = verdict.differences(row, rows, log, packages)
+            first = list(itertools.islice(differences, 1)) # the cheap ones come first
+            if not first or time.monotonic() > limit:
+                return first + list(differences)
         elif time.monotonic() > limit:
             return ["the steps do not end"]
         time.sleep(POLL_S)
@@ -85,9 +89,10 @@ def run(name, build, packages):
     steps = start_steps(row, build, packages)
     found = wait_for_outcome(row, rows, log, packages, steps)
     if not found:
-        time.sleep(SETTLE_S)
+        time.sleep(row.holds)
+        log.follow()
         switch_board_off()
-        found = verdict.differences(row, rows, log, packages)
+        found = list(verdict.differences(row, rows, log, packages))
     return found
 
 

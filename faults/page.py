@@ -9,7 +9,7 @@ import table
 PAGE = pathlib.Path(__file__).resolve().parent.parent / "docs/failures.md"
 COLOURS = {"#ffffff": "white", "#ffff00": "yellow", "#ff0000": "red", "#008000": "green"}
 # Beginnings of lines that tell one failure from another; the others come in every update.
-TELLING = ("[error]", "[NAK]", "[CA]", "Unable", "Call", "A: Call", "B: Call", "write failed", "select error")
+TELLING = ("[error]", "[NAK]", "[CA]", "ERROR: ", "select error")
 
 HEAD = """\
 # What can go wrong, and what to do
@@ -73,14 +73,16 @@ def code(text):
 
 
 def causes(rows):
-    """Each cause once, with the steps at which it has this effect."""
-    steps = {}
+    """Each cause once, with the steps at which it has this effect; those meant for one reason together."""
+    reasons = {}
     for row in rows:
-        steps.setdefault((row.fault, row.why), []).append(row.where)
-    for (fault, why), places in steps.items():
-        at = ", ".join(place for place in dict.fromkeys(places) if place)
-        meant = f" *Meant so: {why}*" if why else ""
-        yield f"{fault}{f' ({at})' if at else ''}.{meant}"
+        reasons.setdefault(row.why, {}).setdefault(row.fault, []).append(row.where)
+    for why, faults in sorted(reasons.items(), key=lambda reason: not reason[0]):
+        for fault, places in faults.items():
+            at = ", ".join(place for place in dict.fromkeys(places) if place)
+            yield f"{fault}{f' ({at})' if at else ''}."
+        if why:
+            yield f"*Meant so: {why}.*"
 
 
 def group_lines(groups, data):

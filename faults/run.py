@@ -13,7 +13,7 @@ import time
 import table
 
 PROJECT = pathlib.Path(__file__).resolve().parent.parent
-MACHINES_PER_CORE = 10  # nearly all of a row's time is waiting for the line
+MACHINES_PER_CORE = 16  # nearly all of a row's time is waiting for the line
 
 
 def parse_arguments():

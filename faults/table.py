@@ -21,7 +21,7 @@ class Row:
 
     staged: list = field(default_factory=list)  # package files in /tmp/ota
     stick: list = field(default_factory=list)  # package files on the storage stick
-    board: list | None = None  # options of boardsim; None: no board
+    board: list | str = "none"  # options of boardsim; "none": no board
     before: str = ""  # shell lines before the program starts
     click: bool = False  # press the button
     during: str = ""  # shell lines after that
@@ -39,12 +39,14 @@ class Row:
     calls: int | None = None  # how often the package manager was called
     handed_over: int = 0  # how often the main application was called
     image: str = "none"  # what the board got: "none", "whole", "part"
+    firmware: str = "/run/machine/root/usr/share/machine/firmware/UpdataSystem.bin"  # what it should get
     board_outcome: str = "ok"  # the board's own verdict
     struck: bool = True  # the board made each of its faults
     disk: dict = field(default_factory=dict)  # path: what is there, see disk_state() in verdict.py
     running: bool = True  # the program still runs
     status: int | None = None  # exit status of the program that `during` has waited for
-    seconds: dict = field(default_factory=dict)  # from, to, at_least, at_most
+    seconds: dict = field(default_factory=dict)  # from (the last such line before), to, at_least, at_most
+    holds: float = 0.3  # seconds for which the outcome must stay as it is
     limit: int = 60  # seconds after which the outcome is given up
 
 
@@ -67,24 +69,49 @@ def load(path=TABLE):
 def _expanded(table):
     """The rows: those with an area of their own, then the board's faults at their places."""
     yield from table.get("row", [])
-    for raw in table.get("board", []):
-        kind, _, value = raw.pop("fault").partition("=")
-        place = raw.pop("at")
-        given = f"{kind}={value}" if value else kind
-        raw["name"] = f"{given}@{place}"
-        raw["area"] = "line"
-        raw["fault"] = table["kinds"][kind]
-        raw["where"] = table["places"][place]
-        raw["board"] = ["--fault", f"{given}@{place}", *raw.get("board", [])]
-        yield raw
+    for kind, group in table.get("board", {}).items():
+        for line in group["rows"]:
+            places = line["at"] if isinstance(line["at"], list) else [line["at"]]
+            for place in places:
+                yield _board_row(kind, group, line, place, table["places"])
+
+
+def _board_row(kind, group, line, place, places):
+    own = {key: value for key, value in line.items() if key not in ("with", "named")}
+    given = f"{kind}={line['with']}@{place}" if "with" in line else f"{kind}@{place}"
+    return {
+        "area": "line",
+        "fault": group["means"],
+        "where": places[place],
+        **own,
+        "name": f"{given} {line['named']}" if "named" in line else given,
+        "at": place,
+        "board": ["--fault", given, *_at(place, group.get("board", []) + line.get("board", []))],
+    }
+
+
+def _outcome(name, place, table):
+    """What comes of a fault at a place: what the outcome is like, its own, and its own there."""
+    values = dict(table["outcomes"][name])
+    there = values.pop("at", {}).get(place, {})
+    like = values.pop("like", None)
+    return (_outcome(like, place, table) if like else {}) | values | there
+
+
+def _at(place, entries):
+    """The entries with the place for each {at}."""
+    return [entry.replace("{at}", place) if isinstance(entry, str) else _at(place, entry)
+            for entry in entries]
 
 
 def _make_row(raw, table):
     outcome = raw.pop("outcome", None)
+    place = raw.pop("at", "")
     values = copy.deepcopy(table["areas"].get(raw.get("area"), {}))
     if outcome is not None:
-        values |= copy.deepcopy(table["outcomes"][outcome])
+        values |= copy.deepcopy(_outcome(outcome, place, table))
     values |= raw
+    values["console"] = _at(place, values.get("console", []))
     try:
         row = Row(**values)
     except TypeError as error:

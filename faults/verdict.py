@@ -11,24 +11,21 @@ import subprocess
 STATE = pathlib.Path("/run/machine")
 STAGED = "/tmp/ota"
 STICK = "/mnt/nand_disk/update_ipk"
-FIRMWARE = STATE / "root/usr/share/machine/firmware/UpdataSystem.bin"
 RESULT_LINE = re.compile(r"^qml: result: (-?\d+)\s+index: (\d+) ")
 
 
 def differences(row, table, log, source):
-    """Returns what is not as the row says, a line each; `source` holds the package files."""
+    """Yields what is not as the row says, a line each; `source` holds the package files."""
     lines = text_of(STATE / "program.log").splitlines()
-    return list(
-        itertools.chain(
-            _screen_differences(row, table),
-            _code_differences(row, table, lines),
-            _console_differences(row, table, lines),
-            _package_differences(row, source),
-            _board_differences(row),
-            _disk_differences(row),
-            _process_differences(row),
-            _duration_differences(row, log),
-        )
+    return itertools.chain(
+        _screen_differences(row, table),
+        _code_differences(row, table, lines),
+        _console_differences(row, table, lines),
+        _process_differences(row),
+        _disk_differences(row),
+        _board_differences(row),
+        _duration_differences(row, log),
+        _package_differences(row, source),
     )
 
 
@@ -85,12 +82,15 @@ def _code_differences(row, table, lines):
 def pattern(entries, table):
     """A regular expression for lines of the console.
 
-    An entry is a line as it stands; "@NAME" for the lines of that name in [lines]; or a list that
-    begins with how often the rest of it comes: "+", "*", or numbers such as "3" and "2,5".
+    An entry is a line as it stands; "@NAME" for the lines of that name in [lines]; a list that
+    begins with how often the rest of it comes: "+", "*", or numbers such as "3" and "2,5"; or one
+    that begins with "|" and has one entry of the rest.
     """
     parts = []
     for entry in entries:
-        if isinstance(entry, list):
+        if isinstance(entry, list) and entry[0] == "|":
+            parts.append(f"(?:{'|'.join(pattern([choice], table) for choice in entry[1:])})")
+        elif isinstance(entry, list):
             often = entry[0] if entry[0] in "+*" else f"{{{entry[0]}}}"
             parts.append(f"(?:{pattern(entry[1:], table)}){often}")
         elif entry.startswith("@"):
@@ -156,7 +156,7 @@ def _same_content(one, other):
 
 
 def _board_differences(row):
-    if row.board is None:
+    if row.board == "none":
         return
     try:
         summary = json.loads(text_of(STATE / "board.json"))
@@ -170,7 +170,7 @@ def _board_differences(row):
     received = transfers[-1] if transfers else None
     image = "none"
     if received and received["blocksReceived"] > 0:
-        whole = received["outcome"] == "complete" and _same_content(STATE / "received.bin", FIRMWARE)
+        whole = received["outcome"] == "complete" and _same_content(STATE / "received.bin", row.firmware)
         image = "whole" if whole else "part"
     yield from _same("the image that the board got", row.image, image)
 
@@ -210,11 +210,9 @@ def _process_differences(row):
 def _duration_differences(row, log):
     if not row.seconds:
         return
-    start = log.time_of(row.seconds["from"])
-    end = log.time_of(row.seconds["to"])
-    if start is None or end is None:
+    took = log.seconds_between(row.seconds["from"], row.seconds["to"])
+    if took is None:
         yield f"no time between {row.seconds['from']!r} and {row.seconds['to']!r}"
         return
-    took = end - start
     if not row.seconds["at_least"] <= took <= row.seconds["at_most"]:
         yield f"took {took:.1f} s, not {row.seconds['at_least']} to {row.seconds['at_most']}"

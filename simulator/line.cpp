@@ -78,6 +78,9 @@ QVector<Write> Line::sendDue(TimePoint now)
             break;
         done.append(first.write);
         m_outgoing.pop_front();
+        // What was to follow would reach the other side or not, as the threads run.
+        if (done.last().hangUpAfter)
+            break;
     }
     return done;
 }
