@@ -38,12 +38,10 @@ COMMANDS = {
     "sandbox/run --state": "installs packages that only a reader has",
     "scripts/bench": "measures, which the other tests would disturb",
     "scripts/coverage": "builds the tree anew and runs every test",
-    "scripts/build-arm": "makes a build root of 1.5 GB; scripts/test-arm does it, too",
     "scripts/demo": "builds, and takes a minute; its steps are the tests tst_update.*",
     "scripts/faults": "the test `faults` runs the whole table, `faults_page` checks the page",
     "scripts/lint": "a test of its own runs the quick checks",
     "scripts/test": "builds and runs everything, this check too; the CI runs it",
-    "scripts/test-arm": "makes a build root of 1.5 GB, and takes minutes",
 }
 
 BUILT_PROGRAMS = {"boardsim": "simulator/boardsim", "update-assistant": "src/update-assistant"}
