@@ -32,7 +32,6 @@ COMMANDS = {
     "cmake --install": "writes to the system; the test `install` does it elsewhere",
     "cmake --preset": "builds another tree; the CI does it for the test command",
     "ctest --preset": "the CI runs every test; here only the names are looked up",
-    "export QT_QPA_PLATFORM": "needs a real board",
     "ln -s /dev/ttyUSB0": "needs a real board",
     "mkdir -p /root/mcu": "needs a real board",
     "mkdir -p build/found": "needs the fuzzing programs, which only clang builds",
@@ -43,7 +42,6 @@ COMMANDS = {
     "scripts/faults": "the test `faults` runs the whole table, `faults_page` checks the page",
     "scripts/lint": "a test of its own runs the quick checks",
     "scripts/test": "builds and runs everything, this check too; the CI runs it",
-    "update-assistant": "needs a real board",
 }
 
 BUILT_PROGRAMS = {"boardsim": "simulator/boardsim", "update-assistant": "src/update-assistant"}
