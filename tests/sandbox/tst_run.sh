@@ -226,8 +226,9 @@ realOpkgGetsThePrivateRoot() {
     mkdir "$own/bin"
     printf '#!/bin/sh\necho "real: $*"\n' >"$own/bin/opkg"
     chmod +x "$own/bin/opkg"
-    same "the call" "real: --offline-root /run/machine/root --add-arch all:1 install a.ipk" \
-        "$(PATH=$own/bin:$PATH "$sandbox" --state "$own/state" --show "$own/bin" --opkg real opkg install a.ipk)"
+    same "the call" \
+        "real: --offline-root /run/machine/root --add-arch all:1 --add-arch any:2 install a.ipk" \
+        "$(PATH=$own/bin:$PATH SANDBOX_ARCHITECTURE=any "$sandbox" --state "$own/state" --show "$own/bin" --opkg real opkg install a.ipk)"
     same "the record" "opkg install a.ipk" "$(cat "$own/state/calls.log")"
 }
 
