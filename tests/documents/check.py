@@ -32,17 +32,16 @@ COMMANDS = {
     "cmake --install": "writes to the system; the test `install` does it elsewhere",
     "cmake --preset": "builds another tree; the CI does it for the test command",
     "ctest --preset": "the CI runs every test; here only the names are looked up",
-    "export QT_QPA_PLATFORM": "needs a real board",
     "ln -s /dev/ttyUSB0": "needs a real board",
     "mkdir -p /root/mcu": "needs a real board",
     "mkdir -p build/found": "needs the fuzzing programs, which only clang builds",
     "sandbox/run --state": "installs packages that only a reader has",
-    "scripts/build-arm": "makes a build root of 1.5 GB; scripts/test-arm does it, too",
+    "scripts/bench": "measures, which the other tests would disturb",
+    "scripts/coverage": "builds the tree anew and runs every test",
     "scripts/demo": "builds, and takes a minute; its steps are the tests tst_update.*",
     "scripts/faults": "the test `faults` runs the whole table, `faults_page` checks the page",
+    "scripts/lint": "a test of its own runs the quick checks",
     "scripts/test": "builds and runs everything, this check too; the CI runs it",
-    "scripts/test-arm": "makes a build root of 1.5 GB, and takes minutes",
-    "update-assistant": "needs a real board",
 }
 
 BUILT_PROGRAMS = {"boardsim": "simulator/boardsim", "update-assistant": "src/update-assistant"}
@@ -213,10 +212,12 @@ class Commands:
 
     def _run(self, text):
         with tempfile.TemporaryDirectory() as scratch:
-            line = re.sub(r"build/(dev|release)/", f"{self.build}/", text)
+            is_board = re.match(r"(\S*/)?boardsim ", text)
+            line = text.replace("/tmp/", f"{scratch}/") if is_board else text
+            line = re.sub(r"build/(dev|release)/", f"{self.build}/", line)
             line = re.sub(r"^boardsim ", f"{self.build}/simulator/boardsim ", line)
-            if re.match(r"\S*/boardsim ", line):
-                return run_board(line.replace("/tmp/", f"{scratch}/"), scratch)
+            if is_board:
+                return run_board(line, scratch)
             done = subprocess.run(["bash", "-c", line], cwd=PROJECT, timeout=SECONDS, text=True,
                                   stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
             return done.returncode and f"status {done.returncode}\n{done.stdout}"
