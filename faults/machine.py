@@ -42,6 +42,8 @@ class Log:
 
 
 def start_steps(row, build, packages):
+    for number in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, signal.SIG_DFL)  # whoever started this may have them ignored
     environment = os.environ | {
         "ROW_BUILD": build,
         "ROW_PACKAGES": packages,
@@ -53,7 +55,9 @@ def start_steps(row, build, packages):
         "ROW_DURING": row.during,
     }
     with open(verdict.STATE / "steps.log", "wb") as log:
-        return subprocess.Popen(["bash", STEPS], env=environment, stdout=log, stderr=log)
+        # A `kill -9 0` must not reach whoever started the machine: groups go beyond its processes.
+        return subprocess.Popen(["bash", STEPS], env=environment, stdout=log, stderr=log,
+                                start_new_session=True)
 
 
 def switch_board_off():

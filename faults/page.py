@@ -14,21 +14,23 @@ TELLING = ("[error]", "[NAK]", "[CA]", "ERROR: ", "select error")
 HEAD = """\
 # What can go wrong, and what to do
 
-For whoever stands at the machine: find what the screen shows, then what the console says. Each cause
-below is a row of `faults/table.toml`, which `scripts/faults` runs on the simulated machine; this page
-is made from the same rows by `scripts/faults --page`, so change those and not the page.
+For whoever stands at the machine: find what the screen shows, then what the console says; below it stand
+the causes that are known, each with the steps of the update at which it strikes. Every cause is a row of
+`faults/table.toml`, which `scripts/faults` runs on the simulated machine; this page is made from the same
+rows by `scripts/faults --page`, so change those and not the page.
 """
 
 
 def sections(data):
-    """(screen, groups) in the order of the screens; a group is the rows that look and end alike."""
+    """(screen, advices) in the order of the screens; an advice has the rows that it is for, by what
+    the console says."""
     for screen in (*data["screens"], ""):
-        groups = {}
+        advices = {}
         for row in data["rows"]:
             if row.screen == screen:
-                groups.setdefault((telling_lines(row, data), row.advice), []).append(row)
-        if groups:
-            yield screen, groups
+                advices.setdefault(row.advice, {}).setdefault(telling_lines(row, data), []).append(row)
+        if advices:
+            yield screen, advices
 
 
 def telling_lines(row, data):
@@ -63,10 +65,6 @@ def heading(screen, data):
     return lines
 
 
-def cell(text):
-    return text.replace("|", "\\|").replace("\n", "<br>")
-
-
 def code(text):
     fence = "``" if "`" in text else "`"
     return f"{fence}{text}{fence}"
@@ -78,28 +76,34 @@ def causes(rows):
     for row in rows:
         reasons.setdefault(row.why, {}).setdefault(row.fault, []).append(row.where)
     for why, faults in sorted(reasons.items(), key=lambda reason: not reason[0]):
-        for fault, places in faults.items():
-            at = ", ".join(place for place in dict.fromkeys(places) if place)
-            yield f"{fault}{f' ({at})' if at else ''}."
+        texts = [fault + steps(places) for fault, places in faults.items()]
         if why:
-            yield f"*Meant so: {why}.*"
+            yield "; ".join(texts) + f". *Meant so: {why}.*"
+        else:
+            yield from texts
 
 
-def group_lines(groups, data):
-    yield "| The console says | Cause | What to do |"
-    yield "|---|---|---|"
-    for (lines, advice), rows in groups.items():
-        says = "\n".join(code(line) for line in lines) or "nothing unusual"
-        yield f"| {cell(says)} | {cell(chr(10).join(causes(rows)))} | {cell(data['advice'][advice])} |"
+def steps(places):
+    named = ", ".join(place for place in dict.fromkeys(places) if place)
+    return f" ({named})" if named else ""
+
+
+def advice_lines(advice, by_console, data):
+    yield f"**Do:** {data['advice'][advice]}"
+    yield ""
+    for lines, rows in by_console.items():
+        yield "- " + (" and ".join(map(code, lines)) or "nothing unusual on the console") + ":"
+        yield from (f"  - {cause}" for cause in causes(rows))
+    yield ""
 
 
 def page():
     data = table.load()
     lines = [HEAD]
-    for screen, groups in sections(data):
+    for screen, advices in sections(data):
         lines += heading(screen, data)
-        lines += group_lines(groups, data)
-        lines.append("")
+        for advice, by_console in advices.items():
+            lines += advice_lines(advice, by_console, data)
     return "\n".join(lines).rstrip("\n") + "\n"
 
 

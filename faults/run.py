@@ -5,6 +5,7 @@ import concurrent.futures
 import fnmatch
 import os
 import pathlib
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -43,9 +44,11 @@ def run_row(row, build, packages, keep):
     started = time.monotonic()
     state = []
     if keep:
-        state = ["--state", keep / row.name.replace("/", "-")]
+        folder = keep / row.name.replace("/", "-")
+        shutil.rmtree(folder, ignore_errors=True)  # of an earlier run
+        state = ["--state", folder]
     machine = subprocess.run(
-        [PROJECT / "sandbox/run", *state, "--show", build, "--show", packages, "--",
+        [PROJECT / "sandbox/run", *state, *row.machine, "--show", build, "--show", packages, "--",
          "/usr/bin/python3", "-B", PROJECT / "faults/machine.py", build, packages, row.name],
         stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace", check=False,
     )
@@ -60,7 +63,8 @@ def run_rows(rows, arguments, packages):
     failed = 0
     build = arguments.build.resolve()
     with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
-        running = [pool.submit(run_row, row, build, packages, arguments.keep) for row in rows]
+        longest_first = sorted(rows, key=lambda row: -row.limit)
+        running = [pool.submit(run_row, row, build, packages, arguments.keep) for row in longest_first]
         for done in concurrent.futures.as_completed(running):
             row, found, seconds = done.result()
             failed += bool(found)

@@ -19,6 +19,7 @@ class Row:
     where: str = ""  # the step that it strikes
     why: str = ""  # why a surprising outcome is meant
 
+    machine: list = field(default_factory=list)  # options of sandbox/run
     staged: list = field(default_factory=list)  # package files in /tmp/ota
     stick: list = field(default_factory=list)  # package files on the storage stick
     board: list | str = "none"  # options of boardsim; "none": no board
@@ -28,15 +29,18 @@ class Row:
 
     screen: str = ""  # key of [screens]: the last one painted; empty: none was
     progress: list | None = None  # value and end of the bar
+    listed: list | None = None  # the names in the list of packages
     rows: str = ""  # state of each package on the screen, once for equal neighbours: "ok wait"
-    results: list = field(default_factory=list)  # [status, index] of each installation
+    results: list | int = field(default_factory=list)  # [status, index] of each installation; or how many good ones
     start: int | None = None  # result of the start command; None: it was not sent
     transfer: int | None = None  # result of the transfer; None: there was none
     console: list = field(default_factory=list)  # the program's lines, see pattern() in verdict.py
     also: list = field(default_factory=list)  # what else is printed, by it or by its commands
     never: list = field(default_factory=list)  # what is not printed
     installed: list = field(default_factory=list)  # packages in the database, "NAME VERSION"
+    copied: list | None = None  # package files that came from the stick to /tmp/ota, where no other is
     calls: int | None = None  # how often the package manager was called
+    asked: list | None = None  # what it was asked to install each time
     handed_over: int = 0  # how often the main application was called
     image: str = "none"  # what the board got: "none", "whole", "part"
     firmware: str = "/run/machine/root/usr/share/machine/firmware/UpdataSystem.bin"  # what it should get

@@ -11,6 +11,7 @@ import subprocess
 STATE = pathlib.Path("/run/machine")
 STAGED = "/tmp/ota"
 STICK = "/mnt/nand_disk/update_ipk"
+INSTALL = "opkg install --force-downgrade --force-reinstall --force-overwrite"
 # A row's upper bound leaves room for a busy processor, but not for an emulated one.
 SLOWNESS = 2 if os.environ.get("UPDATE_ASSISTANT_EMULATOR") else 1
 RESULT_LINE = re.compile(r"^qml: result: (-?\d+)\s+index: (\d+) ")
@@ -56,14 +57,18 @@ def _screen_differences(row, table):
         return
     items = state["items"]
     expected = table["screens"][row.screen]
-    for tip, text in zip(("tip_en", "tip_cn"), expected["tips"]):
-        yield from _same(f"the text of {tip}", text, items[tip]["text"])
-        yield from _same(f"the colour of {tip}", expected["colour"], items[tip]["color"])
+    for tip, text in zip(expected.get("ids", ("tip_en", "tip_cn")), expected["tips"]):
+        item = items.get(tip, {})
+        yield from _same(f"the text of {tip}", text, item.get("text"))
+        yield from _same(f"the colour of {tip}", expected["colour"], item.get("color"))
     yield from _same("the success text", expected.get("success"), items.get("successTip", {}).get("text"))
-    yield from _same("the button can be pressed", expected["button"], items["udisk"]["enabled"])
+    yield from _same("the button can be pressed", expected.get("button"),
+                     items.get("udisk", {}).get("enabled"))
     if row.progress is not None:
         bar = items["progress"]
         yield from _same("the progress", row.progress, [bar["value"], bar["to"]])
+    if row.listed is not None:
+        yield from _same("the list", row.listed, [texts[0] for texts in state["rows"]])
     states = [texts[2:4] for texts in state["rows"]]
     runs = [(*key, len(list(group))) for key, group in itertools.groupby(states, tuple)]
     yield from _same("the states of the list", row.rows, " ".join(run[0] for run in runs))
@@ -73,7 +78,10 @@ def _screen_differences(row, table):
 
 def _code_differences(row, table, lines):
     results = [[int(part) for part in match.groups()] for match in map(RESULT_LINE.match, lines) if match]
-    yield from _same("the results of the installations", row.results, results)
+    expected = row.results
+    if isinstance(expected, int):
+        expected = [[0, index] for index in range(expected)]
+    yield from _same("the results of the installations", expected, results)
     starts = [int(code) for line in lines for code, head in table["start"].items() if line.startswith(head)]
     yield from _same("the result of the start command", [] if row.start is None else [row.start], starts)
     transfer = {"updated": 0, "board failed": -1}.get(row.screen)
@@ -138,16 +146,29 @@ def installed_packages():
 def _package_differences(row, source):
     yield from _same("the installed packages", sorted(row.installed), installed_packages())
     calls = text_of(STATE / "calls.log").splitlines()
+    asked = [call.removeprefix(INSTALL).removeprefix(" ") for call in calls if call.startswith(INSTALL)]
     if row.calls is not None:
-        yield from _same("calls of the package manager", row.calls,
-                         sum(call.startswith("opkg install ") for call in calls))
+        yield from _same("calls of the package manager", row.calls, len(asked))
+    if row.asked is not None:
+        yield from _same("what the package manager was asked for", row.asked, asked)
     yield from _same("calls of the main application", row.handed_over,
                      calls.count("/root/Hmi -path=/root"))
-    for folder, files in ((STAGED, row.staged), (STICK, row.stick)):
+    copied = row.copied or []
+    if row.copied is not None:
+        yield from _same("the staged packages", sorted(map(os.path.basename, row.staged + copied)),
+                         sorted(names_in(STAGED)))
+    for folder, files in ((STAGED, row.staged + copied), (STICK, row.stick)):
         for file in files:
             copy = os.path.join(folder, os.path.basename(file))
             if copy not in row.disk and not _same_content(copy, os.path.join(source, file)):
                 yield f"{copy}: no longer what was put there"
+
+
+def names_in(folder):
+    try:
+        return os.listdir(folder)
+    except OSError:
+        return []
 
 
 def _same_content(one, other):

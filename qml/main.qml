@@ -259,19 +259,33 @@ Window {
     Column {
         id: packageList
 
+        readonly property int rowHeight: 14
+        readonly property int pitch: rowHeight + spacing
+        readonly property int rowsHeight: rows.count * pitch - spacing
+
         height: 180
         anchors.top: udisk.bottom
         anchors.topMargin: 20
         anchors.horizontalCenter: parent.horizontalCenter
         spacing: 5
+        clip: rowsHeight > height
+
+        Translate {
+            id: rowShift
+
+            y: listMover.item ? -listMover.item.contentY : 0
+        }
 
         Repeater {
+            id: rows
+
             model: ipkPkgName
 
             Rectangle {
                 width: 350
-                height: 14
+                height: packageList.rowHeight
                 color: "transparent"
+                transform: rowShift
 
                 Text {
                     anchors.left: parent.left
@@ -288,6 +302,34 @@ Window {
                     text: root.step < index ? "wait" : "ok"
                 }
             }
+        }
+    }
+
+    // Only there when the rows do not fit: moves them as the user drags, and shows the one that is
+    // installed in the middle.
+    Loader {
+        id: listMover
+
+        anchors.fill: packageList
+        active: packageList.clip
+        sourceComponent: Flickable {
+            property int current: Math.min(root.step + 1, rows.count - 1)
+            property bool isLate: false
+
+            function follow() {
+                isLate = moving; // the user has the list in hand
+                if (isLate)
+                    return;
+                var middle = current * packageList.pitch - (height - packageList.rowHeight) / 2;
+                contentY = Math.max(0, Math.min(middle, contentHeight - height));
+            }
+
+            contentHeight: packageList.rowsHeight
+            boundsBehavior: Flickable.StopAtBounds
+            onCurrentChanged: follow()
+            onContentHeightChanged: follow()
+            onHeightChanged: follow()
+            onMovementEnded: if (isLate) follow()
         }
     }
 

@@ -6,7 +6,8 @@
 namespace {
 
 constexpr unsigned kSumStart = 1; // the byte behind the head
-constexpr unsigned kSumLanes = 16;
+constexpr std::uint64_t kEveryOtherByte = 0x00FF00FF00FF00FF;
+constexpr std::uint64_t kAllIntoTheTop = 0x0001000100010001;
 
 std::uint32_t littleEndian32(const std::uint8_t *bytes)
 {
@@ -44,15 +45,14 @@ std::uint8_t frameSum(const std::uint8_t *frame, unsigned length)
     const std::uint8_t *byte = frame + kSumStart;
     const std::uint8_t *const end = frame + length - behindTheSum;
 
-    // Sixteen sums side by side, which compilers turn into one vector addition.
-    std::uint8_t lanes[kSumLanes] = {};
-    for (; end - byte >= static_cast<std::ptrdiff_t>(kSumLanes); byte += kSumLanes) {
-        for (unsigned i = 0; i < kSumLanes; ++i)
-            lanes[i] = static_cast<std::uint8_t>(lanes[i] + byte[i]);
+    // A word at a time, as four sums of 16 bits: the bytes of a frame are too few to overflow them.
+    std::uint64_t sums = 0;
+    for (std::uint64_t word = 0; end - byte >= static_cast<std::ptrdiff_t>(sizeof word);
+         byte += sizeof word) {
+        std::memcpy(&word, byte, sizeof word);
+        sums += (word & kEveryOtherByte) + (word >> 8 & kEveryOtherByte);
     }
-    unsigned sum = 0;
-    for (const std::uint8_t lane : lanes)
-        sum += lane;
+    auto sum = static_cast<unsigned>(sums * kAllIntoTheTop >> 48);
     for (; byte < end; ++byte)
         sum += *byte;
     return static_cast<std::uint8_t>(sum);

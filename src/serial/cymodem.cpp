@@ -8,6 +8,7 @@
 #include <QFileInfo>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 
@@ -29,6 +30,23 @@ constexpr unsigned kLargeFrame = kHeadSize + kLargePayload + kCrcSize;
 constexpr int kSizeTextMax = 20; // hexadecimal digits and a zero byte
 constexpr std::uint32_t kPolynomial = 0x1021;
 
+using CrcTable = std::array<std::uint16_t, 256>;
+
+/// For each byte, what it makes of an empty CRC register.
+constexpr CrcTable crcTable()
+{
+    CrcTable table{};
+    for (std::uint32_t byte = 0; byte < table.size(); ++byte) {
+        std::uint32_t value = byte << 8;
+        for (int bit = 0; bit < 8; ++bit)
+            value = (value & 0x8000U) ? (value << 1) ^ kPolynomial : value << 1;
+        table[byte] = static_cast<std::uint16_t>(value);
+    }
+    return table;
+}
+
+constexpr CrcTable kCrcTable = crcTable();
+
 } // namespace
 
 std::uint16_t CYModem::UpdateCRC16(std::uint16_t crc, std::uint8_t byte)
@@ -48,12 +66,11 @@ std::uint16_t CYModem::UpdateCRC16(std::uint16_t crc, std::uint8_t byte)
 
 std::uint16_t CYModem::attach_crc(const std::uint8_t *payload, std::uint16_t length, int position)
 {
+    // What UpdateCRC16() gives after the payload and two zero bytes, which its register needs since
+    // it takes message bits in at its low end; a byte at a time, for a transfer waits for it.
     std::uint16_t crc = 0;
     for (int i = 0; i < length; ++i)
-        crc = UpdateCRC16(crc, payload[i]);
-    // The register takes message bits in at its low end: 16 more bits bring it to the plain CRC.
-    crc = UpdateCRC16(crc, 0);
-    crc = UpdateCRC16(crc, 0);
+        crc = static_cast<std::uint16_t>(crc << 8 ^ kCrcTable[(crc >> 8) ^ payload[i]]);
     if (position >= 0 && position <= kFrameSize - kCrcSize) {
         m_frame[position] = static_cast<std::uint8_t>(crc >> 8);
         m_frame[position + 1] = static_cast<std::uint8_t>(crc & 0xFF);

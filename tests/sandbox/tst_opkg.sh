@@ -47,8 +47,8 @@ unknownOptionIsRefused() {
 }
 
 unknownVerbIsRefused() {
-    same "remove" 255 "$(status opkg remove machine-base)"
-    that "the verb is named" grep -q "unknown verb remove" /tmp/said
+    same "upgrade" 255 "$(status opkg upgrade machine-base)"
+    that "the verb is named" grep -q "unknown verb upgrade" /tmp/said
     same "none" 255 "$(status opkg)"
     same "no package" 255 "$(status opkg install "${force[@]}")"
 }
@@ -112,11 +112,40 @@ overwriteNeedsItsOption() {
     same "the file" "another one" "$(cat $root/etc/machine/release)"
 }
 
+removedPackageIsGone() {
+    build_packages
+    opkg install /tmp/packages/good/10-*.ipk /tmp/packages/good/30-*.ipk
+    same "the status" 0 "$(status opkg remove user-interface)"
+    same "the list" "machine-base - 1.2.0" "$(opkg list-installed)"
+    that "its file is gone" is_gone $root/usr/bin/machine-ui
+    that "the other's file stays" test -e $root/etc/machine/release
+    same "one that is not installed" 0 "$(status opkg remove user-interface)"
+    same "an option" 255 "$(status opkg remove --force-depends machine-base)"
+    same "none" 255 "$(status opkg remove)"
+}
+
+foreignPackageNeedsItsArchitecture() {
+    local foreign=s390x
+    mkdir -p /tmp/foreign/DEBIAN
+    printf 'Package: foreign\nVersion: 1\nArchitecture: %s\nMaintainer: M <m@example.com>\nDescription: d\n' \
+        $foreign >/tmp/foreign/DEBIAN/control
+    dpkg-deb --root-owner-group --build /tmp/foreign /tmp/foreign.ipk
+    same "without it" 1 "$(status opkg install "${force[@]}" /tmp/foreign.ipk)"
+    same "the list" "" "$(opkg list-installed)"
+    export SANDBOX_ARCHITECTURE=$foreign
+    opkg install "${force[@]}" /tmp/foreign.ipk
+    same "with it" "foreign - 1" "$(opkg list-installed)"
+    same "its state" "installed 1" "$(package_state foreign)"
+    opkg remove foreign
+    same "when removed" "" "$(opkg list-installed)"
+    SANDBOX_ARCHITECTURE=$(dpkg --print-architecture) opkg list-installed
+}
+
 everyCallIsRecorded() {
     same "a call" 255 "$(status opkg install "${force[@]}" undefined)"
-    same "another" 255 "$(status opkg remove x)"
+    same "another" 255 "$(status opkg upgrade x)"
     same "the records" "$(install_calls undefined)
-opkg remove x" "$(calls)"
+opkg upgrade x" "$(calls)"
 }
 
 handOverIsRecorded() {

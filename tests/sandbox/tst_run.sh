@@ -104,6 +104,20 @@ stateIsKept() {
     same "the calls" 2 "$(grep -c ^opkg "$own/state/calls.log")"
 }
 
+smallFolderGetsFull() {
+    same "what fits" 8192 "$("$sandbox" --small /tmp=8192 sh -c \
+        'head -c 20000 /dev/zero >/tmp/file 2>/dev/null; stat --format=%s /tmp/file')"
+    same "the status without a size" 125 "$(status "$sandbox" --small /tmp true)"
+}
+
+readOnlyFolderIsNotWritten() {
+    echo host >"$own/file"
+    same "what is shown in it" host "$("$sandbox" --read-only /tmp --show "$own/file" cat "$own/file")"
+    never "it is writable" "$sandbox" --read-only /tmp sh -c 'touch /tmp/file 2>/dev/null'
+    never "a folder in it is writable" "$sandbox" --read-only /tmp/ota sh -c 'touch /tmp/ota/file 2>/dev/null'
+    that "what is beside it is" "$sandbox" --read-only /tmp/ota touch /tmp/file
+}
+
 projectUnderTmpIsVisible() {
     mkdir "$own/project"
     cp -r "$project/sandbox" "$own/project/"
