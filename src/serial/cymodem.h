@@ -23,7 +23,8 @@ public:
     CYModem(const CYModem &) = delete;
     CYModem &operator=(const CYModem &) = delete;
 
-    /// Shifts one message byte into the running CRC (polynomial 0x1021).
+    /// Shifts one message byte into the running CRC (polynomial 0x1021); two zero bytes complete
+    /// it. attach_crc() comes to the same by a table.
     static std::uint16_t UpdateCRC16(std::uint16_t crc, std::uint8_t byte);
 
     /// CRC-16/XMODEM of `length` bytes at `payload`, also stored at frame[position], high byte

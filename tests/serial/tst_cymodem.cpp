@@ -4,12 +4,15 @@
 #include "machine.h"
 #include "serialport.h"
 
+#include <QRandomGenerator>
 #include <QtTest>
 
+#include <algorithm>
 #include <climits>
 #include <memory>
 #include <new>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -26,6 +29,7 @@ private slots:
     void cleanup();
 
     void crcHasTheCheckValue();
+    void blockHasTheCrcOfItsBytes();
     void crcIsStoredHighByteFirstAtThePosition();
     void crcOutsideTheFrameIsNotStored_data();
     void crcOutsideTheFrameIsNotStored();
@@ -129,6 +133,21 @@ void TestCYModem::crcHasTheCheckValue()
     QCOMPARE(
         m_sender->attach_crc(reinterpret_cast<const std::uint8_t *>(zeros.constData()), 128, 0),
         std::uint16_t{0});
+}
+
+void TestCYModem::blockHasTheCrcOfItsBytes()
+{
+    QRandomGenerator random(4);
+    for (const unsigned length : {1U, 2U, 127U, 128U, 1023U, 1024U}) {
+        std::vector<std::uint8_t> payload(length);
+        std::generate(payload.begin(), payload.end(),
+                      [&random] { return static_cast<std::uint8_t>(random.bounded(256)); });
+        std::uint16_t crc = 0;
+        for (const std::uint8_t byte : payload)
+            crc = CYModem::UpdateCRC16(crc, byte);
+        crc = CYModem::UpdateCRC16(CYModem::UpdateCRC16(crc, 0), 0);
+        QCOMPARE(m_sender->attach_crc(payload.data(), static_cast<std::uint16_t>(length), 0), crc);
+    }
 }
 
 namespace {
