@@ -16,6 +16,7 @@ import verdict
 
 STEPS = pathlib.Path(__file__).with_name("steps")
 POLL_S = 0.02
+BOARD_END_S = 30  # only a hang is ever that slow
 
 
 class Log:
@@ -65,7 +66,8 @@ def switch_board_off():
     if not pid:
         return
     os.kill(int(pid), signal.SIGTERM)
-    while verdict.is_running(pid):
+    limit = time.monotonic() + BOARD_END_S
+    while verdict.is_running(pid) and time.monotonic() < limit:
         time.sleep(POLL_S)
 
 
@@ -96,7 +98,7 @@ def run(name, build, packages):
         time.sleep(row.holds)
         log.follow()
         switch_board_off()
-        found = list(verdict.differences(row, rows, log, packages))
+        found = list(verdict.differences(row, rows, log, packages, is_over=True))
     return found
 
 

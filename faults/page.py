@@ -27,7 +27,7 @@ def sections(data):
     for screen in (*data["screens"], ""):
         advices = {}
         for row in data["rows"]:
-            if row.screen == screen:
+            if row.screen == screen and not row.fault.startswith("none"):
                 advices.setdefault(row.advice, {}).setdefault(telling_lines(row, data), []).append(row)
         if advices:
             yield screen, advices
@@ -62,6 +62,8 @@ def heading(screen, data):
         lines += ["The screen gives no information.", ""]
     if "success" in look:
         lines += ["and in large letters:", "", f"> {look['success']}", ""]
+    if look.get("button"):
+        lines += ["The button can be pressed.", ""]
     return lines
 
 

@@ -36,7 +36,6 @@ class Row:
     transfer: int | None = None  # result of the transfer; None: there was none
     console: list = field(default_factory=list)  # the program's lines, see pattern() in verdict.py
     also: list = field(default_factory=list)  # what else is printed, by it or by its commands
-    never: list = field(default_factory=list)  # what is not printed
     installed: list = field(default_factory=list)  # packages in the database, "NAME VERSION"
     copied: list | None = None  # package files that came from the stick to /tmp/ota, where no other is
     calls: int | None = None  # how often the package manager was called

@@ -17,8 +17,9 @@ SLOWNESS = 2 if os.environ.get("UPDATE_ASSISTANT_EMULATOR") else 1
 RESULT_LINE = re.compile(r"^qml: result: (-?\d+)\s+index: (\d+) ")
 
 
-def differences(row, table, log, source):
-    """Yields what is not as the row says, a line each; `source` holds the package files."""
+def differences(row, table, log, source, is_over=False):
+    """Yields what is not as the row says, a line each. `source` holds the package files; once the
+    row `is_over` the board is off, and its summary counts, too."""
     lines = text_of(STATE / "program.log").splitlines()
     return itertools.chain(
         _screen_differences(row, table),
@@ -26,7 +27,7 @@ def differences(row, table, log, source):
         _console_differences(row, table, lines),
         _process_differences(row),
         _disk_differences(row),
-        _board_differences(row),
+        _board_differences(row, is_over),
         _duration_differences(row, log),
         _package_differences(row, source),
     )
@@ -84,9 +85,18 @@ def _code_differences(row, table, lines):
     yield from _same("the results of the installations", expected, results)
     starts = [int(code) for line in lines for code, head in table["start"].items() if line.startswith(head)]
     yield from _same("the result of the start command", [] if row.start is None else [row.start], starts)
-    transfer = {"updated": 0, "board failed": -1}.get(row.screen)
     if row.transfer is not None:
-        yield from _same("the result of the transfer", row.transfer, transfer)
+        yield from _same("the result of the transfer", row.transfer, painted_result())
+
+
+def painted_result():
+    """The result that the screen tells of the control board, None before it does."""
+    state = last_screen()
+    text = state["items"]["tip_en"]["text"] if state else ""
+    code = re.search(r"Error Code\[(-?\d+)\]", text)
+    if code:
+        return int(code[1])
+    return 0 if text.startswith("Update Successfully") else None
 
 
 def pattern(entries, table):
@@ -124,9 +134,6 @@ def _console_differences(row, table, lines):
     for text in row.also:
         if text not in everything:
             yield f"not printed: {text}"
-    for text in row.never:
-        if text in everything:
-            yield f"printed: {text}"
 
 
 def _indented(entries):
@@ -178,13 +185,15 @@ def _same_content(one, other):
         return False
 
 
-def _board_differences(row):
+def _board_differences(row, is_over):
     if row.board == "none":
         return
     try:
         summary = json.loads(text_of(STATE / "board.json"))
     except ValueError:
-        return  # the board is still on
+        if is_over:
+            yield "the board has left no summary"
+        return
     yield from _same("the board's verdict", row.board_outcome, summary["outcome"])
     given = {row.board[i + 1] for i, option in enumerate(row.board) if option == "--fault"}
     if row.struck:

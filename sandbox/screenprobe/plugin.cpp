@@ -10,7 +10,7 @@ class ScreenProbePlugin : public QGenericPlugin {
     Q_PLUGIN_METADATA(IID QGenericPluginFactoryInterface_iid FILE "screenprobe.json")
 
 public:
-    QObject *create(const QString & /*key*/, const QString & /*specification*/) override
+    QObject *create(const QString & /*key*/, const QString & /*settings*/) override
     {
         auto probe = std::make_unique<ScreenProbe>();
         return probe->start() ? probe.release() : nullptr; // the application owns it
