@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 // Looks into a program that knows nothing of it: QT_QPA_GENERIC_PLUGINS=KEY:FILE loads it.
 
@@ -40,8 +41,8 @@ class FirstFrame : public QObject {
     using Clock = std::chrono::steady_clock;
 
 public:
-    explicit FirstFrame(const QString &path)
-        : m_path(path)
+    explicit FirstFrame(QString path)
+        : m_path(std::move(path))
     {
         QCoreApplication::instance()->installEventFilter(this);
     }

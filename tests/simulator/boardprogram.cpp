@@ -137,7 +137,7 @@ bool BoardProgram::readMore()
 QByteArray BoardProgram::takeLine()
 {
     const int length = m_output.indexOf('\n') + 1;
-    const QByteArray line = m_output.left(length);
+    QByteArray line = m_output.left(length);
     m_output.remove(0, length);
     return line;
 }
