@@ -171,8 +171,8 @@ void TestBoardPackets::badAnswerEndsTheSequence_data()
         {"config", 3, "device ack error:CMD_READ_CONFIG"},
     };
     for (const auto &row : steps) {
-        for (const char *fault : {"drop-bytes@", "drop-bytes=63@", "silent@", "slow=2500@",
-                                  "split=50@", "lose-bytes@", "hang-up@"}) {
+        for (const char *fault : {"drop-bytes@", "drop-bytes=63@", "silent@", "slow=60000@",
+                                  "split=500@", "lose-bytes@", "hang-up@"}) {
             const QByteArray text = QByteArray(fault) + row.place;
             QTest::newRow(text.constData()) << text << row.step << QByteArray(row.message);
         }
