@@ -91,8 +91,12 @@ class Lines(unittest.TestCase):
         self.assertEqual(len(self.problems({4: 1, 10: 1}, {IN_FIRST: ["why"]})), 1)
 
     def test_sourceInNoProgramIsAProblem(self):
-        (self.project / "src/b.cpp").touch()
+        (self.project / "src/b.cpp").write_text(SOURCE, "utf-8")
         self.assertEqual(len(self.problems({3: 1}, {})), 1)
+
+    def test_sourceWithoutCodeIsNoProblem(self):
+        (self.project / "src/b.cpp").write_text("const int b = 0;\n", "utf-8")
+        self.assertEqual(self.problems({3: 1}, {}), [])
 
 
 class WrittenReasons(unittest.TestCase):
