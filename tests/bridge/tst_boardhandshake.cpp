@@ -169,8 +169,8 @@ void TestBoardHandshake::v4RefusesTheAnswer_data()
     row("longer than is read", {"full-params=67@handshake"});
     row("longest of V4", {"full-params=166@handshake"});
     row("longest of all", {"full-params=221@handshake"});
-    row("too slow in single bytes", {"split=40@handshake"});
-    row("too late", {"slow=2500@handshake"});
+    row("too slow in single bytes", {"split=400@handshake"});
+    row("too late", {"slow=60000@handshake"});
     row("silent", {"silent@handshake"});
     row("hung up", {"hang-up@handshake"});
 }
