@@ -6,6 +6,7 @@
 namespace {
 
 constexpr unsigned kSumStart = 1; // the byte behind the head
+constexpr unsigned kTail = 2;     // checksum and foot
 constexpr std::uint64_t kEveryOtherByte = 0x00FF00FF00FF00FF;
 constexpr std::uint64_t kAllIntoTheTop = 0x0001000100010001;
 
@@ -39,11 +40,10 @@ void recordExtension(const std::uint8_t *frame, const Protocol &protocol, FrameR
 
 std::uint8_t frameSum(const std::uint8_t *frame, unsigned length)
 {
-    constexpr unsigned behindTheSum = 2; // checksum and foot
-    if (length < kSumStart + behindTheSum)
+    if (length < kSumStart + kTail)
         return 0;
     const std::uint8_t *byte = frame + kSumStart;
-    const std::uint8_t *const end = frame + length - behindTheSum;
+    const std::uint8_t *const end = frame + length - kTail;
 
     // Sixteen bytes at a time, as four sums of 16 bits: the bytes of a frame are too few to
     // overflow them.
@@ -63,7 +63,7 @@ std::uint8_t frameSum(const std::uint8_t *frame, unsigned length)
 bool isFramed(const std::uint8_t *frame, const Protocol &protocol)
 {
     const unsigned length = frame[protocol.len_offset];
-    return frame[protocol.head_offset] == protocol.frame_head && length > 0
+    return frame[protocol.head_offset] == protocol.frame_head && length >= kTail
         && length >= protocol.frame_min_len && frame[length - 1] == protocol.frame_foot;
 }
 

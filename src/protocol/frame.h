@@ -22,8 +22,8 @@
 //   L - 2  L - 2  1        checksum: low 8 bits of the sum of bytes 1 to L - 3
 //   L - 1  L - 1  1        foot, 0xE7
 
-/// Sum, modulo 256, of bytes 1 to `length` - 3 of a frame; 0 when there are none. `length` is what
-/// a length byte can hold.
+/// Sum, modulo 256, of bytes 1 to `length` - 3 of a frame; 0 when there are none. `length` is at
+/// most 255.
 std::uint8_t frameSum(const std::uint8_t *frame, unsigned length);
 
 /// Whether head, length and foot are right. Reads nothing behind the length byte's promise.

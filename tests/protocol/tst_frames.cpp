@@ -161,6 +161,7 @@ private slots:
     void crcRefusesBadFraming_data();
     void crcRefusesBadFraming();
     void crcFollowsTheDescriptor();
+    void frameWithoutRoomForItsSumIsBad();
 
     void headerFieldsOfV3();
     void headerFieldsOfV4();
@@ -418,6 +419,18 @@ void TestFrames::crcFollowsTheDescriptor()
     frame[4] = 0xA1;
     frame[7] = 0xE7;
     QCOMPARE(io.setCrc(frame.data(), protocol), int(FRAME_BAD));
+}
+
+void TestFrames::frameWithoutRoomForItsSumIsBad()
+{
+    FileIO io;
+    Protocol protocol = io.protocolV4();
+    protocol.frame_min_len = 0;
+    // The one byte that the length promises is head and foot.
+    Bytes frame{protocol.frame_head, 1};
+    QCOMPARE(io.setCrc(frame.data(), protocol), int(FRAME_BAD));
+    QCOMPARE(frame, (Bytes{protocol.frame_head, 1}));
+    QCOMPARE(io.analyzeV4(frame.data(), protocol), int(FRAME_BAD));
 }
 
 namespace {
