@@ -1,5 +1,6 @@
+#include "crc16.h"
+
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -24,28 +25,6 @@ constexpr std::size_t kAnswer = 10;
 {
     std::perror(what);
     std::exit(1);
-}
-
-std::array<std::uint16_t, 256> crcTable()
-{
-    std::array<std::uint16_t, 256> table{};
-    for (unsigned byte = 0; byte < table.size(); ++byte) {
-        unsigned value = byte << 8;
-        for (int bit = 0; bit < 8; ++bit)
-            value = (value & 0x8000U) ? (value << 1) ^ 0x1021U : value << 1;
-        table[byte] = static_cast<std::uint16_t>(value);
-    }
-    return table;
-}
-
-/// 0 for a payload with its CRC behind it.
-std::uint16_t crcOf(const std::uint8_t *bytes, std::size_t count)
-{
-    static const auto table = crcTable();
-    std::uint16_t crc = 0;
-    for (std::size_t i = 0; i < count; ++i)
-        crc = static_cast<std::uint16_t>(crc << 8 ^ table[(crc >> 8) ^ bytes[i]]);
-    return crc;
 }
 
 void answer(std::uint8_t control)
@@ -77,13 +56,20 @@ void receive(std::uint8_t *bytes, std::size_t count)
     }
 }
 
+/// Whether the CRC behind the payload is that of the payload: then that of both is 0.
+bool isWhole(const std::uint8_t *payload, std::size_t size)
+{
+    const auto *const bytes = reinterpret_cast<const char *>(payload);
+    return boardsim::crc16(QByteArray::fromRawData(bytes, int(size + kCrcSize))) == 0;
+}
+
 /// Receives what follows the frame's mark: block number, payload and CRC.
 void receiveFrame(std::uint8_t *payload, std::size_t size)
 {
     std::uint8_t block[2];
     receive(block, sizeof block);
     receive(payload, size + kCrcSize);
-    if ((block[0] ^ block[1]) != 0xFF || crcOf(payload, size + kCrcSize) != 0) {
+    if ((block[0] ^ block[1]) != 0xFF || !isWhole(payload, size)) {
         std::fputs("a broken frame\n", stderr);
         std::exit(1);
     }

@@ -335,8 +335,9 @@ def check_version():
     newest = re.search(r"^## (\S+)", (PROJECT / "CHANGES.md").read_text(), re.MULTILINE)[1]
     if newest != version:
         problems.append(f"CHANGES.md: the newest version is {newest}, the project's {version}")
-    if f"V{version})" not in (PROJECT / "qml/main.qml").read_text(encoding="utf-8"):
-        problems.append(f"qml/main.qml: the title does not name version {version}")
+    for screen in ("qml/main.qml", "benchmarks/leastscreen.qml"):
+        if f"V{version})" not in (PROJECT / screen).read_text(encoding="utf-8"):
+            problems.append(f"{screen}: the title does not name version {version}")
 
 
 def main():
