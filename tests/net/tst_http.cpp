@@ -241,7 +241,8 @@ void TestHttp::answerIsReturned()
     FileIO fileIo;
     const TransferLog log(&fileIo);
     QCOMPARE(fileIo.httpGet(text(server.url("/a"))), answer);
-    QCOMPARE(server.requests().size(), 1);
+    QCOMPARE(m_manager->sent().size(), 1); // the library may ask again where the server hangs up
+    QCOMPARE(server.requestCount("/b"), 0);
     QCOMPARE(log.entries(), Lines()); // these requests tell nobody
 }
 
