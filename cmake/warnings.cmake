@@ -21,7 +21,8 @@ function(assistant_compile_options target)
     endif()
     target_compile_definitions(${target} PRIVATE
         QT_NO_CAST_FROM_ASCII QT_NO_CAST_TO_ASCII QT_NO_URL_CAST_FROM_STRING
-        QT_NO_FOREACH _FILE_OFFSET_BITS=64)
+        QT_NO_FOREACH _FILE_OFFSET_BITS=64
+        QT_NO_VERSION_TAGGING) # else a program for x86 asks for the very Qt that it is built with
     if(UPDATE_ASSISTANT_SANITIZE)
         set(sanitizers -fsanitize=address,undefined -fno-sanitize-recover=all
             -fno-omit-frame-pointer)
