@@ -103,6 +103,7 @@ QT_QPA_PLATFORM=linuxfb:size=800x480
 QT_QUICK_BACKEND=other
 arguments: 2 two words" "$(started_with HOME=/home QT_QPA_FONTDIR=/fonts \
         QT_QPA_PLATFORM=linuxfb:size=800x480 QT_QUICK_BACKEND=other)"
+    that "the home that an init has is none" grep -qx HOME=/root <<<"$(started_with HOME=/)"
     local folder
     folder=$(started_with | sed -n 's/^QT_QPA_FONTDIR=//p')
     that "the fonts of the machine are found" compgen -G "$folder/*.[ot]t[cf]"
@@ -116,10 +117,26 @@ startScriptWritesToTheConsole() {
     that "the console has it all" diff /tmp/expected /tmp/console
 }
 
-# The packaged program by its start script; an emulated one has to be started by itself.
+# The installed start script. It starts what lies beside it: under an emulator that is, at another
+# place with a link to the script, the installed program in the emulator's hands.
+installed_start_script() {
+    if [ ${#emulator[@]} -eq 0 ]; then
+        echo $start_script
+        return
+    fi
+    local bin=/run/machine/emulated
+    mkdir -p $bin
+    ln -sf $start_script $bin/
+    printf '#!/bin/sh\nexec %s "$@"\n' "${emulator[*]} $installed_program" >$bin/update-assistant
+    chmod +x $bin/update-assistant
+    echo $bin/update-assistant-start
+}
+
+# The packaged program by its start script.
 start_installed() {
-    program=$start_script
-    [ ${#emulator[@]} -eq 0 ] || program=$installed_program
+    local program
+    program=$(installed_start_script)
+    local emulator=() # the script is no program of another processor
     UPDATE_ASSISTANT_CONSOLE=$program_log start_program "$@"
 }
 
@@ -127,15 +144,7 @@ runs_from_the_package() { # PID
     tr '\0' '\n' <"/proc/$1/cmdline" | grep -qx $installed_program
 }
 
-skip_under_emulation() {
-    if [ ${#emulator[@]} -gt 0 ]; then
-        echo "skipped: the start script, since it starts no emulator"
-        exit 77
-    fi
-}
-
 startScriptStartsTheInstalledProgram() {
-    skip_under_emulation
     opkg install "${force[@]}" "$plain"
     start_installed
     await "the screen" screen_is_up
@@ -143,23 +152,26 @@ startScriptStartsTheInstalledProgram() {
     same "the pid file" "$program_pid" "$(cat /tmp/ota.pid)"
 }
 
-# quoted TEXT: in the last message and in the page about what is missing.
+# quoted TEXT: in the messages and in the page about what is missing.
 quoted() {
     grep -qF -- "$1" "$program_log" && grep -qF -- "$1" "$project/docs/porting.md"
 }
 
+# ends_by_abort NAME=VALUE...: the start script, with these in its environment.
+ends_by_abort() {
+    local script status=0
+    script=$(installed_start_script)
+    env -u QT_QPA_PLATFORM UPDATE_ASSISTANT_CONSOLE="$program_log" "$@" "$script" \
+        >>"$program_log" 2>&1 || status=$?
+    same "the status" 134 "$status"
+}
+
 missingDisplayIsSaid() {
-    skip_under_emulation
     opkg install "${force[@]}" "$plain"
-    unset QT_QPA_PLATFORM
-    local status=0
-    UPDATE_ASSISTANT_CONSOLE=$program_log $start_script || status=$?
+    ends_by_abort
     that "the frame buffer is missed" quoted 'linuxfb: Failed to initialize screen'
-    same "the status" 134 "$status"
-    UPDATE_ASSISTANT_CONSOLE=$program_log QT_QPA_PLATFORM_PLUGIN_PATH=/nowhere QT_QPA_PLATFORM=none \
-        $start_script || status=$?
-    that "the plugin is missed" grep -qF 'Could not find the Qt platform plugin "none"' "$program_log"
-    same "the status" 134 "$status"
+    ends_by_abort QT_QPA_PLATFORM_PLUGIN_PATH=/nowhere QT_QPA_PLATFORM=none
+    that "the plugin is missed" quoted 'Could not find the Qt platform plugin'
 }
 
 programUpdatesItselfFromTheStick() {
@@ -192,13 +204,32 @@ programUpdatesItselfFromTheStick() {
     same "the pid file" "$program_pid" "$(cat /tmp/ota.pid)"
 }
 
-examplesStartTheProgramAtBoot() {
+unitStartsTheStartScript() {
     opkg install "${force[@]}" "$plain"
-    local examples=$root/usr/share/doc/update-assistant/examples
-    that "the unit starts the start script" \
-        grep -qx 'ExecStart=/usr/bin/update-assistant-start' $examples/update-assistant.service
-    that "the init script starts the same" \
-        grep -q ' /usr/bin/update-assistant-start </dev/null &' $examples/update-assistant.init
-    sh $examples/update-assistant.init stop
-    never "it takes any word" sh $examples/update-assistant.init hurry
+    that "it is the command" grep -qx 'ExecStart=/usr/bin/update-assistant-start' \
+        $root/usr/share/doc/update-assistant/examples/update-assistant.service
+}
+
+# The init script, with the path to where packages lie on this machine.
+init() { # WORD
+    sed "s,/usr/bin/update-assistant-start,$(installed_start_script)," \
+        $root/usr/share/doc/update-assistant/examples/update-assistant.init >/tmp/init
+    UPDATE_ASSISTANT_CONSOLE=$program_log sh /tmp/init "$1"
+}
+
+initScriptStartsTheProgram() {
+    local first
+    opkg install "${force[@]}" "$plain"
+    init start
+    await "the screen" screen_is_up
+    first=$(cat /tmp/ota.pid)
+    that "it is the installed one" runs_from_the_package "$first"
+    init stop
+    that "it is not stopped" is_running "$first"
+
+    : >"$program_log"
+    init restart
+    await "the next screen" screen_is_up
+    never "the first still runs" is_running "$first"
+    never "it takes any word" init hurry
 }
