@@ -262,13 +262,14 @@ Window {
         readonly property int rowHeight: 14
         readonly property int pitch: rowHeight + spacing
         readonly property int rowsHeight: rows.count * pitch - spacing
+        readonly property int room: Math.max(height, label.y - y) // down to the progress
 
         height: 180
         anchors.top: udisk.bottom
         anchors.topMargin: 20
         anchors.horizontalCenter: parent.horizontalCenter
         spacing: 5
-        clip: rowsHeight > height
+        clip: rowsHeight > room
 
         Translate {
             id: rowShift
