@@ -87,6 +87,10 @@ started_with() {
         sh /tmp/bin/update-assistant-start 2 'two words'
 }
 
+largest_font() { # FOLDER
+    find -L "$1" -maxdepth 3 -name '*.[ot]t[cf]' -printf '%s\n' | sort -rn | head -n 1
+}
+
 startScriptSetsWhatTheDisplayNeeds() {
     same "with nothing set" "HOME=/root
 QT_QPA_FONTDIR=/fonts
@@ -107,6 +111,7 @@ arguments: 2 two words" "$(started_with HOME=/home QT_QPA_FONTDIR=/fonts \
     local folder
     folder=$(started_with | sed -n 's/^QT_QPA_FONTDIR=//p')
     that "the fonts of the machine are found" compgen -G "$folder/*.[ot]t[cf]"
+    same "the largest font there" "$(largest_font /usr/share/fonts)" "$(largest_font "$folder")"
 }
 
 startScriptWritesToTheConsole() {
