@@ -37,6 +37,7 @@ COMMANDS = {
     "mkdir -p build/found": "needs the fuzzing programs, which only clang builds",
     "sandbox/run --state": "installs packages that only a reader has",
     "scripts/bench": "measures, which the other tests would disturb; run before a release",
+    "scripts/board": "downloads a system, and takes minutes to boot it; run before a release",
     "scripts/coverage": "builds the tree anew and runs every test; run before a release",
     "scripts/demo": "builds, and takes a minute; its steps are the tests tst_update.*",
     "scripts/faults": "the test `faults` runs the whole table, `faults_page` checks the page",
