@@ -85,6 +85,12 @@ QString getUnanswered(FileIO &fileIo, const QUrl &url)
     return fileIo.httpGet(text(url));
 }
 
+bool hangsUp(const HttpScript &script)
+{
+    const QList<HttpScript::Step> &steps = script.steps();
+    return !steps.isEmpty() && steps.last().kind == HttpScript::Step::Close;
+}
+
 } // namespace
 
 void TestHttp::init()
@@ -241,8 +247,10 @@ void TestHttp::answerIsReturned()
     FileIO fileIo;
     const TransferLog log(&fileIo);
     QCOMPARE(fileIo.httpGet(text(server.url("/a"))), answer);
-    QCOMPARE(m_manager->sent().size(), 1); // the library may ask again where the server hangs up
+    QCOMPARE(m_manager->sent().size(), 1);
     QCOMPARE(server.requestCount("/b"), 0);
+    if (!hangsUp(script)) // then Qt itself may ask again, and on a busy processor does
+        QCOMPARE(server.requests().size(), 1);
     QCOMPARE(log.entries(), Lines()); // these requests tell nobody
 }
 
