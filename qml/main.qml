@@ -256,81 +256,101 @@ Window {
         font.pixelSize: 14
     }
 
-    Column {
-        id: packageList
+    // Moves and clips the rows when there are more than the room down to the progress takes.
+    Flickable {
+        id: packageView
 
         readonly property int rowHeight: 14
-        readonly property int pitch: rowHeight + spacing
-        readonly property int rowsHeight: rows.count * pitch - spacing
-        readonly property int room: Math.max(height, label.y - y) // down to the progress
+        readonly property int pitch: rowHeight + packageList.spacing
+        // A text is higher than its row: as high as the progress' label, which is of the same size.
+        readonly property int overhang: Math.max(0, Math.ceil(label.height) - rowHeight)
+        readonly property int current: Math.min(root.step + 1, rows.count - 1)
+        property bool isLate: false
 
-        height: 180
-        anchors.top: udisk.bottom
-        anchors.topMargin: 20
-        anchors.horizontalCenter: parent.horizontalCenter
-        spacing: 5
-        clip: rowsHeight > room
-
-        Translate {
-            id: rowShift
-
-            y: listMover.item ? -listMover.item.contentY : 0
+        // Brings the row that is being installed to the middle.
+        function follow() {
+            isLate = moving; // the user has the list in hand
+            if (isLate)
+                return;
+            var middle = overhang + current * pitch - (height - rowHeight) / 2;
+            contentY = Math.max(0, Math.min(Math.round(middle), contentHeight - height));
         }
 
-        Repeater {
-            id: rows
+        anchors.top: udisk.bottom
+        anchors.topMargin: 20 - overhang
+        anchors.bottom: label.top
+        anchors.left: parent.left
+        anchors.right: parent.right
+        contentHeight: rows.count * pitch - packageList.spacing + 2 * overhang
+        interactive: contentHeight > height
+        clip: interactive
+        boundsBehavior: Flickable.StopAtBounds
+        pixelAligned: true
+        onCurrentChanged: follow()
+        onContentHeightChanged: follow()
+        onHeightChanged: follow()
+        onMovementEnded: if (isLate) follow()
 
-            model: ipkPkgName
+        Column {
+            id: packageList
 
-            Rectangle {
-                width: 350
-                height: packageList.rowHeight
-                color: "transparent"
-                transform: rowShift
+            height: 180
+            anchors.top: parent.top
+            anchors.topMargin: packageView.overhang
+            anchors.horizontalCenter: parent.horizontalCenter
+            spacing: 5
 
-                Text {
-                    anchors.left: parent.left
-                    color: "white"
-                    font.pixelSize: 14
-                    text: ipkPkgName[index]
-                }
+            Repeater {
+                id: rows
 
-                Text {
-                    anchors.right: parent.right
-                    anchors.rightMargin: 10
-                    color: text === "wait" ? "yellow" : text === "ok" ? "green" : "red"
-                    font.pixelSize: 14
-                    text: root.step < index ? "wait" : "ok"
+                model: ipkPkgName
+
+                Rectangle {
+                    width: 350
+                    height: packageView.rowHeight
+                    color: "transparent"
+
+                    Text {
+                        anchors.left: parent.left
+                        color: "white"
+                        font.pixelSize: 14
+                        text: ipkPkgName[index]
+                    }
+
+                    Text {
+                        anchors.right: parent.right
+                        anchors.rightMargin: 10
+                        color: text === "wait" ? "yellow" : text === "ok" ? "green" : "red"
+                        font.pixelSize: 14
+                        text: root.step < index ? "wait" : "ok"
+                    }
                 }
             }
         }
     }
 
-    // Only there when the rows do not fit: moves them as the user drags, and shows the one that is
-    // installed in the middle.
-    Loader {
-        id: listMover
+    // Shows which part of the list is in view; on the left, since long names end anywhere.
+    Rectangle {
+        id: scrollTrack
 
-        anchors.fill: packageList
-        active: packageList.clip
-        sourceComponent: Flickable {
-            property int current: Math.min(root.step + 1, rows.count - 1)
-            property bool isLate: false
+        readonly property real hidden: Math.max(1, packageView.contentHeight - packageView.height)
 
-            function follow() {
-                isLate = moving; // the user has the list in hand
-                if (isLate)
-                    return;
-                var middle = current * packageList.pitch - (height - packageList.rowHeight) / 2;
-                contentY = Math.max(0, Math.min(middle, contentHeight - height));
-            }
+        width: 4
+        anchors.top: udisk.bottom
+        anchors.topMargin: 20
+        anchors.bottom: label.top
+        anchors.right: udisk.horizontalCenter
+        anchors.rightMargin: 190
+        visible: packageView.interactive
+        color: "#333333"
 
-            contentHeight: packageList.rowsHeight
-            boundsBehavior: Flickable.StopAtBounds
-            onCurrentChanged: follow()
-            onContentHeightChanged: follow()
-            onHeightChanged: follow()
-            onMovementEnded: if (isLate) follow()
+        Rectangle {
+            readonly property real part: packageView.height / packageView.contentHeight
+
+            y: Math.round(packageView.contentY / scrollTrack.hidden * (parent.height - height))
+            width: parent.width
+            height: Math.max(20, Math.round(part * parent.height))
+            color: "#db8420"
         }
     }
 

@@ -21,22 +21,6 @@ enum Stage {
     Success,
 };
 
-/// Whether text of this colour is drawn: smoothing makes thin strokes a little darker.
-bool hasInk(const QImage &image, const QColor &color)
-{
-    constexpr int kSmoothing = 48;
-    for (int y = 0; y < image.height(); ++y) {
-        for (int x = 0; x < image.width(); ++x) {
-            const QRgb pixel = image.pixel(x, y);
-            if (qAbs(qRed(pixel) - color.red()) < kSmoothing
-                && qAbs(qGreen(pixel) - color.green()) < kSmoothing
-                && qAbs(qBlue(pixel) - color.blue()) < kSmoothing)
-                return true;
-        }
-    }
-    return false;
-}
-
 /// Whether a font has a real glyph for each character; glyph 0 is the box for a missing one.
 bool hasAllGlyphs(const QString &text, const QFont &font)
 {
