@@ -155,9 +155,10 @@ public:
     /// Writes `len` bytes and reads up to 100 into `rx`. The wait is accepted and ignored. Returns
     /// the port's read count.
     int serialIoctl(unsigned char *tx, unsigned char len, unsigned char *rx, int wait);
-    /// Collects a block of 64 bytes into `buf`, which holds 128: what would pass its end is counted
-    /// and dropped. Returns the total counted when it is exactly 64, or after about 1 ms of
-    /// processor time. A failed wait counts as -1, a failed read as 65535.
+    /// Collects a block of 64 bytes into `buf`, which holds 128. Every byte goes to the place that
+    /// the total counted before it names; only what falls outside is dropped. Returns the total
+    /// when it is exactly 64, or after about 1 ms of processor time. A failed wait counts as -1, a
+    /// failed read as 65535.
     int RcvData(unsigned char *buf);
     void setLocalVersion(QString version);
 
