@@ -82,7 +82,8 @@ public:
     void setOverwrite(bool overwrite);
     /// Disconnects the reply and leaves it to the event loop to delete; it is not aborted.
     void shutdownNetworkReply();
-    /// Commits the save file, unless its writing was cancelled, and deletes it.
+    /// Commits the save file, unless its writing was cancelled or the disk did not take all of it,
+    /// and deletes it.
     void shutdownSaveFile();
 
     // Blocking HTTP requests - fileio_http.cpp
