@@ -114,7 +114,10 @@ public:
     // Boot-loader commands - fileio_bootloader.cpp
 
     /// Connects to the board's boot loader and reads its device id and configuration, on the open
-    /// line. Returns 1 when it answered every packet, -1 otherwise; takes up to 13 s.
+    /// line. Returns 1 when it answered every packet, -1 otherwise. Connecting takes up to 13 s
+    /// with a silent board, 11 attempts of 1 s with their pauses, and up to 23 s with one whose
+    /// answers begin just within that second and stay short, since a begun answer is waited for
+    /// once more as long. Each of the three packets that follow takes up to 2 s more: 30 s in all.
     int sendCmdFromConnect2Config();
 
     // Machine protocol - fileio_protocol.cpp
