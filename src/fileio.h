@@ -82,7 +82,8 @@ public:
     void setOverwrite(bool overwrite);
     /// Disconnects the reply and leaves it to the event loop to delete; it is not aborted.
     void shutdownNetworkReply();
-    /// Commits the save file, unless its writing was cancelled, and deletes it.
+    /// Commits the save file, unless its writing was cancelled or the disk did not take all of it,
+    /// and deletes it.
     void shutdownSaveFile();
 
     // Blocking HTTP requests - fileio_http.cpp
@@ -113,7 +114,10 @@ public:
     // Boot-loader commands - fileio_bootloader.cpp
 
     /// Connects to the board's boot loader and reads its device id and configuration, on the open
-    /// line. Returns 1 when it answered every packet, -1 otherwise; takes up to 13 s.
+    /// line. Returns 1 when it answered every packet, -1 otherwise. Connecting takes up to 13 s
+    /// with a silent board, 11 attempts of 1 s with their pauses, and up to 23 s with one whose
+    /// answers begin just within that second and stay short, since a begun answer is waited for
+    /// once more as long. Each of the three packets that follow takes up to 2 s more: 30 s in all.
     int sendCmdFromConnect2Config();
 
     // Machine protocol - fileio_protocol.cpp
@@ -155,9 +159,10 @@ public:
     /// Writes `len` bytes and reads up to 100 into `rx`. The wait is accepted and ignored. Returns
     /// the port's read count.
     int serialIoctl(unsigned char *tx, unsigned char len, unsigned char *rx, int wait);
-    /// Collects a block of 64 bytes into `buf`, which holds 128: what would pass its end is counted
-    /// and dropped. Returns the total counted when it is exactly 64, or after about 1 ms of
-    /// processor time. A failed wait counts as -1, a failed read as 65535.
+    /// Collects a block of 64 bytes into `buf`, which holds 128. Every byte goes to the place that
+    /// the total counted before it names; only what falls outside is dropped. Returns the total
+    /// when it is exactly 64, or after about 1 ms of processor time. A failed wait counts as -1, a
+    /// failed read as 65535.
     int RcvData(unsigned char *buf);
     void setLocalVersion(QString version);
 

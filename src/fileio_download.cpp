@@ -267,7 +267,7 @@ void FileIO::shutdownSaveFile()
 {
     if (!m_saveFile)
         return;
-    m_saveFile->commit();
+    static_cast<void>(commitSaveFile()); // what is not committed goes with the object
     delete m_saveFile;
     m_saveFile = nullptr;
 }
@@ -289,7 +289,7 @@ bool FileIO::openSaveFile(const QString &path)
 bool FileIO::commitSaveFile()
 {
     // A commit does not tell when what was still buffered could not be written.
-    return m_saveFile && m_saveFile->flush() && m_saveFile->commit();
+    return m_saveFile && m_saveFile->isOpen() && m_saveFile->flush() && m_saveFile->commit();
 }
 
 void FileIO::cancelSaveFile()

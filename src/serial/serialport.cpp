@@ -120,6 +120,9 @@ bool SerialPort::Open(const char *port, const char *baud)
         LogError("Unable to open serial port '%s': %s\n", path, strerror(errno));
         return false;
     }
+    // Callers may leave the line open, and the commands of the shell must not hold it then. Not a
+    // flag of open(), since those are fixed. (tst_transfer::commandsDoNotGetTheOpenLine)
+    static_cast<void>(fcntl(m_fd, F_SETFD, FD_CLOEXEC));
     termios previous;
     if (tcgetattr(m_fd, &previous) < 0) {
         LogError("A: Call to tcgetattr failed: %s\n", strerror(errno));

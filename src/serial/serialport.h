@@ -19,7 +19,8 @@ extern const BaudRow gBaudTable[kBaudRows];
 extern int gVerbose;
 
 /// One POSIX serial device: raw, 8 data bits, no parity, 1 stop bit, no flow control, and
-/// non-blocking, so that every wait is a select(). Owns its descriptor; one thread at a time.
+/// non-blocking, so that every wait is a select(). Owns its descriptor, which started programs do
+/// not get; one thread at a time.
 /// The capitalised names (and read_uart_port) are interface and kept.
 class SerialPort {
 public:

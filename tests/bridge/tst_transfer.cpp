@@ -74,6 +74,7 @@ private slots:
     void unreadableFileGoesToEot();
     void missingFirmwareLeavesTheLineOpen_data();
     void missingFirmwareLeavesTheLineOpen();
+    void commandsDoNotGetTheOpenLine();
     void nextOperationReplacesTheOpenLine();
     void missingLineIsMinusOne();
     void secondTransferStartsOver();
@@ -369,6 +370,20 @@ void TestTransfer::missingFirmwareLeavesTheLineOpen()
     QVERIFY(m_line->isOpenedByProduct());
     m_fileIO->closeSerial();
     QVERIFY(!m_line->isOpenedByProduct());
+}
+
+void TestTransfer::commandsDoNotGetTheOpenLine()
+{
+    QFile::remove(m_directory->path(QStringLiteral("UpdataSystem.bin")));
+    DescriptorCapture out(1);
+    for (int attempt = 0; attempt < 3; ++attempt)
+        m_fileIO->updateMcu(); // leaves the line open each time
+    const int result = m_fileIO->exe(QStringLiteral("ls -l /proc/self/fd </dev/null 2>/dev/null"));
+    const QByteArray printed = out.take();
+    QVERIFY(m_line->isOpenedByProduct());
+    QCOMPARE(result, 0);
+    QVERIFY(printed.contains(" 1 -> ")); // the list is there
+    QCOMPARE(printed.count(m_line->path()), 0);
 }
 
 void TestTransfer::nextOperationReplacesTheOpenLine()

@@ -1,3 +1,4 @@
+#include "capture.h"
 #include "downloadfixture.h"
 
 #include <QDeadlineTimer>
@@ -5,9 +6,6 @@
 #include <QQmlEngine>
 #include <QSaveFile>
 #include <QThread>
-
-#include <csignal>
-#include <sys/resource.h>
 
 class TestDownload : public QObject {
     Q_OBJECT
@@ -74,8 +72,6 @@ private slots:
     void runningStaysTrueAfterAFailure();
     void failedDownloadIsStartedAgainInOnePass();
     void lostFolderFailsTheCommit();
-    void fullDiskFailsTheCommit_data();
-    void fullDiskFailsTheCommit();
     void endWithoutRunningIsNotCommitted();
     void endWithoutAReplyIsReported();
     void deletedReplyIsReportedAtTheEnd();
@@ -111,29 +107,6 @@ void waitForProgressToBeDue(const ScriptedHttpServer &server)
     AWAIT_EQUAL(server.requests().size(), 1);
     QTest::qWait(150);
 }
-
-/// Files of this process cannot grow beyond a size while it lives.
-class FileSizeLimit {
-public:
-    explicit FileSizeLimit(rlim_t bytes)
-        : m_previousHandler(std::signal(SIGXFSZ, SIG_IGN))
-    {
-        getrlimit(RLIMIT_FSIZE, &m_previous);
-        const rlimit limit = {bytes, m_previous.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FileSizeLimit()
-    {
-        setrlimit(RLIMIT_FSIZE, &m_previous);
-        std::signal(SIGXFSZ, m_previousHandler);
-    }
-    FileSizeLimit(const FileSizeLimit &) = delete;
-    FileSizeLimit &operator=(const FileSizeLimit &) = delete;
-
-private:
-    rlimit m_previous = {};
-    void (*m_previousHandler)(int);
-};
 
 } // namespace
 
@@ -548,11 +521,13 @@ void TestDownload::bodyIsWrittenWhole()
     ScriptedHttpServer server;
     server.on("/a", script);
     Download download;
+    const MessageCapture messages;
     download.fileIo->start(server.url("/a"));
     AWAIT(download.finished());
     QCOMPARE(download.content(), body);
     QCOMPARE(download.files(), Lines({"file"}));
     QCOMPARE(download.openFiles(), 0);
+    QCOMPARE(messages.messages(), QStringList());
 }
 
 void TestDownload::piecesAreWrittenAsTheyCome()
@@ -1061,36 +1036,6 @@ void TestDownload::lostFolderFailsTheCommit()
     QVERIFY(QDir(download.dir.path()).isEmpty());
     deleteReleased();
     QVERIFY(!m_manager->lastReply());
-}
-
-void TestDownload::fullDiskFailsTheCommit_data()
-{
-    QTest::addColumn<int>("size");
-
-    QTest::newRow("in the middle") << 1000000;
-    QTest::newRow("at the end") << 100; // what was buffered is written then
-}
-
-void TestDownload::fullDiskFailsTheCommit()
-{
-    QFETCH(int, size);
-
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::head(size).fill(size));
-    Download download;
-    download.write("old");
-    {
-        const FileSizeLimit limit(0);
-        download.startOnce(server.url("/a"));
-        AWAIT(download.failed() || download.finished());
-    }
-    QCOMPARE(
-        download.log.milestones(),
-        Lines({"started() running=1", "runningChanged() running=1",
-               "error(2, Error while writing \"" + download.path().toUtf8() + "\") running=1"}));
-    QCOMPARE(download.content(), QByteArray("old"));
-    QCOMPARE(download.files(), Lines({"file"}));
-    QCOMPARE(download.openFiles(), 0);
 }
 
 void TestDownload::endWithoutRunningIsNotCommitted()

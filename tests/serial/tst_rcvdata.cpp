@@ -88,8 +88,8 @@ private:
 
     void arrive(const QByteArray &bytes);
     Block receive();
-    /// Receives `first`, and `second` once that is taken.
-    Block receivePieces(const QByteArray &first, const QByteArray &second);
+    /// Receives the pieces, each sent once the one before is taken.
+    Block receivePieces(const QByteArrayList &pieces);
 
     QScopedPointer<Pty> m_line;
     QScopedPointer<FileIO> m_io;
@@ -126,12 +126,14 @@ TestRcvData::Block TestRcvData::receive()
     return {total, out.take(), {reinterpret_cast<const char *>(buffer.data()), kCapacity}};
 }
 
-TestRcvData::Block TestRcvData::receivePieces(const QByteArray &first, const QByteArray &second)
+TestRcvData::Block TestRcvData::receivePieces(const QByteArrayList &pieces)
 {
-    arrive(first);
+    arrive(pieces.first());
     const BoardProcess board([&] {
-        m_line->waitUntilTaken();
-        m_line->send(second);
+        for (const QByteArray &piece : pieces.mid(1)) {
+            m_line->waitUntilTaken();
+            m_line->send(piece);
+        }
     });
     return receive();
 }
@@ -161,7 +163,7 @@ void TestRcvData::piecesThatMakeABlockEndEarly()
     QFETCH(int, first);
 
     const QByteArray bytes = bytesUpTo(64);
-    const Block block = receivePieces(bytes.left(first), bytes.mid(first));
+    const Block block = receivePieces({bytes.left(first), bytes.mid(first)});
     QCOMPARE(block.out, readLine(first) + readLine(64 - first));
     QCOMPARE(block.total, 64);
     QCOMPARE(block.bytes, bytes + QByteArray(64, kUntouched));
@@ -178,22 +180,29 @@ void TestRcvData::moreThanABlockIsLeftOnTheLine()
 
 void TestRcvData::passing64RunsIntoTheTimeOut_data()
 {
-    QTest::addColumn<int>("first");
-    QTest::addColumn<int>("second");
-    QTest::newRow("40 and 30") << 40 << 30;
-    QTest::newRow("1 and 64") << 1 << 64;
-    QTest::newRow("63 and 2") << 63 << 2;
+    QTest::addColumn<QList<int>>("sizes");
+    QTest::newRow("40 and 30") << QList<int>{40, 30};
+    QTest::newRow("1 and 64") << QList<int>{1, 64};
+    QTest::newRow("63 and 2") << QList<int>{63, 2};
+    // The last of them ask for more than the buffer has room for.
+    QTest::newRow("40, 30 and 10") << QList<int>{40, 30, 10};
+    QTest::newRow("up to the last byte") << QList<int>{63, 64, 1};
 }
 
 void TestRcvData::passing64RunsIntoTheTimeOut()
 {
-    QFETCH(int, first);
-    QFETCH(int, second);
+    QFETCH(QList<int>, sizes);
 
-    const QByteArray bytes = bytesUpTo(first + second);
-    const Block block = receivePieces(bytes.left(first), bytes.mid(first));
-    QCOMPARE(block.total, first + second);
-    const QByteArray taken = readLine(first) + readLine(second);
+    QByteArray bytes;
+    QByteArrayList pieces;
+    QByteArray taken;
+    for (const int size : sizes) {
+        pieces.append(bytesUpTo(bytes.size() + size).mid(bytes.size()));
+        bytes += pieces.last();
+        taken += readLine(size);
+    }
+    const Block block = receivePieces(pieces);
+    QCOMPARE(block.total, bytes.size());
     QCOMPARE(block.out.left(taken.size()), taken);
     // Silence up to the end.
     const int silent = block.out.count(readLine(0));
@@ -253,14 +262,14 @@ void TestRcvData::failedReadsCount65535()
 void TestRcvData::nothingIsWrittenBehindTheBuffer()
 {
     const QByteArray bytes = bytesUpTo(240);
-    const Block block = receivePieces(bytes.left(40), bytes.mid(40));
+    const Block block = receivePieces({bytes.left(40), bytes.mid(40)});
     QCOMPARE(block.total, 240);
     const QByteArray taken =
         readLine(40) + readLine(64) + readLine(64) + readLine(64) + readLine(8);
     QCOMPARE(block.out.left(taken.size()), taken);
     QVERIFY(block.out.endsWith(kTimeOut));
-    // The third read would have begun within the buffer and ended behind it.
-    QCOMPARE(block.bytes, bytes.left(104).leftJustified(kCapacity, kUntouched));
+    // The third read begins within the buffer and ends behind it.
+    QCOMPARE(block.bytes, bytes.left(kCapacity));
 }
 
 namespace {
@@ -295,7 +304,8 @@ void TestRcvData::nothingIsWrittenBeforeTheBuffer()
     const QByteArray start = "read failed! (Interrupted system call)\n" + readLine(64);
     QCOMPARE(block.out.left(start.size()), start);
     QVERIFY(block.out.endsWith(kTimeOut));
-    QCOMPARE(block.bytes, QByteArray(kCapacity, kUntouched));
+    // The first byte would stand before the buffer.
+    QCOMPARE(block.bytes, lateBytes.mid(1).leftJustified(kCapacity, kUntouched));
 }
 
 QTEST_APPLESS_MAIN(TestRcvData)

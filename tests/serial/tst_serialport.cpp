@@ -3,12 +3,14 @@
 #include "descriptors.h"
 #include "emulation.h"
 #include "log.h"
+#include "machine.h"
 #include "pty.h"
 #include "serialport.h"
 
 #include <QtTest>
 
 #include <climits>
+#include <cstdlib>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/time.h>
@@ -122,6 +124,7 @@ private slots:
     void unrecognisedBaudFailsBeforeTheDevice();
 
     void nameWithoutSlashIsBelowDev();
+    void boardsShortNameOpensItsDevice();
     void absolutePathIsTakenAsItStands();
     void pathIsCutTo39Characters();
     void nameBelowDevIsCutTo39CharactersInAll();
@@ -135,6 +138,8 @@ private slots:
     void lineIsRaw8N1();
     void openDiscardsNothing();
     void descriptorIsReadWriteAndNonBlocking();
+    void childrenDoNotGetTheDescriptor_data();
+    void childrenDoNotGetTheDescriptor();
     void openDoesNotCloseAnOpenDescriptor();
     void failedOpenIsStoredToo();
     void sessionLeaderGetsTheLine();
@@ -270,6 +275,22 @@ void TestSerialPort::nameWithoutSlashIsBelowDev()
     SerialPort port;
     QVERIFY(line.path().startsWith("/dev/pts/"));
     QVERIFY(port.Open(line.path().mid(5).constData(), "115200"));
+    QVERIFY(line.isOpenedByProduct());
+}
+
+void TestSerialPort::boardsShortNameOpensItsDevice()
+{
+    SKIP_OFF_THE_SIMULATED_MACHINE();
+    BoardLine line;
+    SerialPort port;
+    const Logged open = openLogged(port, "ttymxc1", "115200");
+    QVERIFY(open.result);
+    QCOMPARE(open.text, QByteArray());
+    const termios settings = line.settings();
+    QCOMPARE(cfgetispeed(&settings), speed_t{B115200});
+    QCOMPARE(cfgetospeed(&settings), speed_t{B115200});
+    QCOMPARE(port.Write("x", 1), 1);
+    QCOMPARE(line.receive(1), QByteArray("x"));
     QVERIFY(line.isOpenedByProduct());
 }
 
@@ -460,6 +481,28 @@ void TestSerialPort::descriptorIsReadWriteAndNonBlocking()
     const int flags = fcntl(descriptor, F_GETFL);
     QVERIFY(flags & O_NONBLOCK);
     QCOMPARE(flags & O_ACCMODE, O_RDWR);
+}
+
+void TestSerialPort::childrenDoNotGetTheDescriptor_data()
+{
+    QTest::addColumn<bool>("isLine");
+    QTest::newRow("line") << true;
+    QTest::newRow("what is no line, and stays open") << false;
+}
+
+void TestSerialPort::childrenDoNotGetTheDescriptor()
+{
+    QFETCH(bool, isLine);
+
+    Pty line;
+    SerialPort port;
+    DescriptorCapture err(2);
+    const int descriptor = nextDescriptor();
+    QCOMPARE(port.Open(isLine ? line.path().constData() : "/dev/null", "115200"), isLine);
+    err.take();
+    QVERIFY(fcntl(descriptor, F_GETFL) >= 0);
+    const QByteArray look = "test ! -e /proc/self/fd/" + QByteArray::number(descriptor);
+    QCOMPARE(std::system(look.constData()), 0);
 }
 
 void TestSerialPort::openDoesNotCloseAnOpenDescriptor()

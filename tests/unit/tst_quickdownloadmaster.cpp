@@ -23,7 +23,11 @@ private slots:
     void ownManagerHandedInIsDeletedAndStillHeld();
     void outsideManagerSurvivesAReplacement();
     void outsideManagerSurvivesTheDestructor();
+    void outsideManagerSurvivesBehindADisconnectedOwnOne_data();
+    void outsideManagerSurvivesBehindADisconnectedOwnOne();
     void ownManagerGoesWithTheDestructor();
+    void disconnectedManagerDeletedElsewhereIsReplaced_data();
+    void disconnectedManagerDeletedElsewhereIsReplaced();
     void nullManagerIsReplacedOnTheNextUse();
     void settingAManagerEmitsNothing();
     void missingInstanceIsWarnedAbout();
@@ -200,6 +204,34 @@ void TestQuickDownloadMaster::outsideManagerSurvivesTheDestructor()
     VERIFY_CHILD_PASSED(child);
 }
 
+void TestQuickDownloadMaster::outsideManagerSurvivesBehindADisconnectedOwnOne_data()
+{
+    QTest::addColumn<bool>("isReplaced");
+    QTest::newRow("replacement") << true;
+    QTest::newRow("destructor") << false;
+}
+
+void TestQuickDownloadMaster::outsideManagerSurvivesBehindADisconnectedOwnOne()
+{
+    QFETCH(bool, isReplaced);
+
+    const ChildResult child = runInChild([isReplaced] {
+        const QPointer<QNetworkAccessManager> outside = new QNetworkAccessManager;
+        auto *const master = new QuickDownloadMaster;
+        const QPointer<QNetworkAccessManager> own = master->networkAccessManager();
+        own->disconnect(); // nobody hears of its end any more
+        master->setNetworkAccessManager(outside);
+        CHILD_VERIFY(own.isNull());
+        if (isReplaced)
+            master->setNetworkAccessManager(nullptr);
+        else
+            delete master;
+        CHILD_VERIFY(!outside.isNull());
+        return 0;
+    });
+    VERIFY_CHILD_PASSED(child);
+}
+
 void TestQuickDownloadMaster::ownManagerGoesWithTheDestructor()
 {
     const ChildResult child = runInChild([] {
@@ -210,6 +242,35 @@ void TestQuickDownloadMaster::ownManagerGoesWithTheDestructor()
         delete first;
         CHILD_VERIFY(own.isNull());
         CHILD_VERIFY(QuickDownloadMaster::instance() == second);
+        return 0;
+    });
+    VERIFY_CHILD_PASSED(child);
+}
+
+void TestQuickDownloadMaster::disconnectedManagerDeletedElsewhereIsReplaced_data()
+{
+    QTest::addColumn<bool>("isOwn");
+    QTest::newRow("own") << true;
+    QTest::newRow("outside") << false;
+}
+
+void TestQuickDownloadMaster::disconnectedManagerDeletedElsewhereIsReplaced()
+{
+    QFETCH(bool, isOwn);
+
+    const ChildResult child = runInChild([isOwn] {
+        auto *const master = new QuickDownloadMaster;
+        if (!isOwn)
+            master->setNetworkAccessManager(new QNetworkAccessManager);
+        QNetworkAccessManager *const manager = master->networkAccessManager();
+        manager->disconnect();
+        delete manager;
+        // A child that is made now: the address may be the old one.
+        const QPointer<QNetworkAccessManager> next = master->networkAccessManager();
+        CHILD_VERIFY(master->children().contains(next));
+        // Neither is deleted once more.
+        delete master;
+        CHILD_VERIFY(next.isNull());
         return 0;
     });
     VERIFY_CHILD_PASSED(child);
