@@ -71,8 +71,7 @@ void TestMcuVersion::queryIsSentOnceAndExactly()
 void TestMcuVersion::lineIsSetUpAndClosed()
 {
     BoardLine line;
-    line.send("stale");
-    QVERIFY(line.waitUntilArrived(5));
+    line.deliver("stale");
     termios settings{};
     Peer board(line, [&settings](Pty &peer) {
         peer.receive(kQuerySize);

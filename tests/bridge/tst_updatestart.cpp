@@ -105,8 +105,7 @@ void TestUpdateStart::commandIsSentOnceAndExactly()
 void TestUpdateStart::lineIsSetUpAndClosed()
 {
     BoardLine line;
-    line.send("stale");
-    QVERIFY(line.waitUntilArrived(5));
+    line.deliver("stale");
     termios settings{};
     Peer board(line, [&settings](Pty &peer) {
         peer.receive(kCommandSize);

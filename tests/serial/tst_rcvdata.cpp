@@ -6,7 +6,6 @@
 
 #include <QtTest>
 
-#include <sys/ioctl.h>
 #include <vector>
 
 // The block's time-out is beyond 1000 ticks of the processor's time. Each read takes one here, so
@@ -62,7 +61,6 @@ private:
         QByteArray bytes; // all that the caller's buffer can hold
     };
 
-    void arrive(const QByteArray &bytes);
     Block receive();
     /// Receives with a piece before each wait, until there are no more.
     Block receive(Waits &waits, QByteArrayList pieces);
@@ -84,13 +82,6 @@ void TestRcvData::cleanup()
     m_line.reset();
 }
 
-/// Sends `bytes` and waits until they stand ready for the product.
-void TestRcvData::arrive(const QByteArray &bytes)
-{
-    m_line->send(bytes);
-    QVERIFY(m_line->waitUntilArrived(bytes.size()));
-}
-
 TestRcvData::Block TestRcvData::receive()
 {
     // On the heap in exactly its size, so that the sanitizers see every byte beyond it.
@@ -104,20 +95,20 @@ TestRcvData::Block TestRcvData::receive(Waits &waits, QByteArrayList pieces)
 {
     waits.setBefore([this, pieces](const QByteArray &) mutable {
         if (!pieces.isEmpty())
-            arrive(pieces.takeFirst());
+            m_line->deliver(pieces.takeFirst());
     });
     return receive();
 }
 
 void TestRcvData::wholeBlockIsTakenAtOnce()
 {
-    arrive(bytesUpTo(64));
+    m_line->deliver(bytesUpTo(64));
     const Block block = receive();
     QCOMPARE(block.total, 64);
     QCOMPARE(block.out, readLine(64));
     QCOMPARE(block.bytes, bytesUpTo(64) + QByteArray(64, kUntouched));
     // And the next one too.
-    arrive(bytesUpTo(64));
+    m_line->deliver(bytesUpTo(64));
     QCOMPARE(receive().total, 64);
 }
 
@@ -143,11 +134,9 @@ void TestRcvData::piecesThatMakeABlockEndEarly()
 
 void TestRcvData::moreThanABlockIsLeftOnTheLine()
 {
-    arrive(bytesUpTo(100));
+    m_line->deliver(bytesUpTo(100));
     QCOMPARE(receive().total, 64);
-    int ready = 0;
-    QCOMPARE(ioctl(m_line->slave(), FIONREAD, &ready), 0);
-    QCOMPARE(ready, 36);
+    QCOMPARE(m_line->pending(), 36);
 }
 
 void TestRcvData::passing64RunsIntoTheTimeOut_data()

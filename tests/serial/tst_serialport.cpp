@@ -442,8 +442,7 @@ void TestSerialPort::lineIsRaw8N1()
 void TestSerialPort::openDiscardsNothing()
 {
     Pty line;
-    line.send("early");
-    QVERIFY(line.waitUntilArrived(5));
+    line.deliver("early");
     SerialPort port;
     QVERIFY(port.Open(line.path().constData(), "115200"));
     QCOMPARE(line.discards(), 0);
@@ -600,8 +599,7 @@ void TestSerialPort::timeoutKeepsTheOtherSettings()
 void TestSerialPort::timeoutDiscardsPendingInput()
 {
     OpenLine line;
-    line.send("stale");
-    QVERIFY(line.waitUntilArrived(5));
+    line.deliver("stale");
     QVERIFY(line.port.SetTimeout(500));
     QCOMPARE(line.inputDiscards(), 1);
     line.send("new");
@@ -709,8 +707,7 @@ constexpr timeval kLong{kHangMs / 1000, 0};
 void TestSerialPort::uartReadTakesWhatIsThere()
 {
     OpenLine line;
-    line.send("abc");
-    QVERIFY(line.waitUntilArrived(3));
+    line.deliver("abc");
     unsigned char buffer[8] = {};
     const UartRead read = uartRead(line.port, buffer, 8, kLong);
     QCOMPARE(read.result, 3);
@@ -723,8 +720,7 @@ void TestSerialPort::uartReadTakesWhatIsThere()
 void TestSerialPort::uartReadTakesNoMoreThanAsked()
 {
     OpenLine line;
-    line.send("abcdef");
-    QVERIFY(line.waitUntilArrived(6));
+    line.deliver("abcdef");
     unsigned char buffer[8] = {};
     QCOMPARE(uartRead(line.port, buffer, 4, kLong).result, 4);
     QCOMPARE(QByteArray(reinterpret_cast<char *>(buffer)), QByteArray("abcd"));

@@ -39,8 +39,6 @@ private slots:
 
 private:
     void openLine();
-    /// Sends `bytes` between two waits of the product.
-    void arrive(const QByteArray &bytes);
 
     QScopedPointer<Pty> m_line;
     QScopedPointer<SerialPort> m_port;
@@ -99,12 +97,6 @@ void TestSerialRead::openLine()
     QVERIFY(m_port->Open(m_line->path().constData(), "115200"));
 }
 
-void TestSerialRead::arrive(const QByteArray &bytes)
-{
-    m_line->send(bytes);
-    QVERIFY(m_line->waitUntilArrived(bytes.size()));
-}
-
 void TestSerialRead::closedPortIsMinusOne()
 {
     const Waits waits(Waits::AtOnce);
@@ -157,7 +149,7 @@ void TestSerialRead::silentLineIsZero()
 void TestSerialRead::fullBufferReturnsAtOnceWithoutDiscarding()
 {
     openLine();
-    arrive("abcd");
+    m_line->deliver("abcd");
     const Waits waits(Waits::Real);
     Buffer buffer;
     QCOMPARE(m_port->Read(buffer.bytes, 4), 4);
@@ -200,7 +192,7 @@ void TestSerialRead::piecesAreCollected()
 void TestSerialRead::shortAnswerIsReturnedAfter100Passes()
 {
     openLine();
-    arrive("a");
+    m_line->deliver("a");
     // The one that is waited for, a second in all.
     const Waits waits(Waits::Real);
     Buffer buffer;
@@ -220,9 +212,9 @@ void TestSerialRead::firstByteRenewsTheWait()
     waits.setBefore([&](const QByteArray &) {
         ++pass;
         if (pass == 100)
-            arrive("a");
+            m_line->deliver("a");
         if (pass == 199)
-            arrive("b");
+            m_line->deliver("b");
     });
     Buffer buffer;
     QCOMPARE(m_port->Read(buffer.bytes, 2), 2);
@@ -239,7 +231,7 @@ void TestSerialRead::laterBytesDoNotRenewTheWait()
     waits.setBefore([&](const QByteArray &) {
         ++pass;
         if (pass == 1 || pass == 100)
-            arrive("x");
+            m_line->deliver("x");
     });
     Buffer buffer;
     QCOMPARE(m_port->Read(buffer.bytes, 8), 2);
@@ -251,7 +243,7 @@ void TestSerialRead::tricklingLineEndsAfter100Passes()
 {
     openLine();
     Waits waits(Waits::AtOnce);
-    waits.setBefore([this](const QByteArray &) { arrive("x"); });
+    waits.setBefore([this](const QByteArray &) { m_line->deliver("x"); });
     QByteArray bytes(400, '\0');
     QCOMPARE(m_port->Read(bytes.data(), bytes.size()), 100);
     QCOMPARE(waits.asked(), passes(100));
@@ -267,7 +259,7 @@ void TestSerialRead::interruptedWaitIsMinusOne()
     waits.setBefore([&](const QByteArray &) {
         ++pass;
         if (pass == 1)
-            arrive("abc");
+            m_line->deliver("abc");
         if (pass == 3)
             waits.interrupt(5000);
     });
@@ -286,7 +278,7 @@ void TestSerialRead::signalIsMinusOne()
     struct sigaction before { };
     sigaction(SIGALRM, &heard, &before);
     // Again and again, for one that comes between two waits is lost.
-    const itimerval often{{0, 7000}, {0, 7000}};
+    const itimerval often{{0, 15000}, {0, 15000}};
     setitimer(ITIMER_REAL, &often, nullptr);
     Buffer buffer;
     const int count = m_port->Read(buffer.bytes, 8);
