@@ -3,10 +3,9 @@
 #include "peer.h"
 #include "pty.h"
 #include "serialport.h"
+#include "waits.h"
 
 #include <QtTest>
-
-// An answer of 64 bytes is taken at once; anything else costs a second.
 
 namespace {
 
@@ -46,6 +45,11 @@ QByteArray lines(const char *name, const QByteArray &bytes)
     return text;
 }
 
+const QByteArray kAnswerPause("1 x usleep 25000 us\n");
+const QByteArray kFullRead("1 x select 10000 us\n");
+const QByteArray kShortRead("100 x select 10000 us\n");
+const QByteArray kRetryPause("1 x nanosleep 100000000 ns\n");
+
 const QByteArray kCommandLines = lines("cmd_buf", kConnect);
 const QByteArray kConnected = kCommandLines + "len:64\n" + lines("rx_buf", answer());
 
@@ -64,6 +68,9 @@ private slots:
     void deviceIdIsUnsignedLittleEndian();
     void answersMayComeInPieces();
     void connectIsTriedAgain();
+    void connectGivesUpAfter11Attempts_data();
+    void connectGivesUpAfter11Attempts();
+    void retryPauseIsResumedAfterASignal();
     void overlongAnswerIsCutToItsPacket();
     void failedStepEndsTheSequence_data();
     void failedStepEndsTheSequence();
@@ -73,10 +80,12 @@ private:
     struct Run {
         int result;
         QList<QByteArray> out; // lines
+        QByteArray waits;
     };
 
-    /// Runs the sequence against a board that receives a packet and sends an answer in turn.
-    Run run(const QList<QByteArray> &answers);
+    /// Runs the sequence against a board that receives a packet and sends an answer in turn, while
+    /// it is paused for.
+    Run run(const QList<QByteArray> &answers, Waits::Mode mode = Waits::AtOnce);
 
     QScopedPointer<Pty> m_line;
     QScopedPointer<FileIO> m_io;
@@ -97,18 +106,19 @@ void TestBootloader::cleanup()
     m_line.reset();
 }
 
-TestBootloader::Run TestBootloader::run(const QList<QByteArray> &answers)
+TestBootloader::Run TestBootloader::run(const QList<QByteArray> &answers, Waits::Mode mode)
 {
-    Peer board(*m_line, [this, &answers](Pty &line) {
-        for (const QByteArray &bytes : answers) {
-            m_sent.append(line.receive(kPacketSize));
-            if (!bytes.isEmpty())
-                line.send(bytes);
-        }
+    Waits waits(mode);
+    waits.setBefore([this, rest = answers](const QByteArray &call) mutable {
+        if (!call.startsWith("usleep"))
+            return;
+        m_sent.append(m_line->received());
+        if (!rest.isEmpty())
+            m_line->deliver(rest.takeFirst());
     });
     DescriptorCapture out(1);
     const int result = m_io->sendCmdFromConnect2Config();
-    return {result, out.take().split('\n')};
+    return {result, out.take().split('\n'), waits.asked()};
 }
 
 void TestBootloader::packetsAreExact()
@@ -119,6 +129,7 @@ void TestBootloader::packetsAreExact()
     QCOMPARE(m_sent, packets);
     QCOMPARE(m_line->received(), QByteArray());
     QCOMPARE(sequence.out, (kConnected + "device id:4109760247\n").split('\n'));
+    QCOMPARE(sequence.waits, (kAnswerPause + kFullRead).repeated(4));
 }
 
 void TestBootloader::portIsLeftOpen()
@@ -170,8 +181,12 @@ void TestBootloader::answersMayComeInPieces()
 
 void TestBootloader::connectIsTriedAgain()
 {
-    const Run sequence = run({"", answer(63), answer(), answer(), answer(), answer()});
+    // The one that is waited for.
+    const Run sequence = run({"", answer(63), answer(), answer(), answer(), answer()}, Waits::Real);
     QCOMPARE(sequence.result, 1);
+    QCOMPARE(sequence.waits,
+             (kAnswerPause + kShortRead + kRetryPause).repeated(2)
+                 + (kAnswerPause + kFullRead).repeated(4));
     const QList<QByteArray> packets{kConnect,    kConnect,     kConnect,
                                     kSyncPackno, kGetDeviceId, kReadConfig};
     QCOMPARE(m_sent, packets);
@@ -179,6 +194,53 @@ void TestBootloader::connectIsTriedAgain()
     QCOMPARE(sequence.out,
              (kCommandLines + retries + lines("rx_buf", answer()) + "device id:4109760247\n")
                  .split('\n'));
+}
+
+void TestBootloader::connectGivesUpAfter11Attempts_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<QByteArray>("received");
+    QTest::newRow("silent board") << QByteArray() << QByteArray();
+    QTest::newRow("short answers")
+        << QByteArray("\x41\xFF", 2) << QByteArray("rx_buf[0] = 0x41\nrx_buf[1] = 0xff\n");
+}
+
+void TestBootloader::connectGivesUpAfter11Attempts()
+{
+    QFETCH(QByteArray, bytes);
+    QFETCH(QByteArray, received);
+
+    const Run sequence = run(QVector<QByteArray>(12, bytes).toList());
+    QCOMPARE(sequence.result, -1);
+    const QByteArray length = "len:" + QByteArray::number(bytes.size());
+    QCOMPARE(sequence.out,
+             (kCommandLines + (length + " line:734\n").repeated(10) + length + '\n' + received
+              + "device ack error:CMD_CONNECT\n")
+                 .split('\n'));
+    QCOMPARE(m_sent, QVector<QByteArray>(11, kConnect).toList());
+    QCOMPARE(sequence.waits,
+             (kAnswerPause + kShortRead + kRetryPause).repeated(10) + kAnswerPause + kShortRead);
+    QCOMPARE(m_line->received(), QByteArray());
+    QVERIFY(m_line->isOpenedByProduct());
+}
+
+void TestBootloader::retryPauseIsResumedAfterASignal()
+{
+    m_io->closeSerial();
+    Waits waits(Waits::AtOnce);
+    QList<long> left{60000000, 10000000};
+    waits.setBefore([&](const QByteArray &call) {
+        if (call.startsWith("nanosleep") && !left.isEmpty())
+            waits.interrupt(left.takeFirst());
+    });
+    DescriptorCapture out(1);
+    DescriptorCapture err(2);
+    QCOMPARE(m_io->sendCmdFromConnect2Config(), -1);
+    err.take();
+    out.take();
+    QCOMPARE(waits.asked(),
+             kAnswerPause + kRetryPause + "1 x nanosleep 60000000 ns\n1 x nanosleep 10000000 ns\n"
+                 + (kAnswerPause + kRetryPause).repeated(9) + kAnswerPause);
 }
 
 void TestBootloader::overlongAnswerIsCutToItsPacket()
@@ -225,6 +287,7 @@ void TestBootloader::failedStepEndsTheSequence()
 void TestBootloader::closedPortPrintsMinusOne()
 {
     m_io->closeSerial();
+    const Waits waits(Waits::AtOnce);
     DescriptorCapture out(1);
     DescriptorCapture err(2);
     const int result = m_io->sendCmdFromConnect2Config();

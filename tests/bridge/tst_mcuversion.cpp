@@ -3,6 +3,7 @@
 #include "fileio.h"
 #include "machine.h"
 #include "peer.h"
+#include "waits.h"
 
 #include <QtTest>
 
@@ -71,8 +72,7 @@ void TestMcuVersion::queryIsSentOnceAndExactly()
 void TestMcuVersion::lineIsSetUpAndClosed()
 {
     BoardLine line;
-    line.send("stale");
-    QVERIFY(line.waitUntilArrived(5));
+    line.deliver("stale");
     termios settings{};
     Peer board(line, [&settings](Pty &peer) {
         peer.receive(kQuerySize);
@@ -158,17 +158,21 @@ void TestMcuVersion::moreThanTheReplyIsLeft()
 
 void TestMcuVersion::silentBoardIsWaitedFor()
 {
+    constexpr int passes = 600 * 100; // ten minutes of silence
     BoardLine line;
-    bool waited = false;
-    Peer board(line, [&waited](Pty &peer) {
-        peer.receive(kQuerySize);
-        waited = peer.waitForDiscards(3);
-        peer.send(reply("V4.1.3"));
+    Waits waits(Waits::AtOnce);
+    QByteArray query;
+    int pass = 0;
+    waits.setBefore([&](const QByteArray &) {
+        if (++pass == 1)
+            query = line.received();
+        if (pass > passes)
+            line.deliver(reply("V4.1.3"));
     });
     QCOMPARE(FileIO().getMcuVersion(), QStringLiteral("V4.1.3"));
-    board.finish();
-    QVERIFY(waited);
+    QCOMPARE(waits.asked(), QByteArray::number(passes + 1) + " x select 10000 us\n");
     // It asked once only.
+    QCOMPARE(query, kQuery);
     QCOMPARE(line.received(), QByteArray());
 }
 

@@ -153,6 +153,8 @@ void TestTransfer::lineIsSetUpAndClosed()
     QCOMPARE(cfgetispeed(&settings), speed_t{B115200});
     QCOMPARE(cfgetospeed(&settings), speed_t{B115200});
     QCOMPARE(settings.c_iflag | settings.c_oflag | settings.c_lflag, tcflag_t{0});
+    QCOMPARE(settings.c_cc[VMIN], cc_t{0});
+    QCOMPARE(settings.c_cc[VTIME], cc_t{5});
     // A closed port refuses silently, an open one on a dead line would complain.
     DescriptorCapture err(2);
     const bool isOpen = m_fileIO->serialPort()->SetTimeout(1);

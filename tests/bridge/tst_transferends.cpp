@@ -2,12 +2,12 @@
 #include "fileio.h"
 #include "handmadeframes.h"
 #include "machine.h"
-#include "peer.h"
+#include "waits.h"
 
 #include <QtTest>
 
-// How a transfer ends by itself: after ten silent reads of a second each. A read that gives up
-// discards its output once, which is how the other end counts them.
+// How a transfer ends by itself: after ten silent reads of 100 passes each. A read that gives up
+// discards its output once, which is looked for before each pass: two at once would count as one.
 class TestTransferEnds : public QObject {
     Q_OBJECT
 
@@ -31,6 +31,11 @@ private:
 namespace {
 
 constexpr int kSilentReads = 10;
+
+QByteArray passes(int count)
+{
+    return QByteArray::number(count) + " x select 10000 us\n";
+}
 
 } // namespace
 
@@ -61,11 +66,11 @@ int TestTransferEnds::updateMcu()
 
 void TestTransferEnds::silentBoardIsGivenUpAfterTenReads()
 {
-    bool waited = false;
-    Peer board(*m_line, [&waited](Pty &line) { waited = line.waitForDiscards(kSilentReads); });
+    // The one that is waited for, ten seconds in all.
+    Waits waits(Waits::Real);
+    waits.setBefore([this](const QByteArray &) { m_line->discards(); });
     QCOMPARE(updateMcu(), -1);
-    board.finish();
-    QVERIFY(waited);
+    QCOMPARE(waits.asked(), passes(kSilentReads * 100));
     QCOMPARE(m_line->discards(), kSilentReads);
     QCOMPARE(m_line->received(), QByteArray());
     QVERIFY(!m_line->isOpenedByProduct());
@@ -73,17 +78,21 @@ void TestTransferEnds::silentBoardIsGivenUpAfterTenReads()
 
 void TestTransferEnds::silenceAfterAWordIsSuccessAfterTenReads()
 {
-    bool waited = false;
-    Peer board(*m_line, [&waited](Pty &line) {
-        line.waitForTimeout(5);
-        line.send(QByteArray(10, 'C'));
-        line.receive(133);
-        waited = line.waitForDiscards(kSilentReads);
+    Waits waits(Waits::AtOnce);
+    int pass = 0;
+    QByteArray start;
+    waits.setBefore([&](const QByteArray &) {
+        m_line->discards();
+        ++pass;
+        if (pass == 1)
+            m_line->deliver(QByteArray(10, 'C'));
+        if (pass == 2)
+            start = m_line->received();
     });
     QCOMPARE(updateMcu(), 0);
-    board.finish();
-    QVERIFY(waited);
+    QCOMPARE(waits.asked(), passes(1 + kSilentReads * 100));
     QCOMPARE(m_line->discards(), kSilentReads);
+    QCOMPARE(start, startFrame("UpdataSystem.bin", "7d0"));
     // Nothing is sent again into the silence.
     QCOMPARE(m_line->received(), QByteArray());
     QVERIFY(!m_line->isOpenedByProduct());
@@ -91,19 +100,26 @@ void TestTransferEnds::silenceAfterAWordIsSuccessAfterTenReads()
 
 void TestTransferEnds::silentReadsCountInARowOnly()
 {
+    Waits waits(Waits::AtOnce);
+    int pass = 0;
     QByteArray start;
     QByteArray block;
-    Peer board(*m_line, [&](Pty &line) {
-        line.waitForDiscards(6);
-        line.send(QByteArray(10, 'C'));
-        start = line.receive(133);
-        line.waitForDiscards(12);
-        line.send(QByteArray(10, '\x06'));
-        block = line.receive(1029);
-        line.hangUp();
+    // Each in the last pass of the last silent read.
+    waits.setBefore([&](const QByteArray &) {
+        m_line->discards();
+        ++pass;
+        if (pass == 1000)
+            m_line->deliver(QByteArray(10, 'C'));
+        if (pass == 1001)
+            start = m_line->received();
+        if (pass == 2000)
+            m_line->deliver(QByteArray(10, '\x06'));
+        if (pass == 2001)
+            block = m_line->received();
     });
     QCOMPARE(updateMcu(), 0);
-    board.finish();
+    QCOMPARE(waits.asked(), passes(3000));
+    QCOMPARE(m_line->discards(), 9 + 9 + kSilentReads);
     QCOMPARE(start, startFrame("UpdataSystem.bin", "7d0"));
     QVERIFY(block == dataBlock(1, m_image.left(kYModemPayload)));
 }

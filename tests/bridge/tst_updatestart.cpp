@@ -3,6 +3,7 @@
 #include "machine.h"
 #include "peer.h"
 #include "serialport.h"
+#include "waits.h"
 
 #include <QtTest>
 
@@ -18,6 +19,8 @@ const QByteArray kCommand = QByteArray::fromHex("e712ff0000000000000000001300000
 const QByteArray kSuccess("[info]: MCU response successfully.\n");
 const QByteArray kFormatError("[error]: response format error(1).\n");
 const QByteArray kSumError("[error]: response format error(2).\n");
+
+const QByteArray kPause("1 x usleep 25000 us\n");
 
 QByteArray noResponse(int count)
 {
@@ -105,8 +108,7 @@ void TestUpdateStart::commandIsSentOnceAndExactly()
 void TestUpdateStart::lineIsSetUpAndClosed()
 {
     BoardLine line;
-    line.send("stale");
-    QVERIFY(line.waitUntilArrived(5));
+    line.deliver("stale");
     termios settings{};
     Peer board(line, [&settings](Pty &peer) {
         peer.receive(kCommandSize);
@@ -205,7 +207,9 @@ void TestUpdateStart::answerMayComeInPieces()
 void TestUpdateStart::silentBoardIsMinusOne()
 {
     BoardLine line;
+    const Waits waits(Waits::AtOnce);
     QCOMPARE(start(), -1);
+    QCOMPARE(waits.asked(), kPause + "100 x select 10000 us\n");
     QCOMPARE(m_printed, noResponse(0));
     QCOMPARE(line.discards(), 1);
     QVERIFY(!line.isOpenedByProduct());
@@ -241,14 +245,18 @@ void TestUpdateStart::serialIoctlWritesPausesAndReads()
     unsigned char command[] = {1, 2, 3, 4};
     unsigned char reply[kAnswerMax + 4];
     std::memset(reply, '#', sizeof reply);
-    const QByteArray answered(kAnswerMax + 2, 'a');
-    Peer board(line, [&answered](Pty &peer) { peer.send(answered); });
-    QElapsedTimer timer;
-    timer.start();
+    QByteArray written;
+    Waits waits(Waits::Real);
+    waits.setBefore([&](const QByteArray &call) {
+        if (!call.startsWith("usleep"))
+            return;
+        written = line.received();
+        line.deliver(QByteArray(kAnswerMax + 2, 'a'));
+    });
     QCOMPARE(m_fileIO->serialIoctl(command, 3, reply), kAnswerMax);
-    QVERIFY(timer.elapsed() >= 25);
-    board.finish();
-    QCOMPARE(line.received(), QByteArray("\1\2\3"));
+    QCOMPARE(waits.asked(), kPause + "1 x select 10000 us\n");
+    QCOMPARE(written, QByteArray("\1\2\3")); // before the pause
+    QCOMPARE(line.received(), QByteArray());
     QCOMPARE(QByteArray(reinterpret_cast<char *>(reply), sizeof reply),
              QByteArray(kAnswerMax, 'a') + "####");
     // It leaves the port as it found it.

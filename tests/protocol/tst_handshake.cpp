@@ -4,10 +4,9 @@
 #include "plainframe.h"
 #include "pty.h"
 #include "serialport.h"
+#include "waits.h"
 
 #include <QtTest>
-
-// An answer of 100 bytes or more ends the read at once; a shorter one costs a second.
 
 namespace {
 
@@ -79,6 +78,12 @@ QList<QByteArray> v4Lines(const QByteArray &received, const char *verdict)
     return (text + verdict + '\n').split('\n');
 }
 
+/// Of an exchange that finds `count` bytes: a full read ends at once, and nothing is paused for.
+QByteArray readWaits(int count)
+{
+    return count < kReadMax ? "100 x select 10000 us\n" : "1 x select 10000 us\n";
+}
+
 } // namespace
 
 class TestHandshake : public QObject {
@@ -118,6 +123,7 @@ private:
         QList<QByteArray> out; // lines
         QStringList messages;
         QByteArray request;
+        QByteArray waits;
     };
 
     /// One handshake with a board that answers `answer` once the request has come.
@@ -145,19 +151,21 @@ void TestHandshake::cleanup()
 TestHandshake::Exchange TestHandshake::exchange(Handshake handshake, const QByteArray &answer)
 {
     Exchange done;
-    const int size = handshake == &FileIO::handsharkeV3 ? 73 : 76;
-    Peer board(*m_line, [&](Pty &line) {
-        done.request = line.receive(size);
+    Waits waits(Waits::AtOnce);
+    waits.setBefore([&](const QByteArray &) {
+        if (!done.request.isEmpty())
+            return;
+        done.request = m_line->received();
         if (!answer.isEmpty())
-            line.send(answer);
+            m_line->deliver(answer);
     });
     const MessageCapture messages;
     DescriptorCapture out(1);
     done.result = (m_io.data()->*handshake)();
     done.out = out.take().split('\n');
     done.messages = messages.messages();
-    board.finish();
     done.request += m_line->received();
+    done.waits = waits.asked();
     return done;
 }
 
@@ -184,6 +192,7 @@ void TestHandshake::v3JudgesItsOwnRequest()
     const int count = qMin(answer.size(), kReadMax);
     QCOMPARE(done.result, count);
     QCOMPARE(done.request, requestOf(kPlainV3));
+    QCOMPARE(done.waits, readWaits(count));
     QCOMPARE(done.out, QByteArray("handsharke: FRAME_OK\n").split('\n'));
     QCOMPARE(done.messages, v3Messages(count));
     QCOMPARE(m_io->frameStatus(), int(FRAME_OK));
@@ -363,6 +372,7 @@ void TestHandshake::v4RefusesBadAnswers()
     const Exchange done = exchange(&FileIO::handsharkeV4, answer);
     QCOMPARE(done.result, -1);
     QCOMPARE(done.request, requestOf(kPlainV4));
+    QCOMPARE(done.waits, readWaits(answer.size()));
     QCOMPARE(done.out, v4Lines(answer.left(kReadMax), "handsharke: FRAME_BAD"));
     QCOMPARE(done.messages, v4Messages(qMin(answer.size(), kReadMax)));
     QCOMPARE(m_io->frameStatus(), status);
@@ -442,9 +452,11 @@ void TestHandshake::ioctlReads100AndIgnoresItsWait()
         QCOMPARE(m_io->serialIoctl(tx.data(), 255, rx.data(), wait), 100);
         QCOMPARE(textOf(rx), QByteArray(50, 'a') + QByteArray(50, 'b'));
     }
-    m_line->send("x");
+    m_line->deliver("x");
     Bytes rx(100, 'r');
-    QCOMPARE(m_io->serialIoctl(rx.data(), 0, rx.data(), 0), 1);
+    const Waits waits(Waits::Real);
+    QCOMPARE(m_io->serialIoctl(rx.data(), 0, rx.data(), 1000000), 1);
+    QCOMPARE(waits.asked(), readWaits(1));
     QCOMPARE(textOf(rx), QByteArray("x\0\0\0", 4) + QByteArray(96, 'r'));
     QCOMPARE(m_line->received(), QByteArray());
 }

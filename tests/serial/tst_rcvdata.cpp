@@ -2,47 +2,21 @@
 #include "fileio.h"
 #include "pty.h"
 #include "serialport.h"
+#include "waits.h"
 
-#include <QElapsedTimer>
 #include <QtTest>
 
-#include <csignal>
-#include <functional>
-#include <sys/ioctl.h>
-#include <sys/time.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <vector>
 
-// The block's time-out counts this process's processor time, so the board of these tests plays in
-// a process of its own. A case that ends by the time-out waits a second once.
+// The block's time-out is beyond 1000 ticks of the processor's time. Each read takes one here, so
+// 1001 reads end it.
 
 namespace {
 
 constexpr int kCapacity = 128; // of the caller's buffer
 constexpr char kUntouched = '#';
+constexpr int kReads = 1001; // up to the time-out
 const QByteArray kTimeOut = "Time out:line = 232\n\r";
-
-class BoardProcess {
-public:
-    explicit BoardProcess(const std::function<void()> &script)
-        : m_child(fork())
-    {
-        if (m_child < 0)
-            qFatal("cannot fork");
-        if (m_child > 0)
-            return;
-        alarm(kHangMs / 1000);
-        script();
-        _exit(0);
-    }
-    ~BoardProcess() { waitpid(m_child, nullptr, 0); }
-    BoardProcess(const BoardProcess &) = delete;
-    BoardProcess &operator=(const BoardProcess &) = delete;
-
-private:
-    pid_t m_child;
-};
 
 QByteArray readLine(int count)
 {
@@ -74,6 +48,7 @@ private slots:
     void passing64RunsIntoTheTimeOut();
     void silentLineIsZero();
     void waitCarriesOver();
+    void silentLineIsWaitedForOnce();
     void failedWaitsMakeANegativeTotal();
     void failedReadsCount65535();
     void nothingIsWrittenBehindTheBuffer();
@@ -86,10 +61,9 @@ private:
         QByteArray bytes; // all that the caller's buffer can hold
     };
 
-    void arrive(const QByteArray &bytes);
     Block receive();
-    /// Receives the pieces, each sent once the one before is taken.
-    Block receivePieces(const QByteArrayList &pieces);
+    /// Receives with a piece before each wait, until there are no more.
+    Block receive(Waits &waits, QByteArrayList pieces);
 
     QScopedPointer<Pty> m_line;
     QScopedPointer<FileIO> m_io;
@@ -108,15 +82,6 @@ void TestRcvData::cleanup()
     m_line.reset();
 }
 
-/// Sends `bytes` and waits until they stand ready for the product.
-void TestRcvData::arrive(const QByteArray &bytes)
-{
-    m_line->send(bytes);
-    int ready = 0;
-    QTRY_VERIFY_WITH_TIMEOUT(ioctl(m_line->slave(), FIONREAD, &ready) == 0 && ready == bytes.size(),
-                             kHangMs);
-}
-
 TestRcvData::Block TestRcvData::receive()
 {
     // On the heap in exactly its size, so that the sanitizers see every byte beyond it.
@@ -126,27 +91,24 @@ TestRcvData::Block TestRcvData::receive()
     return {total, out.take(), {reinterpret_cast<const char *>(buffer.data()), kCapacity}};
 }
 
-TestRcvData::Block TestRcvData::receivePieces(const QByteArrayList &pieces)
+TestRcvData::Block TestRcvData::receive(Waits &waits, QByteArrayList pieces)
 {
-    arrive(pieces.first());
-    const BoardProcess board([&] {
-        for (const QByteArray &piece : pieces.mid(1)) {
-            m_line->waitUntilTaken();
-            m_line->send(piece);
-        }
+    waits.setBefore([this, pieces](const QByteArray &) mutable {
+        if (!pieces.isEmpty())
+            m_line->deliver(pieces.takeFirst());
     });
     return receive();
 }
 
 void TestRcvData::wholeBlockIsTakenAtOnce()
 {
-    arrive(bytesUpTo(64));
+    m_line->deliver(bytesUpTo(64));
     const Block block = receive();
     QCOMPARE(block.total, 64);
     QCOMPARE(block.out, readLine(64));
     QCOMPARE(block.bytes, bytesUpTo(64) + QByteArray(64, kUntouched));
     // And the next one too.
-    arrive(bytesUpTo(64));
+    m_line->deliver(bytesUpTo(64));
     QCOMPARE(receive().total, 64);
 }
 
@@ -163,7 +125,8 @@ void TestRcvData::piecesThatMakeABlockEndEarly()
     QFETCH(int, first);
 
     const QByteArray bytes = bytesUpTo(64);
-    const Block block = receivePieces({bytes.left(first), bytes.mid(first)});
+    Waits waits(Waits::AtOnce);
+    const Block block = receive(waits, {bytes.left(first), bytes.mid(first)});
     QCOMPARE(block.out, readLine(first) + readLine(64 - first));
     QCOMPARE(block.total, 64);
     QCOMPARE(block.bytes, bytes + QByteArray(64, kUntouched));
@@ -171,11 +134,9 @@ void TestRcvData::piecesThatMakeABlockEndEarly()
 
 void TestRcvData::moreThanABlockIsLeftOnTheLine()
 {
-    arrive(bytesUpTo(100));
+    m_line->deliver(bytesUpTo(100));
     QCOMPARE(receive().total, 64);
-    int ready = 0;
-    QCOMPARE(ioctl(m_line->slave(), FIONREAD, &ready), 0);
-    QCOMPARE(ready, 36);
+    QCOMPARE(m_line->pending(), 36);
 }
 
 void TestRcvData::passing64RunsIntoTheTimeOut_data()
@@ -201,46 +162,55 @@ void TestRcvData::passing64RunsIntoTheTimeOut()
         bytes += pieces.last();
         taken += readLine(size);
     }
-    const Block block = receivePieces(pieces);
+    Waits waits(Waits::AtOnce);
+    const Block block = receive(waits, pieces);
     QCOMPARE(block.total, bytes.size());
-    QCOMPARE(block.out.left(taken.size()), taken);
-    // Silence up to the end.
-    const int silent = block.out.count(readLine(0));
-    QCOMPARE(block.out, taken + readLine(0).repeated(silent) + kTimeOut);
-    QVERIFY(silent > 0);
+    QCOMPARE(block.out, taken + readLine(0).repeated(kReads - pieces.size()) + kTimeOut);
     QCOMPARE(block.bytes, bytes.leftJustified(kCapacity, kUntouched));
 }
 
 void TestRcvData::silentLineIsZero()
 {
+    const Waits waits(Waits::AtOnce);
     const Block block = receive();
+    QCOMPARE(waits.asked(), QByteArray("1 x select 1100000 us\n1000 x select 0 us\n"));
     QCOMPARE(block.total, 0);
-    QCOMPARE(block.out, readLine(0).repeated(block.out.count(readLine(0))) + kTimeOut);
+    QCOMPARE(block.out, readLine(0).repeated(kReads) + kTimeOut);
     QCOMPARE(block.bytes, QByteArray(kCapacity, kUntouched));
 }
 
 void TestRcvData::waitCarriesOver()
 {
-    // The first read waits the whole 1.1 s and leaves nothing, so the many others do not wait: a
-    // millisecond of processor time would be many seconds otherwise.
-    QElapsedTimer clock;
-    clock.start();
+    // Each piece leaves a bit less; the first silent read waits for all of it.
+    Waits waits(Waits::AtOnce);
+    QCOMPARE(receive(waits, {"a", "b"}).total, 2);
+    QCOMPARE(waits.asked(),
+             QByteArray("1 x select 1100000 us\n1 x select 1099999 us\n1 x select 1099998 us\n"
+                        "998 x select 0 us\n"));
+}
+
+void TestRcvData::silentLineIsWaitedForOnce()
+{
+    // With the real time, and the processor's.
+    const Waits waits(Waits::Real);
     const Block block = receive();
-    QVERIFY(block.out.count(readLine(0)) > 10);
-    QVERIFY2(clock.elapsed() < 10000, qPrintable(QString::number(clock.elapsed())));
+    const int reads = block.out.count(readLine(0));
+    QVERIFY(reads > 1);
+    QCOMPARE(block.out, readLine(0).repeated(reads) + kTimeOut);
+    QCOMPARE(waits.asked(),
+             "1 x select 1100000 us\n" + QByteArray::number(reads - 1) + " x select 0 us\n");
 }
 
 void TestRcvData::failedWaitsMakeANegativeTotal()
 {
     m_io->closeSerial();
+    const Waits waits(Waits::AtOnce);
     DescriptorCapture err(2);
     const Block block = receive();
-    const QByteArray failed = "read failed! (Bad file descriptor)\n";
-    const int failures = block.out.count(failed);
-    QVERIFY(failures > 0);
-    QCOMPARE(block.total, -failures);
-    QCOMPARE(block.out, failed.repeated(failures) + kTimeOut);
-    QCOMPARE(err.take(), QByteArray("select error!!: Bad file descriptor\n").repeated(failures));
+    QCOMPARE(err.take(), QByteArray("select error!!: Bad file descriptor\n").repeated(kReads));
+    QCOMPARE(block.total, -kReads);
+    QCOMPARE(block.out,
+             QByteArray("read failed! (Bad file descriptor)\n").repeated(kReads) + kTimeOut);
     QCOMPARE(block.bytes, QByteArray(kCapacity, kUntouched));
 }
 
@@ -251,61 +221,42 @@ void TestRcvData::failedReadsCount65535()
     DescriptorCapture err(2);
     QVERIFY(!m_io->serialPort()->Open("/proc/self/mem", "115200"));
     err.take();
+    const Waits waits(Waits::AtOnce);
     const Block block = receive();
-    const int failures = block.out.count(readLine(65535));
-    QVERIFY(failures > 0);
-    QCOMPARE(block.total, failures * 65535);
-    QCOMPARE(block.out, readLine(65535).repeated(failures) + kTimeOut);
+    QCOMPARE(block.total, kReads * 65535);
+    QCOMPARE(block.out, readLine(65535).repeated(kReads) + kTimeOut);
     QCOMPARE(block.bytes, QByteArray(kCapacity, kUntouched));
 }
 
 void TestRcvData::nothingIsWrittenBehindTheBuffer()
 {
     const QByteArray bytes = bytesUpTo(240);
-    const Block block = receivePieces({bytes.left(40), bytes.mid(40)});
+    Waits waits(Waits::AtOnce);
+    const Block block = receive(waits, {bytes.left(40), bytes.mid(40)});
     QCOMPARE(block.total, 240);
-    const QByteArray taken =
-        readLine(40) + readLine(64) + readLine(64) + readLine(64) + readLine(8);
-    QCOMPARE(block.out.left(taken.size()), taken);
-    QVERIFY(block.out.endsWith(kTimeOut));
+    QCOMPARE(block.out,
+             readLine(40) + readLine(64) + readLine(64) + readLine(64) + readLine(8)
+                 + readLine(0).repeated(kReads - 5) + kTimeOut);
     // The third read begins within the buffer and ends behind it.
     QCOMPARE(block.bytes, bytes.left(kCapacity));
 }
 
-namespace {
-
-Pty *interruptedLine = nullptr;
-QByteArray lateBytes;
-
-} // namespace
-
 void TestRcvData::nothingIsWrittenBeforeTheBuffer()
 {
-    // A signal ends the first wait, and what then comes finds a negative total. The bytes are sent
-    // by the handler, which runs behind the wait that it has interrupted.
-    interruptedLine = m_line.data();
-    lateBytes = bytesUpTo(64);
-    struct sigaction sendLate { };
-    sendLate.sa_handler = [](int) { interruptedLine->send(lateBytes); };
-    struct sigaction before { };
-    sigaction(SIGALRM, &sendLate, &before);
-    Block block{};
-    // Once more with more time if the signal came before the wait.
-    for (int delayMs = 100; delayMs < kHangMs / 2; delayMs *= 2) {
-        const itimerval once{{0, 0}, {delayMs / 1000, delayMs % 1000 * 1000L}};
-        setitimer(ITIMER_REAL, &once, nullptr);
-        block = receive();
-        if (block.total != 64)
-            break;
-    }
-    sigaction(SIGALRM, &before, nullptr);
-
+    // A signal ends the first wait, and what then comes finds a negative total.
+    Waits waits(Waits::AtOnce);
+    waits.interrupt(1000000);
+    const Block block = receive(waits, {{}, bytesUpTo(64)});
     QCOMPARE(block.total, 63);
-    const QByteArray start = "read failed! (Interrupted system call)\n" + readLine(64);
-    QCOMPARE(block.out.left(start.size()), start);
-    QVERIFY(block.out.endsWith(kTimeOut));
+    QCOMPARE(block.out,
+             "read failed! (Interrupted system call)\n" + readLine(64) + readLine(0).repeated(999)
+                 + kTimeOut);
+    // The rest of the first wait, and what the second left of it.
+    QCOMPARE(waits.asked(),
+             QByteArray("1 x select 1100000 us\n1 x select 1000000 us\n"
+                        "1 x select 999999 us\n998 x select 0 us\n"));
     // The first byte would stand before the buffer.
-    QCOMPARE(block.bytes, lateBytes.mid(1).leftJustified(kCapacity, kUntouched));
+    QCOMPARE(block.bytes, bytesUpTo(64).mid(1).leftJustified(kCapacity, kUntouched));
 }
 
 QTEST_APPLESS_MAIN(TestRcvData)

@@ -3,14 +3,15 @@
 #include "peer.h"
 #include "pty.h"
 #include "serialport.h"
+#include "waits.h"
 
 #include <QtTest>
 
+#include <csignal>
 #include <cstring>
+#include <sys/time.h>
 #include <unistd.h>
 
-// Every Read that gives up takes a second. It then discards its output once, which is how the
-// other end of the line counts them.
 class TestSerialRead : public QObject {
     Q_OBJECT
 
@@ -24,9 +25,12 @@ private slots:
     void fullBufferReturnsAtOnceWithoutDiscarding();
     void noMoreIsTakenThanAsked();
     void piecesAreCollected();
-    void shortAnswerIsReturnedAfterASecond();
+    void shortAnswerIsReturnedAfter100Passes();
     void firstByteRenewsTheWait();
+    void laterBytesDoNotRenewTheWait();
     void tricklingLineEndsAfter100Passes();
+    void interruptedWaitIsMinusOne();
+    void signalIsMinusOne();
     void hungUpLineIsZero();
     void hangUpKeepsWhatCame();
     void failingReadDoesNotMoveThePosition();
@@ -68,6 +72,11 @@ struct Buffer {
 
 const QByteArray kFourZeros(4, '\0');
 
+QByteArray passes(int count)
+{
+    return QByteArray::number(count) + " x select 10000 us\n";
+}
+
 } // namespace
 
 void TestSerialRead::init()
@@ -90,12 +99,14 @@ void TestSerialRead::openLine()
 
 void TestSerialRead::closedPortIsMinusOne()
 {
+    const Waits waits(Waits::AtOnce);
     Buffer buffer;
     QCOMPARE(m_port->Read(buffer.bytes, 8), -1);
     QVERIFY(buffer.isUntouchedFrom(0));
     openLine();
     m_port->Close();
     QCOMPARE(m_port->Read(buffer.bytes, 8), -1);
+    QCOMPARE(waits.asked(), QByteArray());
 }
 
 void TestSerialRead::descriptorZeroCountsAsClosed()
@@ -124,12 +135,10 @@ void TestSerialRead::descriptorZeroCountsAsClosed()
 void TestSerialRead::silentLineIsZero()
 {
     openLine();
+    const Waits waits(Waits::AtOnce);
     Buffer buffer;
-    QElapsedTimer timer;
-    timer.start();
     QCOMPARE(m_port->Read(buffer.bytes, 8), 0);
-    QVERIFY(timer.elapsed() >= 1000);
-    QVERIFY(timer.elapsed() < kHangMs);
+    QCOMPARE(waits.asked(), passes(100));
     QCOMPARE(buffer.head(4), kFourZeros);
     QVERIFY(buffer.isUntouchedFrom(4));
     QVERIFY(buffer.guardsStand());
@@ -140,9 +149,11 @@ void TestSerialRead::silentLineIsZero()
 void TestSerialRead::fullBufferReturnsAtOnceWithoutDiscarding()
 {
     openLine();
-    m_line->send("abcd");
+    m_line->deliver("abcd");
+    const Waits waits(Waits::Real);
     Buffer buffer;
     QCOMPARE(m_port->Read(buffer.bytes, 4), 4);
+    QCOMPARE(waits.asked(), passes(1));
     QCOMPARE(buffer.head(4), QByteArray("abcd"));
     QVERIFY(buffer.isUntouchedFrom(4));
     QCOMPARE(m_line->discards(), 0);
@@ -178,12 +189,15 @@ void TestSerialRead::piecesAreCollected()
     QCOMPARE(m_line->discards(), 0);
 }
 
-void TestSerialRead::shortAnswerIsReturnedAfterASecond()
+void TestSerialRead::shortAnswerIsReturnedAfter100Passes()
 {
     openLine();
-    m_line->send("a");
+    m_line->deliver("a");
+    // The one that is waited for, a second in all.
+    const Waits waits(Waits::Real);
     Buffer buffer;
     QCOMPARE(m_port->Read(buffer.bytes, 8), 1);
+    QCOMPARE(waits.asked(), passes(100));
     QCOMPARE(buffer.head(4), QByteArray("a\0\0\0", 4));
     QVERIFY(buffer.isUntouchedFrom(4));
     QCOMPARE(m_line->discards(), 1);
@@ -192,40 +206,86 @@ void TestSerialRead::shortAnswerIsReturnedAfterASecond()
 void TestSerialRead::firstByteRenewsTheWait()
 {
     openLine();
-    // More than a second in all, less than one between two events.
-    Peer peer(*m_line, [](Pty &line) {
-        QThread::msleep(600);
-        line.send("a");
-        line.waitUntilTaken();
-        QThread::msleep(600);
-        line.send("b");
+    Waits waits(Waits::AtOnce);
+    int pass = 0;
+    // Each in the last pass that is waited.
+    waits.setBefore([&](const QByteArray &) {
+        ++pass;
+        if (pass == 100)
+            m_line->deliver("a");
+        if (pass == 199)
+            m_line->deliver("b");
     });
     Buffer buffer;
-    const int count = m_port->Read(buffer.bytes, 2);
-    peer.finish();
-    QCOMPARE(count, 2);
+    QCOMPARE(m_port->Read(buffer.bytes, 2), 2);
+    QCOMPARE(waits.asked(), passes(199));
     QCOMPARE(buffer.head(4), QByteArray("ab\0\0", 4));
     QCOMPARE(m_line->discards(), 0);
+}
+
+void TestSerialRead::laterBytesDoNotRenewTheWait()
+{
+    openLine();
+    Waits waits(Waits::AtOnce);
+    int pass = 0;
+    waits.setBefore([&](const QByteArray &) {
+        ++pass;
+        if (pass == 1 || pass == 100)
+            m_line->deliver("x");
+    });
+    Buffer buffer;
+    QCOMPARE(m_port->Read(buffer.bytes, 8), 2);
+    QCOMPARE(waits.asked(), passes(100));
+    QCOMPARE(m_line->discards(), 1);
 }
 
 void TestSerialRead::tricklingLineEndsAfter100Passes()
 {
     openLine();
-    constexpr int wanted = 400;
-    Peer peer(*m_line, [](Pty &line) {
-        for (int i = 0; i < wanted && line.discards() == 0; ++i) {
-            line.send("x");
-            line.waitUntilTaken();
-        }
+    Waits waits(Waits::AtOnce);
+    waits.setBefore([this](const QByteArray &) { m_line->deliver("x"); });
+    QByteArray bytes(400, '\0');
+    QCOMPARE(m_port->Read(bytes.data(), bytes.size()), 100);
+    QCOMPARE(waits.asked(), passes(100));
+    QCOMPARE(bytes.left(101), QByteArray(100, 'x') + '\0');
+    QCOMPARE(m_line->discards(), 1);
+}
+
+void TestSerialRead::interruptedWaitIsMinusOne()
+{
+    openLine();
+    Waits waits(Waits::AtOnce);
+    int pass = 0;
+    waits.setBefore([&](const QByteArray &) {
+        ++pass;
+        if (pass == 1)
+            m_line->deliver("abc");
+        if (pass == 3)
+            waits.interrupt(5000);
     });
-    QByteArray bytes(wanted, '\0');
-    const int count = m_port->Read(bytes.data(), wanted);
-    // The peer may be waiting for its last byte to be taken.
-    QByteArray rest(wanted, '\0');
-    timeval none{0, 0};
-    m_port->read_uart_port(reinterpret_cast<unsigned char *>(rest.data()), wanted, &none);
-    peer.finish();
-    QVERIFY2(count >= 1 && count <= 100, QByteArray::number(count).constData());
+    Buffer buffer;
+    QCOMPARE(m_port->Read(buffer.bytes, 8), -1);
+    QCOMPARE(waits.asked(), passes(3));
+    QCOMPARE(buffer.head(4), QByteArray("abc\0", 4));
+    QCOMPARE(m_line->discards(), 1);
+}
+
+void TestSerialRead::signalIsMinusOne()
+{
+    openLine();
+    struct sigaction heard { };
+    heard.sa_handler = [](int) {};
+    struct sigaction before { };
+    sigaction(SIGALRM, &heard, &before);
+    // Again and again, for one that comes between two waits is lost.
+    const itimerval often{{0, 15000}, {0, 15000}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    Buffer buffer;
+    const int count = m_port->Read(buffer.bytes, 8);
+    const itimerval never{};
+    setitimer(ITIMER_REAL, &never, nullptr);
+    sigaction(SIGALRM, &before, nullptr);
+    QCOMPARE(count, -1);
     QCOMPARE(m_line->discards(), 1);
 }
 
@@ -233,11 +293,10 @@ void TestSerialRead::hungUpLineIsZero()
 {
     openLine();
     m_line->hangUp();
+    const Waits waits(Waits::Real);
     Buffer buffer;
-    QElapsedTimer timer;
-    timer.start();
     QCOMPARE(m_port->Read(buffer.bytes, 8), 0);
-    QVERIFY(timer.elapsed() < kHangMs);
+    QCOMPARE(waits.asked(), passes(100));
     QCOMPARE(buffer.head(4), kFourZeros);
     QVERIFY(buffer.isUntouchedFrom(4));
     QVERIFY(buffer.guardsStand());
@@ -264,8 +323,10 @@ void TestSerialRead::failingReadDoesNotMoveThePosition()
 {
     // Always readable for select(), and its first page cannot be read: each pass fails.
     QVERIFY(!m_port->Open("/proc/self/mem", "115200"));
+    const Waits waits(Waits::Real);
     Buffer buffer;
     QCOMPARE(m_port->Read(buffer.bytes, 8), 0);
+    QCOMPARE(waits.asked(), passes(100));
     QCOMPARE(buffer.head(4), kFourZeros);
     QVERIFY(buffer.isUntouchedFrom(4));
     QVERIFY(buffer.guardsStand());

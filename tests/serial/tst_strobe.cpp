@@ -1,8 +1,8 @@
 #include "capture.h"
 #include "pty.h"
 #include "serialport.h"
+#include "waits.h"
 
-#include <QElapsedTimer>
 #include <QtTest>
 
 #include <cerrno>
@@ -18,10 +18,11 @@ struct ModemLines {
     int bits = 0;
     int writesUntilFailure = 0;
     QList<int> writes;
-    QList<qint64> writtenAtMs;
-    QElapsedTimer clock;
 };
 ModemLines modem;
+
+const QByteArray kLow("1 x usleep 250000 us\n");
+const QByteArray kSettle("1 x usleep 50000 us\n");
 
 int modemLines(unsigned long request, int *bits)
 {
@@ -30,7 +31,6 @@ int modemLines(unsigned long request, int *bits)
         return 0;
     }
     modem.writes.append(*bits);
-    modem.writtenAtMs.append(modem.clock.elapsed());
     if (modem.writes.size() > modem.writesUntilFailure) {
         errno = EIO;
         return -1;
@@ -66,29 +66,32 @@ private slots:
     void failedRaiseIsReported();
 
 private:
-    void strobe();
+    void strobe(Waits::Mode mode = Waits::AtOnce);
 
     QByteArray m_out;
     QByteArray m_err;
-    qint64 m_endedAtMs = 0;
+    QByteArray m_waits;
+    QList<int> m_writesBefore; // each wait
 };
 
 void TestStrobe::init()
 {
     modem = {};
     modem.writesUntilFailure = 2;
+    m_writesBefore.clear();
 }
 
-void TestStrobe::strobe()
+void TestStrobe::strobe(Waits::Mode mode)
 {
     Pty line;
     SerialPort port;
     QVERIFY(port.Open(line.path().constData(), "115200"));
     DescriptorCapture out(1);
     DescriptorCapture err(2);
-    modem.clock.start();
+    Waits waits(mode);
+    waits.setBefore([this](const QByteArray &) { m_writesBefore.append(modem.writes.size()); });
     port.StrobeDTRRTS();
-    m_endedAtMs = modem.clock.elapsed();
+    m_waits = waits.asked();
     m_err = err.take();
     m_out = out.take();
 }
@@ -112,10 +115,9 @@ void TestStrobe::otherLinesStay()
 
 void TestStrobe::holdsEachState()
 {
-    strobe();
-    QCOMPARE(modem.writtenAtMs.size(), 2);
-    QVERIFY(modem.writtenAtMs.at(1) - modem.writtenAtMs.at(0) >= 249);
-    QVERIFY(m_endedAtMs - modem.writtenAtMs.at(1) >= 49);
+    strobe(Waits::Real);
+    QCOMPARE(m_waits, kLow + kSettle);
+    QCOMPARE(m_writesBefore, QList<int>({1, 2}));
 }
 
 void TestStrobe::failedDropStops()
@@ -123,6 +125,7 @@ void TestStrobe::failedDropStops()
     modem.writesUntilFailure = 0;
     strobe();
     QCOMPARE(modem.writes.size(), 1);
+    QCOMPARE(m_waits, QByteArray());
     QCOMPARE(m_out, QByteArray("Clearing DTR/RTS\n"));
     QCOMPARE(m_err, QByteArray("ioctl('TIOCMSET'): Input/output error\n"));
 }
@@ -132,6 +135,7 @@ void TestStrobe::failedRaiseIsReported()
     modem.writesUntilFailure = 1;
     strobe();
     QCOMPARE(modem.writes.size(), 2);
+    QCOMPARE(m_waits, kLow);
     QCOMPARE(m_out, QByteArray("Clearing DTR/RTS\nSetting DTR/RTS\n"));
     QCOMPARE(m_err, QByteArray("ioctl('TIOCMSET'): Input/output error\n"));
 }

@@ -66,6 +66,26 @@ void Pty::send(const QByteArray &bytes)
         qFatal("the line does not take %d bytes", bytes.size());
 }
 
+void Pty::deliver(const QByteArray &bytes)
+{
+    const int before = pending();
+    send(bytes);
+    const QDeadlineTimer deadline(kHangMs);
+    while (pending() < before + bytes.size()) {
+        if (deadline.hasExpired())
+            qFatal("%d bytes do not arrive", bytes.size());
+        QThread::msleep(kPollMs);
+    }
+}
+
+int Pty::pending() const
+{
+    int count = 0;
+    if (ioctl(m_slave, FIONREAD, &count) != 0)
+        qFatal("the held slave cannot be asked");
+    return count;
+}
+
 /// Waits for one packet and sorts it. False when none comes in time or the line is dead.
 bool Pty::collect(int timeoutMs)
 {
@@ -110,18 +130,6 @@ QByteArray Pty::received()
     return bytes;
 }
 
-bool Pty::waitUntilArrived(int count) const
-{
-    const QDeadlineTimer deadline(kHangMs);
-    while (!deadline.hasExpired()) {
-        int pending = 0;
-        if (ioctl(m_slave, FIONREAD, &pending) == 0 && pending >= count)
-            return true;
-        QThread::msleep(kPollMs);
-    }
-    return false;
-}
-
 bool Pty::waitUntilTaken()
 {
     // What is sent takes a moment to arrive, so an empty queue alone tells nothing.
@@ -130,8 +138,7 @@ bool Pty::waitUntilTaken()
         return false;
     const QDeadlineTimer deadline(kHangMs);
     while (!deadline.hasExpired()) {
-        int pending = 0;
-        if (ioctl(m_slave, FIONREAD, &pending) == 0 && pending == 0)
+        if (pending() == 0)
             return true;
         QThread::msleep(kPollMs);
     }

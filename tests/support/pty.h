@@ -26,14 +26,16 @@ public:
 
     /// Sends `bytes` to the product, all in one write.
     void send(const QByteArray &bytes);
+    /// Sends `bytes` to the product, which is not reading meanwhile, and waits until they stand
+    /// ready for it: what is sent takes a moment to arrive. Needs the held slave.
+    void deliver(const QByteArray &bytes);
+    /// How many bytes stand ready for the product. Needs the held slave.
+    int pending() const;
     /// What the product sent: exactly `count` bytes, fewer when they do not come in time.
     QByteArray receive(int count, int timeoutMs = kHangMs);
     /// What the product has sent by now, besides what was received already. Needs the held slave.
     QByteArray received();
 
-    /// Waits until `count` sent bytes stand ready for the product, which is not reading meanwhile:
-    /// what is sent takes a moment to arrive. Needs the held slave.
-    bool waitUntilArrived(int count) const;
     /// Waits until the product has read all that the last send() sent. Needs the held slave.
     bool waitUntilTaken();
     /// Waits until the product has set the line's inter-character time-out; its pending input is

@@ -1,0 +1,164 @@
+#include "waits.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <dlfcn.h>
+#include <optional>
+#include <sys/select.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr long kUsPerSecond = 1000000;
+constexpr long kNsPerSecond = 1000000000;
+
+struct Recorder {
+    Waits::Mode mode;
+    Waits::Before before = {};
+    bool isBusy = false; // with what comes before a call
+    QByteArray calls = {};
+    QByteArray last = {};
+    int times = 0;
+    std::optional<long> left = {};
+    clock_t looks = 0;
+
+    QByteArray asked() const
+    {
+        return times == 0 ? QByteArray() : calls + QByteArray::number(times) + " x " + last + '\n';
+    }
+
+    void note(const QByteArray &call)
+    {
+        if (call != last) {
+            calls = asked();
+            last = call;
+            times = 0;
+        }
+        ++times;
+        isBusy = true;
+        if (before)
+            before(call);
+        isBusy = false;
+    }
+
+    /// What is left of a call that a signal ends.
+    std::optional<long> takeInterruption()
+    {
+        const std::optional<long> taken = left;
+        left.reset();
+        return taken;
+    }
+};
+
+thread_local std::optional<Recorder> recorder;
+
+bool isNoting()
+{
+    return recorder && !recorder->isBusy;
+}
+
+int failInterrupted()
+{
+    errno = EINTR;
+    return -1;
+}
+
+// The names below are those of calls with a `long` of seconds.
+static_assert(sizeof(time_t) == sizeof(long), "select() and nanosleep() have other names");
+
+/// The C library's function, which that of the same name here stands before.
+template <typename Function>
+Function *original(const char *name)
+{
+    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the library's are reserved
+
+extern "C" int select(int count, fd_set *readable, fd_set *writable, fd_set *failed, timeval *wait)
+{
+    static auto *const library =
+        original<int(int, fd_set *, fd_set *, fd_set *, timeval *)>("select");
+    if (!isNoting() || !wait)
+        return library(count, readable, writable, failed, wait);
+    const long asked = wait->tv_sec * kUsPerSecond + wait->tv_usec;
+    recorder->note("select " + QByteArray::number(static_cast<qint64>(asked)) + " us");
+    const auto setLeft = [wait](long left) {
+        wait->tv_sec = left / kUsPerSecond;
+        wait->tv_usec = left % kUsPerSecond;
+    };
+    if (const auto left = recorder->takeInterruption()) {
+        setLeft(*left);
+        return failInterrupted();
+    }
+    if (recorder->mode == Waits::Real)
+        return library(count, readable, writable, failed, wait);
+    timeval none{0, 0};
+    const int ready = library(count, readable, writable, failed, &none);
+    if (ready >= 0)
+        setLeft(ready == 0 ? 0 : std::max(asked - 1, 0L)); // what is ready came after a moment
+    return ready;
+}
+
+extern "C" int usleep(useconds_t us)
+{
+    static auto *const library = original<int(useconds_t)>("usleep");
+    if (!isNoting())
+        return library(us);
+    recorder->note("usleep " + QByteArray::number(us) + " us");
+    if (recorder->takeInterruption())
+        return failInterrupted();
+    return recorder->mode == Waits::Real ? library(us) : 0;
+}
+
+extern "C" int nanosleep(const timespec *wait, timespec *rest)
+{
+    static auto *const library = original<int(const timespec *, timespec *)>("nanosleep");
+    if (!isNoting())
+        return library(wait, rest);
+    const qint64 asked = qint64{wait->tv_sec} * kNsPerSecond + wait->tv_nsec;
+    recorder->note("nanosleep " + QByteArray::number(asked) + " ns");
+    if (const auto left = recorder->takeInterruption()) {
+        if (rest)
+            *rest = {*left / kNsPerSecond, *left % kNsPerSecond};
+        return failInterrupted();
+    }
+    return recorder->mode == Waits::Real ? library(wait, rest) : 0;
+}
+
+extern "C" clock_t clock() noexcept
+{
+    static auto *const library = original<clock_t()>("clock");
+    return isNoting() && recorder->mode == Waits::AtOnce ? recorder->looks++ : library();
+}
+
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
+
+Waits::Waits(Mode mode)
+{
+    recorder.emplace(Recorder{mode});
+}
+
+Waits::~Waits()
+{
+    recorder.reset();
+}
+
+void Waits::setBefore(const Before &before)
+{
+    recorder->before = before;
+}
+
+void Waits::interrupt(long left)
+{
+    recorder->left = left;
+}
+
+QByteArray Waits::asked() const
+{
+    return recorder->asked();
+}
