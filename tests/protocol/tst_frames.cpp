@@ -201,6 +201,10 @@ private slots:
     void sourceHasTheRecordsLength();
     void parametersAreThoseOfTheRecord_data() { versions(); }
     void parametersAreThoseOfTheRecord();
+    void parametersBehindAWrongSum_data() { versions(); }
+    void parametersBehindAWrongSum();
+    void parameterBlockComesBackFromItsFrame_data() { versions(); }
+    void parameterBlockComesBackFromItsFrame();
     void shortRecordHasNoParameters_data() { versions(); }
     void shortRecordHasNoParameters();
     void parametersNeverPassTheRecord_data() { versions(); }
@@ -902,6 +906,52 @@ void TestFrames::parametersAreThoseOfTheRecord()
         Bytes out(2, 0);
         QCOMPARE(V::params(io, out.data(), protocol), 2U);
         QCOMPARE(textOf(out), randomFrame(60, 14).mid(V::layout.params, 2));
+    });
+}
+
+void TestFrames::parametersBehindAWrongSum()
+{
+    forVersionOfTheRow([](auto version) {
+        using V = decltype(version);
+        FileIO io;
+        const QByteArray good = randomFrame(V::layout.shortest + 10, 18);
+        QCOMPARE(analyze<V>(io, good), int(FRAME_OK));
+        const int most = V::layout.longest - V::layout.shortest;
+        const QByteArray held = good.mid(V::layout.params, 10) + QByteArray(most - 10, '\0');
+        // As many as the refused frame has, but those of the good one.
+        for (const int count : {25, 10, 3, 0}) {
+            const int length = V::layout.shortest + count;
+            QByteArray refused = randomFrame(length, 19);
+            refused[length - 2] = static_cast<char>(refused[length - 2] ^ 1);
+            QCOMPARE(analyze<V>(io, refused), int(FRAME_SUM_BAD));
+            Bytes out(static_cast<std::size_t>(most), 0xAA);
+            QCOMPARE(V::params(io, out.data(), V::protocol(io)), unsigned(count));
+            QCOMPARE(textOf(out), held.left(count) + QByteArray(most - count, '\xAA'));
+        }
+    });
+}
+
+void TestFrames::parameterBlockComesBackFromItsFrame()
+{
+    forVersionOfTheRow([](auto version) {
+        using V = decltype(version);
+        FileIO io;
+        const Quiet quiet;
+        const int length = V::layout.shortest + 42;
+        MachineParam param;
+        for (std::size_t i = 0; i < sizeof param.bytes; ++i)
+            param.bytes[i] = static_cast<std::uint8_t>(255 - 3 * i);
+        Bytes frame(static_cast<std::size_t>(V::layout.longest), 0);
+        frame[0] = frame[static_cast<std::size_t>(length - 1)] = 0xE7;
+        frame[1] = static_cast<unsigned char>(length);
+
+        io.setMachineParam(param, frame.data(), V::protocol(io));
+        QCOMPARE(io.setCrc(frame.data(), V::protocol(io)), int(FRAME_OK));
+        QCOMPARE(textOf(frame).left(length), plainFrame(V::layout, length, bytesOf(param.bytes)));
+        QCOMPARE(V::analyze(io, frame.data(), V::protocol(io)), int(FRAME_OK));
+        Bytes out(sizeof param.bytes, 0);
+        QCOMPARE(V::params(io, out.data(), V::protocol(io)), 42U);
+        QCOMPARE(textOf(out), bytesOf(param.bytes));
     });
 }
 

@@ -72,6 +72,7 @@ class TestFileIO : public QObject {
 private slots:
     void freshObjectHasTheDefaults();
     void freshObjectHasNoBoardState();
+    void freshObjectAnswersWithAnEmptyText();
     void parentOwnsIt();
     void setterEmitsOnlyOnAChange_data();
     void setterEmitsOnlyOnAChange();
@@ -119,6 +120,16 @@ void TestFileIO::freshObjectHasNoBoardState()
     QVERIFY(isZeroRecord(fileIO.frameRecordV3()));
     QVERIFY(isZeroRecord(fileIO.frameRecordV4()));
     QVERIFY(isZero(fileIO.frameRecordV4().ext));
+}
+
+void TestFileIO::freshObjectAnswersWithAnEmptyText()
+{
+    FileIO fileIO;
+    fileIO.setRunning(true); // no request is made then
+    const QString got = fileIO.httpGet(QString());
+    QVERIFY(got.isEmpty() && !got.isNull());
+    const QString posted = fileIO.httpPost(QString(), QString());
+    QVERIFY(posted.isEmpty() && !posted.isNull());
 }
 
 void TestFileIO::parentOwnsIt()
