@@ -86,7 +86,7 @@ c_library=(
 )
 # Beyond POSIX: modem lines have no call of their own, older issues had usleep, and large files have
 # their open by another name.
-c_library+=(ioctl usleep open64)
+c_library+=(ioctl usleep open64 fcntl64)
 # What compilers and headers add by themselves.
 c_library+=(abort __cxa_atexit __cxa_finalize __errno_location __libc_start_main)
 
