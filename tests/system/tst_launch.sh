@@ -118,3 +118,43 @@ screenGrowsWithTheFinenessOfTheDisplay() {
     await "the window" has_window
     same "its size" 1200x1200 "$(xdotool getwindowgeometry "$window" | sed -n 's/^ *Geometry: //p')"
 }
+
+# A text of each screen as it stands in its compiled form, in capitals; the sources are compressed.
+other_texts='s/o\x00t\x00a\x00=/O\x00T\x00A\x00=/; s/u\x00p\x00d\x00a\x00t\x00i\x00n\x00g\x00 /U\x00P\x00D\x00A\x00T\x00I\x00N\x00G\x00 /'
+# The version of Qt that each compiled form is for.
+other_qt='s/\(qv4cdata....\)./\1\xff/g'
+
+# become FILE SED-SCRIPT: from now on the program is FILE, a copy of it with these bytes altered and
+# with the date that it had.
+become() {
+    LC_ALL=C sed "$2" "$program" >/tmp/altered
+    chmod +x /tmp/altered
+    touch -r "$program" /tmp/altered
+    mv /tmp/altered "$1"
+    program=$1
+}
+
+# Packages are made with one date for all their files, so an update need not change the program's.
+screensAreThoseOfTheProgramFile() {
+    become /tmp/program ''
+    start_program
+    await "the screen" screen_is_up
+    become /tmp/program "$other_texts"
+    start_program
+    await "the other text" printed "OTA================="
+}
+
+screensOfAnotherQtComeFromTheirSources() {
+    start_display
+    export QT_QPA_PLATFORM=xcb
+    status_picture /tmp/own.png 0
+    become /tmp/program "$other_texts"
+    status_picture /tmp/altered.png 0
+    never "the altered screen is as it was" \
+        test "$(signature /tmp/own.png)" = "$(signature /tmp/altered.png)"
+    become /tmp/program "$other_qt"
+    status_picture /tmp/source.png 0
+    same "the status screen" "$(signature /tmp/own.png)" "$(signature /tmp/source.png)"
+    start_program
+    await "the update screen" screen_is_up
+}

@@ -1,0 +1,24 @@
+# assistant_compile_qml(SOURCES COLLECTION NAMES...)
+#
+# Sets SOURCES to C++ files with the compiled form of each NAME.qml beside COLLECTION, the .qrc file
+# that has it under the root. They only hold the bytes: see src/ui/compiledscreens.cpp.
+function(assistant_compile_qml sources collection)
+    get_target_property(rcc Qt5::rcc IMPORTED_LOCATION)
+    get_filename_component(tools ${rcc} DIRECTORY)
+    find_program(UPDATE_ASSISTANT_QMLCACHEGEN qmlcachegen HINTS ${tools})
+    if(NOT UPDATE_ASSISTANT_QMLCACHEGEN)
+        message(FATAL_ERROR "There is no qmlcachegen (Debian: qtdeclarative5-dev-tools)")
+    endif()
+
+    get_filename_component(folder ${collection} DIRECTORY)
+    foreach(name IN LISTS ARGN)
+        set(output ${CMAKE_CURRENT_BINARY_DIR}/${name}_qml.cpp)
+        add_custom_command(OUTPUT ${output}
+            COMMAND ${UPDATE_ASSISTANT_QMLCACHEGEN} --resource=${collection}
+                -o ${output} ${folder}/${name}.qml
+            DEPENDS ${collection} ${folder}/${name}.qml
+            VERBATIM)
+        list(APPEND files ${output})
+    endforeach()
+    set(${sources} ${files} PARENT_SCOPE)
+endfunction()

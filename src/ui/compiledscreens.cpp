@@ -1,0 +1,68 @@
+#include <QDir>
+#include <QFile>
+#include <QUrl>
+#include <QtQml/qqmlprivate.h>
+
+// Offers the compiled form of each screen to the engine, as Qt's own loader does, which cannot be
+// taken: it calls what Qt 5.12 lacks. An engine takes a form that its own version has made, and
+// reads the source instead of any other.
+
+// Named by qmlcachegen.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+namespace QmlCacheGeneratedCode {
+namespace _0x5f__main_qml {
+extern const unsigned char qmlData[];
+}
+namespace _0x5f__show_qml {
+extern const unsigned char qmlData[];
+}
+namespace _0x5f__TqButton_qml {
+extern const unsigned char qmlData[];
+}
+namespace _0x5f__RectangleProgress_qml {
+extern const unsigned char qmlData[];
+}
+} // namespace QmlCacheGeneratedCode
+// NOLINTEND(bugprone-reserved-identifier)
+
+namespace {
+
+struct Screen {
+    QLatin1String path;
+    QQmlPrivate::CachedQmlUnit unit;
+};
+
+Screen screen(const char *path, const unsigned char *bytes)
+{
+    return {QLatin1String(path),
+            {reinterpret_cast<const QV4::CompiledData::Unit *>(bytes), nullptr, nullptr}};
+}
+
+/// The compiled form of what a URL names; null where there is none, or no source that it is of.
+const QQmlPrivate::CachedQmlUnit *compiledForm(const QUrl &url)
+{
+    using namespace QmlCacheGeneratedCode;
+    static const Screen screens[] = {
+        screen("/main.qml", _0x5f__main_qml::qmlData),
+        screen("/show.qml", _0x5f__show_qml::qmlData),
+        screen("/TqButton.qml", _0x5f__TqButton_qml::qmlData),
+        screen("/RectangleProgress.qml", _0x5f__RectangleProgress_qml::qmlData),
+    };
+    if (url.scheme() != QLatin1String("qrc"))
+        return nullptr;
+    const QString path = QDir::cleanPath(url.path());
+    for (const Screen &each : screens) {
+        if (path == each.path)
+            return QFile::exists(QLatin1Char(':') + path) ? &each.unit : nullptr;
+    }
+    return nullptr;
+}
+
+void offerCompiledScreens()
+{
+    QQmlPrivate::RegisterQmlUnitCacheHook hook{0, compiledForm};
+    QQmlPrivate::qmlregister(QQmlPrivate::QmlUnitCacheHookRegistration, &hook);
+}
+Q_CONSTRUCTOR_FUNCTION(offerCompiledScreens)
+
+} // namespace
