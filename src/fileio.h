@@ -109,7 +109,8 @@ public:
 
     /// Writes `length` bytes, waits 25 ms and reads an answer of up to 64 bytes into `reply`.
     /// Returns the port's read count: 0 without an answer, -1 on a closed port.
-    int serialIoctl(unsigned char *command, unsigned char length, unsigned char *reply);
+    [[nodiscard]] int serialIoctl(unsigned char *command, unsigned char length,
+                                  unsigned char *reply);
 
     // Boot-loader commands - fileio_bootloader.cpp
 
@@ -118,7 +119,7 @@ public:
     /// with a silent board, 11 attempts of 1 s with their pauses, and up to 23 s with one whose
     /// answers begin just within that second and stay short, since a begun answer is waited for
     /// once more as long. Each of the three packets that follow takes up to 2 s more: 30 s in all.
-    int sendCmdFromConnect2Config();
+    [[nodiscard]] int sendCmdFromConnect2Config();
 
     // Machine protocol - fileio_protocol.cpp
 
@@ -130,15 +131,15 @@ public:
     int setMachineParam(MachineParam param, unsigned char *buf, Protocol protocol);
     /// Checks head, length and foot of the frame in `buf` and writes its checksum. Returns FRAME_OK
     /// or, with `buf` untouched, FRAME_BAD. `buf` holds as many bytes as its length byte says.
-    int setCrc(unsigned char *buf, Protocol protocol);
+    [[nodiscard]] int setCrc(unsigned char *buf, Protocol protocol);
 
     /// Checks the received frame in `buf` and takes it into the version's record. Returns a
     /// `FrameStatus`. FRAME_BAD leaves the record alone; FRAME_SUM_BAD has replaced its head,
     /// length and foot. A length byte beyond `frame_max_len` is FRAME_BAD, so that no more than
     /// that is ever read; `buf` holds as many bytes as its length byte says up to there. V3 prints
     /// six lines first, with 0 for a foot that it must not read.
-    int analyzeV3(unsigned char *buf, Protocol protocol);
-    int analyzeV4(unsigned char *buf, Protocol protocol);
+    [[nodiscard]] int analyzeV3(unsigned char *buf, Protocol protocol);
+    [[nodiscard]] int analyzeV4(unsigned char *buf, Protocol protocol);
 
     /// Copies as many bytes as the version's last frame had from `src` to `dst`; returns the count.
     unsigned getSourceFrameBufV3(unsigned char *dst, unsigned char *src) const;
@@ -154,16 +155,17 @@ public:
     /// One request to the board's application and its answer, on the open line. Returns the port's
     /// read count, or -1 when the frame judged at the end is bad. `mcuVersion` takes the version
     /// text on success.
-    int handsharkeV3();
-    int handsharkeV4();
+    [[nodiscard]] int handsharkeV3();
+    [[nodiscard]] int handsharkeV4();
     /// Writes `len` bytes and reads up to 100 into `rx`. The wait is accepted and ignored. Returns
     /// the port's read count.
-    int serialIoctl(unsigned char *tx, unsigned char len, unsigned char *rx, int wait);
+    [[nodiscard]] int serialIoctl(unsigned char *tx, unsigned char len, unsigned char *rx,
+                                  int wait);
     /// Collects a block of 64 bytes into `buf`, which holds 128. Every byte goes to the place that
     /// the total counted before it names; only what falls outside is dropped. Returns the total
     /// when it is exactly 64, or after about 1 ms of processor time. A failed wait counts as -1, a
     /// failed read as 65535.
-    int RcvData(unsigned char *buf);
+    [[nodiscard]] int RcvData(unsigned char *buf);
     void setLocalVersion(QString version);
 
     // State, for native callers.
@@ -249,14 +251,14 @@ public:
     Q_INVOKABLE void closeSerial();
 
 private:
-    bool openSaveFile(const QString &path);
-    bool commitSaveFile();
+    [[nodiscard]] bool openSaveFile(const QString &path);
+    [[nodiscard]] bool commitSaveFile();
     void cancelSaveFile();
     void discardSaveFile();
     void discardTransfer();
     QString awaitReplyText(QNetworkReply *reply);
     void openBoardLine();
-    bool concludeHandshake() const;
+    [[nodiscard]] bool concludeHandshake() const;
     void takeVersion(const unsigned char *params, unsigned count);
 
     // Download
