@@ -54,12 +54,13 @@ public:
     };
     Q_ENUM(Error)
 
+    // Construction, parser status - fileio.cpp
+
     explicit FileIO(QObject *parent = nullptr);
     /// Aborts a running transfer, discards its partial file and closes the serial line.
     ~FileIO() override;
 
-    // Parser status: called by the engine only for an object that the engine itself makes.
-
+    /// Called by the engine, like the next, only for an object that the engine itself makes.
     void classBegin() override;
     /// Allows downloads, and starts one if `running` was set before.
     void componentComplete() override;
@@ -168,7 +169,7 @@ public:
     [[nodiscard]] int RcvData(unsigned char *buf);
     void setLocalVersion(QString version);
 
-    // State, for native callers.
+    // State, for native callers - fileio.cpp
 
     /// The line to the control board; owned by this object, never null.
     SerialPort *serialPort() const;
@@ -182,6 +183,8 @@ public:
     QString localVersion() const;
 
 signals:
+    // Download - fileio_download.cpp
+
     void urlChanged();
     void cancelChanged(); ///< never emitted
     void runningChanged();
@@ -197,29 +200,46 @@ signals:
     /// `errorCode` is an `Error`.
     void error(int errorCode, QString errorString);
     void networkAccessManagerChanged(); ///< never emitted
-    void isNewKernelChanged();          ///< never emitted
-    void kernelDataChanged();           ///< never emitted
+
+    // Kernel build date - fileio_kernel.cpp
+
+    void isNewKernelChanged(); ///< never emitted
+    void kernelDataChanged();  ///< never emitted
+
+    // Shell commands - fileio_shell.cpp
+
     /// `result` is the raw wait status, -1 when no shell could be started. Comes from the worker's
     /// thread.
     void threadExeFinish(int result, int index);
 
 public slots:
+    // Download - fileio_download.cpp
+
     void start(QUrl url);
     void start();
     void stop();
 
 private slots:
+    // Blocking HTTP requests - fileio_http.cpp
+
     void onReadyReadReply();
+
+    // Download - fileio_download.cpp
+
     void onReadyRead();
     void onFinished();
     void onDownloadProgress(qint64 bytesReceived, qint64 bytesTotal);
 
 public:
+    // Blocking HTTP requests - fileio_http.cpp
+
     /// Sends the request and waits up to about 0.9 s, with the event loop turning, for the first
     /// piece of the answer's body. Returns the piece read last (UTF-8, up to its first NUL), or
     /// an empty text without one or while `running` is true.
     Q_INVOKABLE QString httpGet(QString url);
     Q_INVOKABLE QString httpPost(QString url, QString data);
+
+    // Files and packages - fileio_files.cpp
 
     /// MD5 of the joined strings, 32 lower-case hexadecimal digits. Up to 255 strings; with more
     /// it never returns.
@@ -231,11 +251,15 @@ public:
     /// Replaces `dest_file` by a copy of `src_file`. A failed copy leaves no file there.
     Q_INVOKABLE bool copy(QString dest_file, QString src_file) const;
 
+    // Shell commands - fileio_shell.cpp
+
     /// Runs `cmd` with the shell, however long it takes. Returns the raw wait status (the exit
     /// code times 256, or the signal), -1 when no shell could be started.
     Q_INVOKABLE int exe(QString cmd) const;
     /// Runs `cmd` on a detached thread of its own; threadExeFinish() tells the outcome.
     Q_INVOKABLE void threadExe(QString cmd, int index);
+
+    // Control board - fileio_board.cpp
 
     /// Tells the board to enter its boot loader. Returns 0 when it agreed, -1 without an answer,
     /// -2 for a malformed one, -3 for one with a wrong sum.
@@ -251,13 +275,24 @@ public:
     Q_INVOKABLE void closeSerial();
 
 private:
+    // Download - fileio_download.cpp
+
     [[nodiscard]] bool openSaveFile(const QString &path);
     [[nodiscard]] bool commitSaveFile();
     void cancelSaveFile();
     void discardSaveFile();
     void discardTransfer();
+
+    // Blocking HTTP requests - fileio_http.cpp
+
     QString awaitReplyText(QNetworkReply *reply);
+
+    // Control board - fileio_board.cpp
+
     void openBoardLine();
+
+    // Handshake - fileio_handshake.cpp
+
     [[nodiscard]] bool concludeHandshake() const;
     void takeVersion(const unsigned char *params, unsigned count);
 
