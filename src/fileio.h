@@ -54,12 +54,13 @@ public:
     };
     Q_ENUM(Error)
 
+    // Construction, parser status - fileio.cpp
+
     explicit FileIO(QObject *parent = nullptr);
     /// Aborts a running transfer, discards its partial file and closes the serial line.
     ~FileIO() override;
 
-    // Parser status: called by the engine only for an object that the engine itself makes.
-
+    /// Called by the engine, like the next, only for an object that the engine itself makes.
     void classBegin() override;
     /// Allows downloads, and starts one if `running` was set before.
     void componentComplete() override;
@@ -109,7 +110,8 @@ public:
 
     /// Writes `length` bytes, waits 25 ms and reads an answer of up to 64 bytes into `reply`.
     /// Returns the port's read count: 0 without an answer, -1 on a closed port.
-    int serialIoctl(unsigned char *command, unsigned char length, unsigned char *reply);
+    [[nodiscard]] int serialIoctl(unsigned char *command, unsigned char length,
+                                  unsigned char *reply);
 
     // Boot-loader commands - fileio_bootloader.cpp
 
@@ -118,7 +120,7 @@ public:
     /// with a silent board, 11 attempts of 1 s with their pauses, and up to 23 s with one whose
     /// answers begin just within that second and stay short, since a begun answer is waited for
     /// once more as long. Each of the three packets that follow takes up to 2 s more: 30 s in all.
-    int sendCmdFromConnect2Config();
+    [[nodiscard]] int sendCmdFromConnect2Config();
 
     // Machine protocol - fileio_protocol.cpp
 
@@ -130,15 +132,15 @@ public:
     int setMachineParam(MachineParam param, unsigned char *buf, Protocol protocol);
     /// Checks head, length and foot of the frame in `buf` and writes its checksum. Returns FRAME_OK
     /// or, with `buf` untouched, FRAME_BAD. `buf` holds as many bytes as its length byte says.
-    int setCrc(unsigned char *buf, Protocol protocol);
+    [[nodiscard]] int setCrc(unsigned char *buf, Protocol protocol);
 
     /// Checks the received frame in `buf` and takes it into the version's record. Returns a
     /// `FrameStatus`. FRAME_BAD leaves the record alone; FRAME_SUM_BAD has replaced its head,
     /// length and foot. A length byte beyond `frame_max_len` is FRAME_BAD, so that no more than
     /// that is ever read; `buf` holds as many bytes as its length byte says up to there. V3 prints
     /// six lines first, with 0 for a foot that it must not read.
-    int analyzeV3(unsigned char *buf, Protocol protocol);
-    int analyzeV4(unsigned char *buf, Protocol protocol);
+    [[nodiscard]] int analyzeV3(unsigned char *buf, Protocol protocol);
+    [[nodiscard]] int analyzeV4(unsigned char *buf, Protocol protocol);
 
     /// Copies as many bytes as the version's last frame had from `src` to `dst`; returns the count.
     unsigned getSourceFrameBufV3(unsigned char *dst, unsigned char *src) const;
@@ -154,19 +156,20 @@ public:
     /// One request to the board's application and its answer, on the open line. Returns the port's
     /// read count, or -1 when the frame judged at the end is bad. `mcuVersion` takes the version
     /// text on success.
-    int handsharkeV3();
-    int handsharkeV4();
+    [[nodiscard]] int handsharkeV3();
+    [[nodiscard]] int handsharkeV4();
     /// Writes `len` bytes and reads up to 100 into `rx`. The wait is accepted and ignored. Returns
     /// the port's read count.
-    int serialIoctl(unsigned char *tx, unsigned char len, unsigned char *rx, int wait);
+    [[nodiscard]] int serialIoctl(unsigned char *tx, unsigned char len, unsigned char *rx,
+                                  int wait);
     /// Collects a block of 64 bytes into `buf`, which holds 128. Every byte goes to the place that
     /// the total counted before it names; only what falls outside is dropped. Returns the total
     /// when it is exactly 64, or after about 1 ms of processor time. A failed wait counts as -1, a
     /// failed read as 65535.
-    int RcvData(unsigned char *buf);
+    [[nodiscard]] int RcvData(unsigned char *buf);
     void setLocalVersion(QString version);
 
-    // State, for native callers.
+    // State, for native callers - fileio.cpp
 
     /// The line to the control board; owned by this object, never null.
     SerialPort *serialPort() const;
@@ -180,6 +183,8 @@ public:
     QString localVersion() const;
 
 signals:
+    // Download - fileio_download.cpp
+
     void urlChanged();
     void cancelChanged(); ///< never emitted
     void runningChanged();
@@ -195,29 +200,46 @@ signals:
     /// `errorCode` is an `Error`.
     void error(int errorCode, QString errorString);
     void networkAccessManagerChanged(); ///< never emitted
-    void isNewKernelChanged();          ///< never emitted
-    void kernelDataChanged();           ///< never emitted
+
+    // Kernel build date - fileio_kernel.cpp
+
+    void isNewKernelChanged(); ///< never emitted
+    void kernelDataChanged();  ///< never emitted
+
+    // Shell commands - fileio_shell.cpp
+
     /// `result` is the raw wait status, -1 when no shell could be started. Comes from the worker's
     /// thread.
     void threadExeFinish(int result, int index);
 
 public slots:
+    // Download - fileio_download.cpp
+
     void start(QUrl url);
     void start();
     void stop();
 
 private slots:
+    // Blocking HTTP requests - fileio_http.cpp
+
     void onReadyReadReply();
+
+    // Download - fileio_download.cpp
+
     void onReadyRead();
     void onFinished();
     void onDownloadProgress(qint64 bytesReceived, qint64 bytesTotal);
 
 public:
+    // Blocking HTTP requests - fileio_http.cpp
+
     /// Sends the request and waits up to about 0.9 s, with the event loop turning, for the first
     /// piece of the answer's body. Returns the piece read last (UTF-8, up to its first NUL), or
     /// an empty text without one or while `running` is true.
     Q_INVOKABLE QString httpGet(QString url);
     Q_INVOKABLE QString httpPost(QString url, QString data);
+
+    // Files and packages - fileio_files.cpp
 
     /// MD5 of the joined strings, 32 lower-case hexadecimal digits. Up to 255 strings; with more
     /// it never returns.
@@ -229,11 +251,15 @@ public:
     /// Replaces `dest_file` by a copy of `src_file`. A failed copy leaves no file there.
     Q_INVOKABLE bool copy(QString dest_file, QString src_file) const;
 
+    // Shell commands - fileio_shell.cpp
+
     /// Runs `cmd` with the shell, however long it takes. Returns the raw wait status (the exit
     /// code times 256, or the signal), -1 when no shell could be started.
     Q_INVOKABLE int exe(QString cmd) const;
     /// Runs `cmd` on a detached thread of its own; threadExeFinish() tells the outcome.
     Q_INVOKABLE void threadExe(QString cmd, int index);
+
+    // Control board - fileio_board.cpp
 
     /// Tells the board to enter its boot loader. Returns 0 when it agreed, -1 without an answer,
     /// -2 for a malformed one, -3 for one with a wrong sum.
@@ -249,14 +275,25 @@ public:
     Q_INVOKABLE void closeSerial();
 
 private:
-    bool openSaveFile(const QString &path);
-    bool commitSaveFile();
+    // Download - fileio_download.cpp
+
+    [[nodiscard]] bool openSaveFile(const QString &path);
+    [[nodiscard]] bool commitSaveFile();
     void cancelSaveFile();
     void discardSaveFile();
     void discardTransfer();
+
+    // Blocking HTTP requests - fileio_http.cpp
+
     QString awaitReplyText(QNetworkReply *reply);
+
+    // Control board - fileio_board.cpp
+
     void openBoardLine();
-    bool concludeHandshake() const;
+
+    // Handshake - fileio_handshake.cpp
+
+    [[nodiscard]] bool concludeHandshake() const;
     void takeVersion(const unsigned char *params, unsigned count);
 
     // Download

@@ -2,6 +2,8 @@
 
 #include "boardframes.h"
 
+#include <QtEndian>
+
 #include <array>
 #include <cerrno>
 #include <cstdint>
@@ -41,26 +43,12 @@ constexpr int kConnectAttempts = 11;
 constexpr long kRetryPauseNs = 100000000; // 100 ms
 constexpr int kReportedLine = 734;        // a fixed label in the retry line
 
-void putLittleEndian32(Packet &packet, std::size_t offset, std::uint32_t value)
-{
-    for (std::size_t i = 0; i < sizeof value; ++i)
-        packet[offset + i] = static_cast<std::uint8_t>(value >> (8 * i));
-}
-
-std::uint32_t littleEndian32(const Packet &packet, std::size_t offset)
-{
-    std::uint32_t value = 0;
-    for (std::size_t i = 0; i < sizeof value; ++i)
-        value |= static_cast<std::uint32_t>(packet[offset + i]) << (8 * i);
-    return value;
-}
-
 Packet packetFor(const Command &command)
 {
     Packet packet{};
-    putLittleEndian32(packet, 0, command.code);
-    putLittleEndian32(packet, kNumberOffset, command.number);
-    putLittleEndian32(packet, kParamOffset, command.param);
+    qToLittleEndian(command.code, packet.data());
+    qToLittleEndian(command.number, packet.data() + kNumberOffset);
+    qToLittleEndian(command.param, packet.data() + kParamOffset);
     return packet;
 }
 
@@ -112,7 +100,7 @@ int FileIO::sendCmdFromConnect2Config()
         return fail(kSyncPackno);
     if (exchange(kGetDeviceId) != kBoardReplySize)
         return fail(kGetDeviceId);
-    std::printf("device id:%u\n", static_cast<unsigned>(littleEndian32(reply, kDeviceIdOffset)));
+    std::printf("device id:%u\n", qFromLittleEndian<quint32>(reply.data() + kDeviceIdOffset));
     if (exchange(kReadConfig) != kBoardReplySize)
         return fail(kReadConfig);
     return 1;

@@ -10,20 +10,6 @@ namespace {
 
 constexpr int kCheckedParamByte = 37; // its offset in the frame is printed, for checking by eye
 
-/// Both versions' analysis; they differ in descriptor and record.
-template <typename Record>
-int analyze(const unsigned char *buf, const Protocol &protocol, Record &record)
-{
-    const unsigned length = buf[protocol.len_offset];
-    if (length > protocol.frame_max_len || !isFramed(buf, protocol))
-        return FRAME_BAD;
-    recordFraming(buf, protocol, record);
-    if (frameSum(buf, length) != buf[length - 2])
-        return FRAME_SUM_BAD;
-    recordContent(buf, protocol, record);
-    return FRAME_OK;
-}
-
 template <typename Record>
 unsigned copySource(unsigned char *dst, const unsigned char *src, const Record &record)
 {
@@ -90,13 +76,13 @@ int FileIO::setCrc(unsigned char *buf, Protocol protocol)
 int FileIO::analyzeV3(unsigned char *buf, Protocol protocol)
 {
     printFraming(buf, protocol);
-    m_frameStatus = analyze(buf, protocol, m_frameRecordV3);
+    m_frameStatus = analyzeFrame(buf, protocol, m_frameRecordV3);
     return m_frameStatus;
 }
 
 int FileIO::analyzeV4(unsigned char *buf, Protocol protocol)
 {
-    m_frameStatus = analyze(buf, protocol, m_frameRecordV4);
+    m_frameStatus = analyzeFrame(buf, protocol, m_frameRecordV4);
     return m_frameStatus;
 }
 

@@ -21,11 +21,11 @@ void recordProcessId(QFile &pidFile);
 
 /// Shows the update screen. Returns the event loop's exit code, or -1 without entering the loop
 /// when the screen yields no root object. No application object may exist yet.
-int runUpdateAssistant(int &argc, char **argv);
+[[nodiscard]] int runUpdateAssistant(int &argc, char **argv);
 
 /// Shows the status screen in the mode that `argv[1]` names (UTF-8); `argc` is at least 2.
 /// Returns the event loop's exit code. No application object may exist yet.
-int runStatusScreen(int &argc, char **argv);
+[[nodiscard]] int runStatusScreen(int &argc, char **argv);
 
 /// Shows the status screen turned for a portrait display, and closes it again before it returns 0:
 /// no event loop runs here. `argv` is not read. Needs an application object.

@@ -1,7 +1,10 @@
 #include "frame.h"
 
+#include <QtEndian>
+
 #include <algorithm>
 #include <cstring>
+#include <type_traits>
 
 namespace {
 
@@ -10,30 +13,45 @@ constexpr unsigned kTail = 2;     // checksum and foot
 constexpr std::uint64_t kEveryOtherByte = 0x00FF00FF00FF00FF;
 constexpr std::uint64_t kAllIntoTheTop = 0x0001000100010001;
 
-std::uint32_t littleEndian32(const std::uint8_t *bytes)
-{
-    return static_cast<std::uint32_t>(bytes[0]) | static_cast<std::uint32_t>(bytes[1]) << 8
-        | static_cast<std::uint32_t>(bytes[2]) << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
-}
-
 // Deliberate: the words of each pair are swapped. Reading them in line looks right, but callers
 // hold the words in this order. (tst_frames::blockWordsOfEachPairAreSwapped)
 void recordBlock(const std::uint8_t *block, std::uint32_t (&words)[4])
 {
-    words[0] = littleEndian32(block + 4);
-    words[1] = littleEndian32(block);
-    words[2] = littleEndian32(block + 12);
-    words[3] = littleEndian32(block + 8);
+    words[0] = qFromLittleEndian<quint32>(block + 4);
+    words[1] = qFromLittleEndian<quint32>(block);
+    words[2] = qFromLittleEndian<quint32>(block + 12);
+    words[3] = qFromLittleEndian<quint32>(block + 8);
 }
 
-void recordExtension(const std::uint8_t * /*frame*/, const Protocol & /*protocol*/,
-                     FrameRecordV3 & /*record*/)
+template <typename Record>
+FrameStatus analyze(const std::uint8_t *frame, const Protocol &protocol, Record &record)
 {
-}
+    const unsigned length = frame[protocol.len_offset];
+    if (length > protocol.frame_max_len || !isFramed(frame, protocol))
+        return FRAME_BAD;
+    record.head = protocol.frame_head;
+    record.foot = protocol.frame_foot;
+    record.len = frame[protocol.len_offset];
+    const std::uint8_t sum = frameSum(frame, length);
+    if (sum != frame[length - 2])
+        return FRAME_SUM_BAD;
 
-void recordExtension(const std::uint8_t *frame, const Protocol &protocol, FrameRecordV4 &record)
-{
-    std::memcpy(record.ext, frame + protocol.ext_offset, sizeof record.ext);
+    record.sum = sum;
+    record.type = frame[protocol.type_offset];
+    std::memcpy(record.addr, frame + protocol.addr_offset, sizeof record.addr);
+    if constexpr (std::is_same_v<Record, FrameRecordV4>)
+        std::memcpy(record.ext, frame + protocol.ext_offset, sizeof record.ext);
+    recordBlock(frame + protocol.block_offset, record.block);
+    record.cmd = frame[protocol.cmd_offset];
+    // Deliberate: the argument's second byte is not kept.
+    // (tst_frames::onlyTheFirstArgumentByteIsKept)
+    record.arg = frame[protocol.arg_offset];
+    record.opt1 = frame[protocol.opt1_offset];
+    record.opt2 = frame[protocol.opt2_offset];
+    record.opt3 = frame[protocol.opt3_offset];
+    std::memcpy(record.params, frame + protocol.param_offset,
+                paramLength(length, protocol, sizeof record.params));
+    return FRAME_OK;
 }
 
 } // namespace
@@ -67,38 +85,15 @@ bool isFramed(const std::uint8_t *frame, const Protocol &protocol)
         && length >= protocol.frame_min_len && frame[length - 1] == protocol.frame_foot;
 }
 
-template <typename Record>
-void recordFraming(const std::uint8_t *frame, const Protocol &protocol, Record &record)
+FrameStatus analyzeFrame(const std::uint8_t *frame, const Protocol &protocol, FrameRecordV3 &record)
 {
-    record.head = protocol.frame_head;
-    record.foot = protocol.frame_foot;
-    record.len = frame[protocol.len_offset];
+    return analyze(frame, protocol, record);
 }
 
-template <typename Record>
-void recordContent(const std::uint8_t *frame, const Protocol &protocol, Record &record)
+FrameStatus analyzeFrame(const std::uint8_t *frame, const Protocol &protocol, FrameRecordV4 &record)
 {
-    const unsigned length = frame[protocol.len_offset];
-    record.sum = frameSum(frame, length);
-    record.type = frame[protocol.type_offset];
-    std::memcpy(record.addr, frame + protocol.addr_offset, sizeof record.addr);
-    recordExtension(frame, protocol, record);
-    recordBlock(frame + protocol.block_offset, record.block);
-    record.cmd = frame[protocol.cmd_offset];
-    // Deliberate: the argument's second byte is not kept.
-    // (tst_frames::onlyTheFirstArgumentByteIsKept)
-    record.arg = frame[protocol.arg_offset];
-    record.opt1 = frame[protocol.opt1_offset];
-    record.opt2 = frame[protocol.opt2_offset];
-    record.opt3 = frame[protocol.opt3_offset];
-    std::memcpy(record.params, frame + protocol.param_offset,
-                paramLength(length, protocol, sizeof record.params));
+    return analyze(frame, protocol, record);
 }
-
-template void recordFraming(const std::uint8_t *, const Protocol &, FrameRecordV3 &);
-template void recordFraming(const std::uint8_t *, const Protocol &, FrameRecordV4 &);
-template void recordContent(const std::uint8_t *, const Protocol &, FrameRecordV3 &);
-template void recordContent(const std::uint8_t *, const Protocol &, FrameRecordV4 &);
 
 unsigned paramLength(unsigned length, const Protocol &protocol, unsigned capacity)
 {

@@ -7,7 +7,7 @@
 // byte, the whole frame's length.
 //
 //   V3     V4     width    content
-//   0      0      1        head, 0xE7
+//   0      0      1        head, kFrameMark
 //   1      1      1        L
 //   2      2      1        type
 //   3      3      4 / 3    address
@@ -20,23 +20,22 @@
 //   28     31     1        opt3
 //   29     32     L - min  parameters, 0 to 80 / 166 bytes
 //   L - 2  L - 2  1        checksum: low 8 bits of the sum of bytes 1 to L - 3
-//   L - 1  L - 1  1        foot, 0xE7
+//   L - 1  L - 1  1        foot, kFrameMark
 
 /// Sum, modulo 256, of bytes 1 to `length` - 3 of a frame; 0 when there are none. `length` is at
 /// most 255.
 std::uint8_t frameSum(const std::uint8_t *frame, unsigned length);
 
-/// Whether head, length and foot are right. Reads nothing behind the length byte's promise.
-bool isFramed(const std::uint8_t *frame, const Protocol &protocol);
+/// Whether head, length and foot are right. Reads no more than the length byte promises.
+[[nodiscard]] bool isFramed(const std::uint8_t *frame, const Protocol &protocol);
 
-/// Takes head, foot and length of a framed frame into a record of either version.
-template <typename Record>
-void recordFraming(const std::uint8_t *frame, const Protocol &protocol, Record &record);
-
-/// Takes the rest of a frame whose framing and sum are good into a record of either version.
-/// Parameter bytes behind the frame's own keep their values.
-template <typename Record>
-void recordContent(const std::uint8_t *frame, const Protocol &protocol, Record &record);
+/// Checks the frame and takes it into the version's record. FRAME_BAD leaves the record alone;
+/// FRAME_SUM_BAD has replaced its head, length and foot; FRAME_OK all of it, but for parameter
+/// bytes beyond the frame's own. Reads no more than `frame_max_len` bytes.
+[[nodiscard]] FrameStatus analyzeFrame(const std::uint8_t *frame, const Protocol &protocol,
+                                       FrameRecordV3 &record);
+[[nodiscard]] FrameStatus analyzeFrame(const std::uint8_t *frame, const Protocol &protocol,
+                                       FrameRecordV4 &record);
 
 /// Length of the parameters in a frame of `length` bytes, at most `capacity`.
 unsigned paramLength(unsigned length, const Protocol &protocol, unsigned capacity);

@@ -12,7 +12,7 @@ struct LayoutRow {
 // clang-format off
 constexpr LayoutRow kLayout[] = {
     // field                      V3   V4
-    {&Protocol::version,           3,   4},
+    {&Protocol::version,         kProtocolV3, kProtocolV4},
     {&Protocol::frame_max_len,   kFrameMaxV3, kFrameMaxV4},
     {&Protocol::frame_min_len,    31,  34},
     {&Protocol::param_max_len,    80, 166},
@@ -42,7 +42,6 @@ constexpr LayoutRow kLayout[] = {
 
 constexpr std::uint8_t kExtOffsetV4 = 6;
 constexpr std::uint8_t kExtLen = 4;
-constexpr std::uint8_t kFrameMark = 0xE7; // head and foot
 
 } // namespace
 

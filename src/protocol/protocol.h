@@ -6,9 +6,15 @@
 // The framed machine protocol in its versions V3 and V4: what differs between the versions
 // stands in a descriptor. The field names are interface and kept as they are.
 
+constexpr std::uint8_t kFrameMark = 0xE7; // head and foot of every frame on the serial line
+
 // The longest frames, in bytes; buffers that hold one are sized by these.
 constexpr std::uint8_t kFrameMaxV3 = 111;
 constexpr std::uint8_t kFrameMaxV4 = 200;
+
+// Values of `Protocol::version`.
+constexpr std::uint8_t kProtocolV3 = 3;
+constexpr std::uint8_t kProtocolV4 = 4;
 
 /// Layout of one protocol version: positions and widths in bytes, passed by value.
 struct Protocol {

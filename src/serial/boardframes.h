@@ -1,6 +1,8 @@
 #ifndef BOARDFRAMES_H
 #define BOARDFRAMES_H
 
+#include "protocol.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -8,16 +10,14 @@
 // Command frames for the control board, and what its answers look like.
 //
 //   offset      width  content
-//   0           1      0xE7, head
+//   0           1      head, kFrameMark
 //   1           1      length, head and foot included
 //   2           1      0xFF
 //   12          1      command code
 //   length - 2  1      checksum: low 8 bits of the sum of bytes 1 to length - 3
-//   length - 1  1      0xE7, foot
+//   length - 1  1      foot, kFrameMark
 //
 // All other bytes are 0 unless a frame's rows say otherwise.
-
-constexpr std::uint8_t kBoardFrameMark = 0xE7; // head and foot
 
 struct BoardFrameRow {
     std::size_t offset;
@@ -40,40 +40,52 @@ constexpr bool boardFrameIsSound(const std::array<std::uint8_t, Length> &frame)
     unsigned sum = 0;
     for (std::size_t i = 1; i <= Length - 3; ++i)
         sum += frame[i];
-    return frame[0] == kBoardFrameMark && frame[1] == Length && frame[Length - 2] == (sum & 0xFFU)
-        && frame[Length - 1] == kBoardFrameMark;
+    return frame[0] == kFrameMark && frame[1] == Length && frame[Length - 2] == (sum & 0xFFU)
+        && frame[Length - 1] == kFrameMark;
 }
 
 // clang-format off
 constexpr auto kVersionQuery = boardFrame<30>({
-    { 0, 0xE7},  // head
+    { 0, kFrameMark},  // head
     { 1, 0x1E},  // length
     { 2, 0xFF},
     {12, 0x0F},  // command: version query
-    {14, 0x37},  // unknown, sent as is
-    {17, 0x01},  // unknown, sent as is
-    {22, 0x08},  // unknown, sent as is
-    {23, 0x71},  // unknown, sent as is
+    {14, 0x37},  // fixed; meaning defined by the board
+    {17, 0x01},  // fixed; meaning defined by the board
+    {22, 0x08},  // fixed; meaning defined by the board
+    {23, 0x71},  // fixed; meaning defined by the board
     {28, 0xDD},  // checksum
-    {29, 0xE7},  // foot
+    {29, kFrameMark},  // foot
 });
 
 constexpr auto kUpdateStart = boardFrame<18>({
-    { 0, 0xE7},  // head
+    { 0, kFrameMark},  // head
     { 1, 0x12},  // length
     { 2, 0xFF},
     {12, 0x13},  // command: enter the boot loader and update
     {16, 0x24},  // checksum
-    {17, 0xE7},  // foot
+    {17, kFrameMark},  // foot
 });
 // clang-format on
-static_assert(boardFrameIsSound(kVersionQuery), "length byte or checksum is off");
-static_assert(boardFrameIsSound(kUpdateStart), "length byte or checksum is off");
+static_assert(boardFrameIsSound(kVersionQuery), "length byte or checksum is wrong");
+static_assert(boardFrameIsSound(kUpdateStart), "length byte or checksum is wrong");
 
 constexpr std::size_t kVersionReplySize = 36;
 constexpr std::size_t kVersionTextOffset = 16; // ASCII, to a zero byte or to the last byte but one
 
 /// Room for an answer that `serialIoctl` reads; a shorter one is normal.
 constexpr int kBoardReplySize = 64;
+
+/// What the board's answer to kUpdateStart says.
+enum StartReply : int {
+    START_ACCEPTED = 0,
+    START_NO_REPLY = -1,
+    START_MALFORMED = -2, ///< head, foot or length byte wrong
+    START_SUM_BAD = -3,
+};
+
+/// Judges the `count` bytes of an answer; a count of below 1 or over 128 is none, and `reply` is
+/// not read then.
+[[nodiscard]] StartReply judgeStartReply(const std::uint8_t *reply, int count);
 
 #endif // BOARDFRAMES_H

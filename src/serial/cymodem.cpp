@@ -2,6 +2,7 @@
 
 #include "paths.h"
 #include "serialport.h"
+#include "ymodemtransfer.h"
 
 #include <QByteArray>
 #include <QFile>
@@ -13,13 +14,6 @@
 #include <cstring>
 
 namespace {
-
-enum : std::uint8_t {
-    kSoh = 0x01,    // 128-byte frame
-    kStx = 0x02,    // 1024-byte frame
-    kEot = 0x04,    // end of the data
-    kPadding = 0x1A // fills the last block; the boot loader discards it
-};
 
 constexpr int kHeadSize = 3;
 constexpr int kCrcSize = 2;
@@ -116,7 +110,7 @@ int CYModem::send_start_frame(SerialPort *port)
 int CYModem::send_data_frame(SerialPort *port)
 {
     if (m_eotSent) {
-        send_end_frame(port);
+        static_cast<void>(send_end_frame(port)); // comes again at the next request
         return 0;
     }
     if (!m_file || !m_file->isOpen()) {

@@ -34,17 +34,17 @@ public:
     /// Takes the file `name` of the firmware directory and restarts the sequence. Returns its size
     /// in bytes, or -1 when it is empty or missing. Whether it could be opened is not checked: one
     /// that could not is sent as empty. The earlier file object is not released.
-    int load_file(QString name);
+    [[nodiscard]] int load_file(QString name);
 
     /// Sends the start frame. Returns the result of the port's Write.
-    int send_start_frame(SerialPort *port);
+    [[nodiscard]] int send_start_frame(SerialPort *port);
 
     /// Sends the next data block; after the last one EOT; after that the end frame at each call.
     /// Returns the result of the write, 0 for the end frame, -1 when the file cannot be read.
-    int send_data_frame(SerialPort *port);
+    [[nodiscard]] int send_data_frame(SerialPort *port);
 
     /// Sends the frame that closes the batch. Returns the result of the port's Write.
-    int send_end_frame(SerialPort *port);
+    [[nodiscard]] int send_end_frame(SerialPort *port);
 
     /// Counts one answered request; the low 8 bits are the block number on the wire.
     void index_added();

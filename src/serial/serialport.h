@@ -32,25 +32,25 @@ public:
     /// Opens and sets up `port`, a path or a name below /dev (cut to 39 characters in all), at the
     /// decimal rate `baud`; null means 9600. False on any failure, which is logged; a device that
     /// opens but cannot be set up stays open until Close(). An open descriptor is not closed.
-    bool Open(const char *port, const char *baud);
+    [[nodiscard]] bool Open(const char *port, const char *baud);
 
     /// Collects up to `length` bytes into `buffer`, which holds at least four and starts zeroed.
     /// Returns the count, 0 after about one silent second, or -1 on a closed or failing port.
     /// Ends at the latest 100 waits of 10 ms after the first byte.
-    int Read(void *buffer, int length);
+    [[nodiscard]] int Read(void *buffer, int length);
 
     /// One read of up to `length` bytes after waiting up to `wait`, which select() may change.
     /// Returns the count as 16 bits (65535 when read() fails), 0 on time-out, or the negative
     /// result of a failed select(), errno telling why.
-    int read_uart_port(unsigned char *buffer, unsigned length, timeval *wait);
+    [[nodiscard]] int read_uart_port(unsigned char *buffer, unsigned length, timeval *wait);
 
     /// Sets the inter-character time-out, rounded up to tenths of a second and capped at 25.5 s;
     /// 0 means to wait for one byte. Discards pending input. False on failure or a closed port.
-    bool SetTimeout(unsigned milliseconds);
+    [[nodiscard]] bool SetTimeout(unsigned milliseconds);
 
     /// One write() of `length` bytes. Returns the count written, which may be short, or 0 on
     /// failure, which is logged.
-    int Write(const void *buffer, unsigned length);
+    [[nodiscard]] int Write(const void *buffer, unsigned length);
 
     /// Drops DTR and RTS for 250 ms, raises them and waits 50 ms. Stops at the first failure.
     void StrobeDTRRTS();

@@ -42,8 +42,9 @@ struct Setup {
     {
         const QByteArray command = goodStartCommand();
         unsigned char answer[18];
-        io.serialPort()->Write(command.constData(), static_cast<unsigned>(command.size()));
-        return io.serialPort()->Read(answer, sizeof answer) == sizeof answer;
+        return io.serialPort()->Write(command.constData(), static_cast<unsigned>(command.size()))
+            == command.size()
+            && io.serialPort()->Read(answer, sizeof answer) == sizeof answer;
     }
 
     int run()

@@ -7,7 +7,7 @@ import tempfile
 import unittest
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(PROJECT / "coverage"))
+sys.path.insert(0, str(PROJECT / "tests/coverage"))
 
 import lines  # noqa: E402
 import screens  # noqa: E402

@@ -6,7 +6,7 @@ import re
 import subprocess
 import tomllib
 
-PROJECT = pathlib.Path(__file__).resolve().parent.parent
+PROJECT = pathlib.Path(__file__).resolve().parents[2]
 REASONS = pathlib.Path(__file__).with_name("unreached.toml")
 NO_MAPPING = "no coverage data found"
 

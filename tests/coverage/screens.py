@@ -15,7 +15,7 @@ import xml.etree.ElementTree as ElementTree
 
 import ctest
 
-PROJECT = pathlib.Path(__file__).resolve().parent.parent
+PROJECT = pathlib.Path(__file__).resolve().parents[2]
 LABEL = "screen"
 # Bindings to a value of an enumeration: the engine puts the value in place, and calls nothing.
 CONSTANTS = {"boundsBehavior"}

@@ -6,7 +6,7 @@ import sys
 
 import table
 
-PAGE = pathlib.Path(__file__).resolve().parent.parent / "docs/failures.md"
+PAGE = pathlib.Path(__file__).resolve().parents[2] / "docs/failures.md"
 COLOURS = {"#ffffff": "white", "#ffff00": "yellow", "#ff0000": "red", "#008000": "green"}
 # Beginnings of lines that tell one failure from another; the others come in every update.
 TELLING = ("[error]", "[NAK]", "[CA]", "ERROR: ", "select error")
@@ -16,7 +16,7 @@ HEAD = """\
 
 For whoever stands at the machine: find what the screen shows, then what the console says; below it stand
 the causes that are known, each with the steps of the update at which it strikes. Every cause is a row of
-`faults/table.toml`, which `scripts/faults` runs on the simulated machine; this page is made from the same
+`tests/faults/table.toml`, which `scripts/faults` runs on the simulated machine; this page is made from the same
 rows by `scripts/faults --page`, so change those and not the page.
 """
 
@@ -117,7 +117,7 @@ def main():
         return 0
     if PAGE.read_text(encoding="utf-8") == page():
         return 0
-    print("docs/failures.md is not what faults/table.toml makes: run scripts/faults --page", file=sys.stderr)
+    print("docs/failures.md is not what tests/faults/table.toml makes: run scripts/faults --page", file=sys.stderr)
     return 1
 
 

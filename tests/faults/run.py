@@ -13,7 +13,7 @@ import time
 
 import table
 
-PROJECT = pathlib.Path(__file__).resolve().parent.parent
+PROJECT = pathlib.Path(__file__).resolve().parents[2]
 # Nearly all of a row's time is waiting for the line, but not where the programs are emulated.
 MACHINES_PER_CORE = 4 if os.environ.get("UPDATE_ASSISTANT_EMULATOR") else 16
 
@@ -50,7 +50,7 @@ def run_row(row, build, packages, keep):
         state = ["--state", folder]
     machine = subprocess.run(
         [PROJECT / "sandbox/run", *state, *row.machine, "--show", build, "--show", packages, "--",
-         "/usr/bin/python3", "-B", PROJECT / "faults/machine.py", build, packages, row.name],
+         "/usr/bin/python3", "-B", PROJECT / "tests/faults/machine.py", build, packages, row.name],
         stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace", check=False,
     )
     found = machine.stdout
@@ -83,7 +83,7 @@ def main():
             print(f"{row.area:10} {row.name:40} {row.fault}")
         return 0
     with tempfile.TemporaryDirectory() as packages:
-        subprocess.run([PROJECT / "faults/packages", packages], check=True)
+        subprocess.run([PROJECT / "tests/faults/packages", packages], check=True)
         failed = run_rows(rows, arguments, packages)
     print(f"{len(rows) - failed} passed, {failed} failed")
     return 1 if failed else 0
