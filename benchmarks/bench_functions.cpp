@@ -3,11 +3,10 @@
 #include "frame.h"
 #include "plainloops.h"
 
-#include <benchmark/benchmark.h>
-
 #include <QFile>
 #include <QTemporaryDir>
 
+#include <benchmark/benchmark.h>
 #include <cstdint>
 #include <vector>
 
