@@ -100,7 +100,7 @@ int FileIO::sendCmdFromConnect2Config()
         return fail(kSyncPackno);
     if (exchange(kGetDeviceId) != kBoardReplySize)
         return fail(kGetDeviceId);
-    std::printf("device id:%u\n", qFromLittleEndian<quint32>(reply.data() + kDeviceIdOffset));
+    std::printf("device id:%u\n", qFromLittleEndian<std::uint32_t>(reply.data() + kDeviceIdOffset));
     if (exchange(kReadConfig) != kBoardReplySize)
         return fail(kReadConfig);
     return 1;

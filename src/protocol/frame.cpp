@@ -17,10 +17,10 @@ constexpr std::uint64_t kAllIntoTheTop = 0x0001000100010001;
 // hold the words in this order. (tst_frames::blockWordsOfEachPairAreSwapped)
 void recordBlock(const std::uint8_t *block, std::uint32_t (&words)[4])
 {
-    words[0] = qFromLittleEndian<quint32>(block + 4);
-    words[1] = qFromLittleEndian<quint32>(block);
-    words[2] = qFromLittleEndian<quint32>(block + 12);
-    words[3] = qFromLittleEndian<quint32>(block + 8);
+    words[0] = qFromLittleEndian<std::uint32_t>(block + 4);
+    words[1] = qFromLittleEndian<std::uint32_t>(block);
+    words[2] = qFromLittleEndian<std::uint32_t>(block + 12);
+    words[3] = qFromLittleEndian<std::uint32_t>(block + 8);
 }
 
 template <typename Record>

@@ -103,15 +103,15 @@ private slots:
 
 void TestBoardPackets::boardAcceptsTheSequence_data()
 {
-    QTest::addColumn<quint32>("deviceId");
-    QTest::newRow("all bytes differ") << quint32(0x01020384);
-    QTest::newRow("above a signed number") << quint32(0xFFFFFFFE);
-    QTest::newRow("zero") << quint32(0);
+    QTest::addColumn<std::uint32_t>("deviceId");
+    QTest::newRow("all bytes differ") << std::uint32_t(0x01020384);
+    QTest::newRow("above a signed number") << std::uint32_t(0xFFFFFFFE);
+    QTest::newRow("zero") << std::uint32_t(0);
 }
 
 void TestBoardPackets::boardAcceptsTheSequence()
 {
-    QFETCH(quint32, deviceId);
+    QFETCH(std::uint32_t, deviceId);
     Options options = quietBootLoader({});
     options.deviceId = deviceId;
     Setup setup(options);
@@ -253,3 +253,5 @@ void TestBoardPackets::applicationDoesNotAnswer()
 
 QTEST_GUILESS_MAIN(TestBoardPackets)
 #include "tst_boardpackets.moc"
+
+#include <cstdint>

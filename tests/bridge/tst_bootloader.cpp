@@ -87,15 +87,15 @@ private:
     /// it is paused for.
     Run run(const QList<QByteArray> &answers, Waits::Mode mode = Waits::AtOnce);
 
-    QScopedPointer<Pty> m_line;
-    QScopedPointer<FileIO> m_io;
+    std::unique_ptr<Pty> m_line;
+    std::unique_ptr<FileIO> m_io;
     QList<QByteArray> m_sent;
 };
 
 void TestBootloader::init()
 {
-    m_line.reset(new Pty);
-    m_io.reset(new FileIO);
+    m_line = std::make_unique<Pty>();
+    m_io = std::make_unique<FileIO>();
     m_sent.clear();
     QVERIFY(m_io->serialPort()->Open(m_line->path().constData(), "115200"));
 }
@@ -300,3 +300,5 @@ void TestBootloader::closedPortPrintsMinusOne()
 
 QTEST_APPLESS_MAIN(TestBootloader)
 #include "tst_bootloader.moc"
+
+#include <memory>

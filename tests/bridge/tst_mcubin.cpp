@@ -24,7 +24,7 @@ private slots:
     void noShellIsReported();
 
 private:
-    QScopedPointer<FirmwareDir> m_directory;
+    std::unique_ptr<FirmwareDir> m_directory;
 };
 
 void TestMcuBin::initTestCase()
@@ -34,7 +34,7 @@ void TestMcuBin::initTestCase()
 
 void TestMcuBin::init()
 {
-    m_directory.reset(new FirmwareDir);
+    m_directory = std::make_unique<FirmwareDir>();
 }
 
 void TestMcuBin::cleanup()
@@ -138,3 +138,5 @@ void TestMcuBin::noShellIsReported()
 
 QTEST_APPLESS_MAIN(TestMcuBin)
 #include "tst_mcubin.moc"
+
+#include <memory>

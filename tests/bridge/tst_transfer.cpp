@@ -82,9 +82,9 @@ private slots:
 private:
     int run(const Peer::Script &script);
 
-    QScopedPointer<FirmwareDir> m_directory;
-    QScopedPointer<BoardLine> m_line;
-    QScopedPointer<FileIO> m_fileIO;
+    std::unique_ptr<FirmwareDir> m_directory;
+    std::unique_ptr<BoardLine> m_line;
+    std::unique_ptr<FileIO> m_fileIO;
     QByteArray m_image;
     QByteArray m_printed;
 };
@@ -96,9 +96,9 @@ void TestTransfer::initTestCase()
 
 void TestTransfer::init()
 {
-    m_directory.reset(new FirmwareDir);
-    m_line.reset(new BoardLine);
-    m_fileIO.reset(new FileIO);
+    m_directory = std::make_unique<FirmwareDir>();
+    m_line = std::make_unique<BoardLine>();
+    m_fileIO = std::make_unique<FileIO>();
     m_image = firmwareOfSize(3000);
     m_directory->put(QStringLiteral("UpdataSystem.bin"), m_image);
 }
@@ -397,7 +397,7 @@ void TestTransfer::nextOperationReplacesTheOpenLine()
     m_directory->put(QStringLiteral("UpdataSystem.bin"), m_image);
     // A new line at the same place; the port's old descriptor is on the dead one.
     m_line.reset();
-    m_line.reset(new BoardLine);
+    m_line = std::make_unique<BoardLine>();
     QByteArray frame;
     const int result = run([&frame](Pty &line) { frame = answerTo(line, tenTimes('C')); });
     QCOMPARE(result, 0);
@@ -425,7 +425,7 @@ void TestTransfer::secondTransferStartsOver()
             answerTo(line, tenTimes(control));
     });
     m_line.reset();
-    m_line.reset(new BoardLine);
+    m_line = std::make_unique<BoardLine>();
     QList<QByteArray> frames;
     run([&frames](Pty &line) {
         for (const char control : {'C', kAck})
@@ -437,3 +437,5 @@ void TestTransfer::secondTransferStartsOver()
 
 QTEST_APPLESS_MAIN(TestTransfer)
 #include "tst_transfer.moc"
+
+#include <memory>

@@ -23,8 +23,8 @@ private slots:
 private:
     int updateMcu();
 
-    QScopedPointer<FirmwareDir> m_directory;
-    QScopedPointer<BoardLine> m_line;
+    std::unique_ptr<FirmwareDir> m_directory;
+    std::unique_ptr<BoardLine> m_line;
     QByteArray m_image;
 };
 
@@ -46,8 +46,8 @@ void TestTransferEnds::initTestCase()
 
 void TestTransferEnds::init()
 {
-    m_directory.reset(new FirmwareDir);
-    m_line.reset(new BoardLine);
+    m_directory = std::make_unique<FirmwareDir>();
+    m_line = std::make_unique<BoardLine>();
     m_image = firmwareOfSize(2000);
     m_directory->put(QStringLiteral("UpdataSystem.bin"), m_image);
 }
@@ -126,3 +126,5 @@ void TestTransferEnds::silentReadsCountInARowOnly()
 
 QTEST_APPLESS_MAIN(TestTransferEnds)
 #include "tst_transferends.moc"
+
+#include <memory>

@@ -72,7 +72,7 @@ private slots:
 private:
     int start();
 
-    QScopedPointer<FileIO> m_fileIO;
+    std::unique_ptr<FileIO> m_fileIO;
     QByteArray m_printed;
 };
 
@@ -80,7 +80,7 @@ void TestUpdateStart::initTestCase()
 {
     QCOMPARE(kCommand.size(), kCommandSize);
     SKIP_OFF_THE_SIMULATED_MACHINE();
-    m_fileIO.reset(new FileIO);
+    m_fileIO = std::make_unique<FileIO>();
 }
 
 int TestUpdateStart::start()
@@ -290,3 +290,5 @@ void TestUpdateStart::serialIoctlOnAClosedPortIsMinusOne()
 
 QTEST_APPLESS_MAIN(TestUpdateStart)
 #include "tst_updatestart.moc"
+
+#include <memory>

@@ -131,14 +131,14 @@ private:
     /// The same, for its result only.
     int resultOf(Handshake handshake, const QByteArray &answer);
 
-    QScopedPointer<Pty> m_line;
-    QScopedPointer<FileIO> m_io;
+    std::unique_ptr<Pty> m_line;
+    std::unique_ptr<FileIO> m_io;
 };
 
 void TestHandshake::init()
 {
-    m_line.reset(new Pty);
-    m_io.reset(new FileIO);
+    m_line = std::make_unique<Pty>();
+    m_io = std::make_unique<FileIO>();
     QVERIFY(m_io->serialPort()->Open(m_line->path().constData(), "115200"));
 }
 
@@ -161,7 +161,7 @@ TestHandshake::Exchange TestHandshake::exchange(Handshake handshake, const QByte
     });
     const MessageCapture messages;
     DescriptorCapture out(1);
-    done.result = (m_io.data()->*handshake)();
+    done.result = (m_io.get()->*handshake)();
     done.out = out.take().split('\n');
     done.messages = messages.messages();
     done.request += m_line->received();
@@ -475,3 +475,5 @@ void TestHandshake::localVersionIsWhatWasSet()
 
 QTEST_APPLESS_MAIN(TestHandshake)
 #include "tst_handshake.moc"
+
+#include <memory>

@@ -70,10 +70,10 @@ private:
     /// Answers one request as the transfer loop does, and returns what went out on the line.
     QByteArray request();
 
-    QScopedPointer<FirmwareDir> m_directory;
-    QScopedPointer<Pty> m_line;
-    QScopedPointer<SerialPort> m_port;
-    QScopedPointer<CYModem> m_sender;
+    std::unique_ptr<FirmwareDir> m_directory;
+    std::unique_ptr<Pty> m_line;
+    std::unique_ptr<SerialPort> m_port;
+    std::unique_ptr<CYModem> m_sender;
     int m_result = 0;
     QByteArray m_printed;
 };
@@ -85,11 +85,11 @@ void TestCYModem::initTestCase()
 
 void TestCYModem::init()
 {
-    m_directory.reset(new FirmwareDir);
-    m_line.reset(new Pty);
-    m_port.reset(new SerialPort);
+    m_directory = std::make_unique<FirmwareDir>();
+    m_line = std::make_unique<Pty>();
+    m_port = std::make_unique<SerialPort>();
     QVERIFY(m_port->Open(m_line->path().constData(), "115200"));
-    m_sender.reset(new CYModem());
+    m_sender = std::make_unique<CYModem>();
 }
 
 void TestCYModem::cleanup()
@@ -109,8 +109,8 @@ int TestCYModem::load(const QByteArray &content, const char *name)
 QByteArray TestCYModem::request()
 {
     DescriptorCapture out(1);
-    m_result = m_sender->index() == 0 ? m_sender->send_start_frame(m_port.data())
-                                      : m_sender->send_data_frame(m_port.data());
+    m_result = m_sender->index() == 0 ? m_sender->send_start_frame(m_port.get())
+                                      : m_sender->send_data_frame(m_port.get());
     m_sender->index_added();
     m_printed = out.take();
     return m_line->received();
@@ -450,7 +450,7 @@ void TestCYModem::endFrameCanBeSentAtAnyTime()
 {
     load("x");
     DescriptorCapture out(1);
-    const int result = m_sender->send_end_frame(m_port.data());
+    const int result = m_sender->send_end_frame(m_port.get());
     QCOMPARE(out.take(), QByteArray("[YModem]: send the last package.\n"));
     QCOMPARE(result, 133);
     QCOMPARE(m_line->received(), endFrame());
@@ -520,7 +520,7 @@ void TestCYModem::resultIsThatOfTheWrite()
     request();
     const int dataResult = m_result;
     DescriptorCapture out(1);
-    const int endResult = m_sender->send_end_frame(m_port.data());
+    const int endResult = m_sender->send_end_frame(m_port.get());
     out.take();
     QCOMPARE(err.take(), QByteArray("ERROR: write failed: Bad file descriptor\n").repeated(3));
     QCOMPARE(startResult, 0);

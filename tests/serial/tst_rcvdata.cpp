@@ -65,14 +65,14 @@ private:
     /// Receives with a piece before each wait, until there are no more.
     Block receive(Waits &waits, QByteArrayList pieces);
 
-    QScopedPointer<Pty> m_line;
-    QScopedPointer<FileIO> m_io;
+    std::unique_ptr<Pty> m_line;
+    std::unique_ptr<FileIO> m_io;
 };
 
 void TestRcvData::init()
 {
-    m_line.reset(new Pty);
-    m_io.reset(new FileIO);
+    m_line = std::make_unique<Pty>();
+    m_io = std::make_unique<FileIO>();
     QVERIFY(m_io->serialPort()->Open(m_line->path().constData(), "115200"));
 }
 
@@ -261,3 +261,5 @@ void TestRcvData::nothingIsWrittenBeforeTheBuffer()
 
 QTEST_APPLESS_MAIN(TestRcvData)
 #include "tst_rcvdata.moc"
+
+#include <memory>

@@ -40,8 +40,8 @@ private slots:
 private:
     void openLine();
 
-    QScopedPointer<Pty> m_line;
-    QScopedPointer<SerialPort> m_port;
+    std::unique_ptr<Pty> m_line;
+    std::unique_ptr<SerialPort> m_port;
     int m_descriptor = -1;
 };
 
@@ -81,8 +81,8 @@ QByteArray passes(int count)
 
 void TestSerialRead::init()
 {
-    m_line.reset(new Pty);
-    m_port.reset(new SerialPort);
+    m_line = std::make_unique<Pty>();
+    m_port = std::make_unique<SerialPort>();
 }
 
 void TestSerialRead::cleanup()
@@ -355,3 +355,5 @@ void TestSerialRead::descriptorClosedElsewhereIsASelectFailure()
 
 QTEST_APPLESS_MAIN(TestSerialRead)
 #include "tst_serialread.moc"
+
+#include <memory>

@@ -1,5 +1,7 @@
 #include "handmadeframes.h"
 
+#include <cstdint>
+
 namespace {
 
 // CRC-16/XMODEM, bit by bit.
@@ -7,7 +9,7 @@ QByteArray crcOf(const QByteArray &payload)
 {
     unsigned crc = 0;
     for (const char c : payload) {
-        crc ^= static_cast<unsigned>(static_cast<quint8>(c)) << 8;
+        crc ^= static_cast<unsigned>(static_cast<std::uint8_t>(c)) << 8;
         for (int bit = 0; bit < 8; ++bit)
             crc = (crc & 0x8000U) != 0 ? ((crc << 1) ^ 0x1021U) & 0xFFFFU : crc << 1;
     }
@@ -95,6 +97,6 @@ unsigned sumOf(const QByteArray &bytes)
 {
     unsigned sum = 0;
     for (const char c : bytes)
-        sum += static_cast<quint8>(c);
+        sum += static_cast<std::uint8_t>(c);
     return sum;
 }

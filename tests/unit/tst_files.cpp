@@ -53,13 +53,13 @@ private:
     QByteArray content(const QString &name) const;
     QStringList list(const QString &pattern);
 
-    QScopedPointer<QTemporaryDir> m_dir;
+    std::unique_ptr<QTemporaryDir> m_dir;
     QByteArray m_printed;
 };
 
 void TestFiles::init()
 {
-    m_dir.reset(new QTemporaryDir);
+    m_dir = std::make_unique<QTemporaryDir>();
     QVERIFY(m_dir->isValid());
 }
 
@@ -394,3 +394,5 @@ void TestFiles::md5Of256EntriesDoesNotReturn()
 
 QTEST_APPLESS_MAIN(TestFiles)
 #include "tst_files.moc"
+
+#include <memory>

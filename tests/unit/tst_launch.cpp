@@ -149,12 +149,12 @@ private:
     QString put(const QByteArray &content) const;
     QByteArray content(const QString &name) const;
 
-    QScopedPointer<QTemporaryDir> m_dir;
+    std::unique_ptr<QTemporaryDir> m_dir;
 };
 
 void TestLaunch::init()
 {
-    m_dir.reset(new QTemporaryDir);
+    m_dir = std::make_unique<QTemporaryDir>();
     QVERIFY(m_dir->isValid());
 }
 
@@ -376,3 +376,5 @@ void TestLaunch::showTipReturnsZeroAndLeavesNoWindow()
 
 QTEST_MAIN(TestLaunch)
 #include "tst_launch.moc"
+
+#include <memory>

@@ -96,7 +96,7 @@ void TestLog::cleanup()
 void TestLog::startsWithTheDefaultHookOnStandardError()
 {
     QVERIFY(gLogFunc == DefaultLogFunc);
-    QVERIFY(gLogFs == nullptr);
+    QVERIFY(!gLogFs);
     QCOMPARE(gQuiet, 0);
 
     DescriptorCapture out(1);
@@ -174,7 +174,7 @@ void TestLog::nullHookDiscardsEverything()
     const QByteArray written = err.take();
     QCOMPARE(out.take(), QByteArray());
     QCOMPARE(written, QByteArray());
-    QVERIFY(gLogFunc == nullptr);
+    QVERIFY(!gLogFunc);
 }
 
 void TestLog::quietDropsPlainMessagesOnly()
@@ -207,7 +207,7 @@ void TestLog::streamCanBeReplacedAndRestored()
     DescriptorCapture err(2);
     LogError("into the stream\n");
     LogInit(nullptr);
-    QVERIFY(gLogFs == nullptr);
+    QVERIFY(!gLogFs);
     LogError("on standard error\n");
     QCOMPARE(err.take(), QByteArray("ERROR: on standard error\n"));
 

@@ -72,12 +72,12 @@ private:
     /// A shell command that goes on once the file is there.
     QString waitingFor(const char *name) const;
 
-    QScopedPointer<QTemporaryDir> m_dir;
+    std::unique_ptr<QTemporaryDir> m_dir;
 };
 
 void TestShell::init()
 {
-    m_dir.reset(new QTemporaryDir);
+    m_dir = std::make_unique<QTemporaryDir>();
     QVERIFY(m_dir->isValid());
 }
 
@@ -330,3 +330,5 @@ void TestShell::threadThatCannotBeMadeThrows()
 
 QTEST_GUILESS_MAIN(TestShell)
 #include "tst_shell.moc"
+
+#include <memory>
