@@ -2,8 +2,8 @@
 #include <QQmlApplicationEngine>
 #include <QUrl>
 
-// The least that a program with a screen of the update screen's kind can be: its start and its
-// memory are what those of the update screen are compared with.
+// The least that a program with a screen of the update screen's kind can be: its memory is what
+// that of the update screen is compared with.
 int main(int argc, char **argv)
 {
     QCoreApplication::setAttribute(Qt::AA_EnableHighDpiScaling, true);

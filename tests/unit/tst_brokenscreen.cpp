@@ -7,10 +7,48 @@
 #include <QTimer>
 #include <QtTest>
 
+#include <cstdint>
+#include <sys/mman.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
-// Each run is a child, since it takes the compiled-in screens away. The broken ones that stand
-// behind them then show.
+// What the build has made of the screens. Named by qmlcachegen.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+namespace QmlCacheGeneratedCode {
+namespace _0x5f__main_qml {
+extern const unsigned char qmlData[];
+}
+namespace _0x5f__show_qml {
+extern const unsigned char qmlData[];
+}
+} // namespace QmlCacheGeneratedCode
+// NOLINTEND(bugprone-reserved-identifier)
+
+namespace {
+
+/// Makes the compiled form of a screen one of another Qt, so that the engine reads the source.
+void refuse(const unsigned char *compiled)
+{
+    constexpr int kVersionOffset = 8;
+    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const auto version = reinterpret_cast<std::uintptr_t>(compiled) + kVersionOffset;
+    auto *const writable = reinterpret_cast<unsigned char *>(version);
+    if (mprotect(reinterpret_cast<void *>(version / page * page), page, PROT_READ | PROT_WRITE) < 0)
+        qFatal("the compiled screen stays as it is");
+    *writable ^= 0xFFU;
+}
+
+} // namespace
+
+/// Takes the screens of the program away. The broken ones of this test then show.
+static void removeScreens()
+{
+    Q_CLEANUP_RESOURCE(qml);
+    refuse(QmlCacheGeneratedCode::_0x5f__main_qml::qmlData);
+    refuse(QmlCacheGeneratedCode::_0x5f__show_qml::qmlData);
+}
+
+// Each run is a child, since it changes what is compiled in.
 class TestBrokenScreen : public QObject {
     Q_OBJECT
 
@@ -34,7 +72,7 @@ void TestBrokenScreen::screenThatDoesNotLoadIsMinusOne()
 
     // The event loop would never return.
     const ChildResult child = runInChild([&] {
-        Q_CLEANUP_RESOURCE(qml);
+        removeScreens();
         if (!exists)
             Q_CLEANUP_RESOURCE(brokenscreens);
         qInstallMessageHandler(nullptr); // the program's, not the test library's
@@ -52,7 +90,7 @@ void TestBrokenScreen::screenThatDoesNotLoadIsMinusOne()
 void TestBrokenScreen::statusScreenThatDoesNotLoadIsNoFailure()
 {
     const ChildResult child = runInChild([] {
-        Q_CLEANUP_RESOURCE(qml);
+        removeScreens();
         Q_CLEANUP_RESOURCE(brokenscreens);
         qInstallMessageHandler(nullptr);
         char name[] = "update-assistant";
@@ -68,7 +106,7 @@ void TestBrokenScreen::statusScreenThatDoesNotLoadIsNoFailure()
 void TestBrokenScreen::statusScreenWithoutInfoTipStaysAsItIs()
 {
     const ChildResult child = runInChild([] {
-        Q_CLEANUP_RESOURCE(qml);
+        removeScreens();
         qInstallMessageHandler(nullptr);
         qAddPreRoutine([] {
             QTimer::singleShot(0, [] { // in the event loop, with the screen shown

@@ -1,0 +1,39 @@
+#include <QGuiApplication>
+#include <QQmlApplicationEngine>
+#include <QQmlContext>
+#include <QUrl>
+
+#include <cstdio>
+
+// The least program that does what the update screen does until it waits for a press of the button:
+// lists the two folders and shows the same texts, button and bar.
+
+namespace {
+
+QStringList listing(const char *command)
+{
+    QStringList files;
+    FILE *const output = popen(command, "r");
+    if (!output)
+        return files;
+    char line[200];
+    while (std::fgets(line, sizeof line, output))
+        files.append(QString::fromLatin1(line).trimmed());
+    pclose(output);
+    return files;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication::setAttribute(Qt::AA_EnableHighDpiScaling, true);
+    QGuiApplication app(argc, argv);
+    QStringList packages = listing("ls /tmp/ota/*.ipk");
+    if (packages.isEmpty())
+        packages = listing("ls /mnt/nand_disk/update_ipk/*.ipk");
+    QQmlApplicationEngine engine;
+    engine.rootContext()->setContextProperty(QStringLiteral("packages"), packages);
+    engine.load(QUrl(QStringLiteral("qrc:/samework.qml")));
+    return engine.rootObjects().isEmpty() ? -1 : QGuiApplication::exec();
+}
