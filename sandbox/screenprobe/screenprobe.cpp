@@ -17,7 +17,7 @@
 
 namespace {
 
-const char *const kRecordedProperties[] = {"text", "color", "enabled", "value", "to"};
+const char *const kRecordedProperties[] = {"text", "color", "enabled", "value", "to", "mode"};
 
 QString idOf(QQuickItem *item)
 {
@@ -101,6 +101,29 @@ void sendMouse(QQuickWindow *window, QEvent::Type type, const QPointF &place,
                                                 pressed, Qt::NoModifier));
 }
 
+/// Says on standard error when the object has gone.
+void tellEndOf(const QObject *object)
+{
+    const QByteArray name = object->metaObject()->className();
+    QObject::connect(object, &QObject::destroyed, [name] {
+        std::fprintf(stderr, "screenprobe: %s is gone\n", name.constData());
+    });
+}
+
+/// The same for what `main` has made: the application, and the view or the engine and the bridge.
+void tellEndsOf(QQuickWindow *window)
+{
+    tellEndOf(QCoreApplication::instance());
+    const QQmlEngine *const engine = qmlEngine(window);
+    if (!engine) {
+        tellEndOf(window); // a view, which has an engine of its own
+        return;
+    }
+    tellEndOf(engine);
+    const QVariant bridge = engine->rootContext()->contextProperty(QStringLiteral("fileIO"));
+    tellEndOf(bridge.value<QObject *>());
+}
+
 bool openNamed(QFile &file, const char *variable, int flags)
 {
     const QByteArray path = qgetenv(variable);
@@ -146,6 +169,7 @@ bool ScreenProbe::eventFilter(QObject *object, QEvent *event)
 void ScreenProbe::watch(QQuickWindow *window)
 {
     m_window = window;
+    tellEndsOf(window);
     if (m_log.isOpen())
         connect(window, &QQuickWindow::frameSwapped, this, &ScreenProbe::record);
 }
@@ -169,6 +193,8 @@ void ScreenProbe::obey()
     for (const QByteArray &line : lines) {
         if (line.startsWith("click "))
             click(QString::fromUtf8(line.mid(6)));
+        else if (line == "close" && m_window)
+            m_window->close();
     }
 }
 

@@ -14,8 +14,10 @@ class QQuickWindow;
 ///
 /// Each state that a window has painted is one JSON line in the file SCREEN_PROBE_LOG: `ms` since
 /// the start; `items`, what the visible items with an id hold (`text` and `color`, `enabled`,
-/// `value` and `to`); `rows`, the texts of the list's rows with their colours, from top to bottom.
-/// A line "click ID" written to the FIFO SCREEN_PROBE_CONTROL clicks the middle of that item.
+/// `value` and `to`, `mode`); `rows`, the texts of the list's rows with their colours, from top to
+/// bottom. A line "click ID" written to the FIFO SCREEN_PROBE_CONTROL clicks the middle of that
+/// item, and "close" closes the window. When the program ends by itself, a line on standard error
+/// tells of each object that `main` has made, "screenprobe: CLASS is gone".
 ///
 /// Lives on the GUI thread.
 class ScreenProbe : public QObject {

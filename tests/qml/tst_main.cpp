@@ -4,6 +4,7 @@
 #include <QQmlComponent>
 #include <QQmlContext>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QtTest>
 
 #include <thread>
@@ -722,15 +723,23 @@ void TestMain::secondStartGoesOnFromTheFirst()
 
 void TestMain::listShowsFileNamesOnly()
 {
-    m_bridge->setLists(
-        latin1(kStick),
-        {{QStringLiteral("/mnt/nand_disk/update_ipk/app_1.0.ipk"),
-          QStringLiteral("/a/deeply/nested.dir/b c.ipk"), QStringLiteral("plain.ipk"),
-          QStringLiteral("/mnt/nand_disk/update_ipk/咖啡.ipk")}});
+    const QTemporaryDir stick;
+    const QStringList names{QStringLiteral("app_1.0.ipk"), QStringLiteral("b c.ipk"),
+                            QStringLiteral("咖啡.ipk")};
+    for (const QString &name : names) {
+        QFile file(stick.filePath(name));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+    }
+    // With paths, and without, as of a folder that is named like a package.
+    FileIO bridge;
+    m_bridge->setLists(latin1(kStick),
+                       {bridge.getIpkList(stick.filePath(QStringLiteral("*.ipk")))
+                        + bridge.getIpkList(stick.path())});
     load();
-    QCOMPARE(m_screen->rowTexts(),
-             QStringList({QStringLiteral("app_1.0.ipk wait"), QStringLiteral("b c.ipk wait"),
-                          QStringLiteral("plain.ipk wait"), QStringLiteral("咖啡.ipk wait")}));
+    QStringList rows;
+    for (const QString &name : names)
+        rows.append(QString::fromLatin1(name.toUtf8()) + QStringLiteral(" wait"));
+    QCOMPARE(m_screen->rowTexts(), rows + rows);
 }
 
 void TestMain::namesAreAssignedAtOnce()

@@ -109,3 +109,12 @@ argumentChoosesTheStatusScreen() {
     same "the second argument is ignored" "$(signature /tmp/success.png)" "$(signature /tmp/two.png)"
     that "nothing is installed" is_gone /run/machine/calls.log
 }
+
+# The window counts in pixels of 96 an inch, the display has twice as many.
+screenGrowsWithTheFinenessOfTheDisplay() {
+    start_display
+    export QT_QPA_PLATFORM=xcb QT_FONT_DPI=192
+    start_program
+    await "the window" has_window
+    same "its size" 1200x1200 "$(xdotool getwindowgeometry "$window" | sed -n 's/^ *Geometry: //p')"
+}

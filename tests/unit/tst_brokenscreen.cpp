@@ -2,23 +2,41 @@
 #include "launch.h"
 
 #include <QGuiApplication>
+#include <QQuickItem>
+#include <QQuickView>
+#include <QTimer>
 #include <QtTest>
 
 #include <sys/wait.h>
 
+// Each run is a child, since it takes the compiled-in screens away. The broken ones that stand
+// behind them then show.
 class TestBrokenScreen : public QObject {
     Q_OBJECT
 
 private slots:
+    void screenThatDoesNotLoadIsMinusOne_data();
     void screenThatDoesNotLoadIsMinusOne();
     void statusScreenThatDoesNotLoadIsNoFailure();
+    void statusScreenWithoutInfoTipStaysAsItIs();
 };
+
+void TestBrokenScreen::screenThatDoesNotLoadIsMinusOne_data()
+{
+    QTest::addColumn<bool>("exists");
+    QTest::newRow("missing") << false;
+    QTest::newRow("cut short") << true;
+}
 
 void TestBrokenScreen::screenThatDoesNotLoadIsMinusOne()
 {
-    // A child, since it takes the compiled-in screens away; the event loop would never return.
-    const ChildResult child = runInChild([] {
+    QFETCH(bool, exists);
+
+    // The event loop would never return.
+    const ChildResult child = runInChild([&] {
         Q_CLEANUP_RESOURCE(qml);
+        if (!exists)
+            Q_CLEANUP_RESOURCE(brokenscreens);
         qInstallMessageHandler(nullptr); // the program's, not the test library's
         char name[] = "update-assistant";
         char *arguments[] = {name, nullptr};
@@ -27,13 +45,15 @@ void TestBrokenScreen::screenThatDoesNotLoadIsMinusOne()
     });
     QVERIFY2(WIFEXITED(child.status), child.err.constData());
     QCOMPARE(WEXITSTATUS(child.status), 255);
-    QVERIFY2(child.err.contains("qrc:/main.qml"), child.err.constData());
+    QVERIFY2(child.err.contains(exists ? "qrc:/main.qml:6" : "qrc:/main.qml: No such file"),
+             child.err.constData());
 }
 
 void TestBrokenScreen::statusScreenThatDoesNotLoadIsNoFailure()
 {
     const ChildResult child = runInChild([] {
         Q_CLEANUP_RESOURCE(qml);
+        Q_CLEANUP_RESOURCE(brokenscreens);
         qInstallMessageHandler(nullptr);
         char name[] = "update-assistant";
         char *arguments[] = {name, nullptr};
@@ -43,6 +63,29 @@ void TestBrokenScreen::statusScreenThatDoesNotLoadIsNoFailure()
     });
     VERIFY_CHILD_PASSED(child);
     QVERIFY2(child.err.contains("qrc:/show.qml"), child.err.constData());
+}
+
+void TestBrokenScreen::statusScreenWithoutInfoTipStaysAsItIs()
+{
+    const ChildResult child = runInChild([] {
+        Q_CLEANUP_RESOURCE(qml);
+        qInstallMessageHandler(nullptr);
+        qAddPreRoutine([] {
+            QTimer::singleShot(0, [] { // in the event loop, with the screen shown
+                auto *const view =
+                    qobject_cast<QQuickView *>(QGuiApplication::topLevelWindows().value(0));
+                std::puts(qPrintable(view->rootObject()->property("text").toString()));
+                view->close();
+            });
+        });
+        char name[] = "update-assistant";
+        char mode[] = "2";
+        char *arguments[] = {name, mode, nullptr};
+        int count = 2;
+        return runStatusScreen(count, arguments);
+    });
+    VERIFY_CHILD_PASSED(child);
+    QCOMPARE(child.out, QByteArray("waiting, no mode\n"));
 }
 
 QTEST_APPLESS_MAIN(TestBrokenScreen)
