@@ -11,14 +11,13 @@
 
 import os
 import pathlib
-import subprocess
 import sys
 
 from . import paths
 from .packages import Packages
 from .processes import Board, Program
 from .screen import Screen
-from .watch import Console, await_, text_of
+from .watch import Console, await_, run, text_of
 
 HAND_OVER = "/root/Hmi -path=/root"  # as calls() has it
 
@@ -50,10 +49,9 @@ class Machine:
         """Waits as watch.await_ does, but not longer than the program runs."""
         return await_(what, condition, *arguments, process=self.program.process)
 
-    def run(self, *command):
-        """Runs a command on the machine. Returns a CompletedProcess; what it says is in `stdout`."""
-        return subprocess.run(list(map(str, command)), env=self.environment, stdin=subprocess.DEVNULL,
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
+    def run(self, *command, **variables):
+        """Runs a command on the machine as watch.run does, with these variables in its environment."""
+        return run(*command, environment=self.environment | variables)
 
     def calls(self):
         """The calls of the package manager and of the main application, as command lines."""

@@ -8,6 +8,18 @@ from . import paths, pictures
 from .watch import text_of
 
 
+def start_display(width, height, *options):
+    """Starts a virtual display. Returns the Popen of its server, and what DISPLAY has to be."""
+    answer, number = os.pipe()
+    with open(answer, encoding="ascii") as display:
+        server = subprocess.Popen(
+            ["Xvfb", "-displayfd", str(number), "-screen", "0", f"{width}x{height}x24", "-dpi", "96", "-noreset",
+             "-nolisten", "tcp", *options],
+            pass_fds=[number], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        os.close(number)
+        return server, f":{display.readline().strip()}"
+
+
 class Screen:
     """The program's screen. Nothing of it is there before open() or probe(), which come before the program."""
 
@@ -20,16 +32,9 @@ class Screen:
         """Opens a display of its own, or the caller's, if it is to be that and there is one."""
         environment = self._machine.environment
         environment["QT_QPA_PLATFORM"] = "xcb"
-        if not own and environment.get("DISPLAY"):
-            return
-        answer, number = os.pipe()
-        with open(paths.STATE / "xvfb.log", "wb") as log, open(answer, encoding="ascii") as display:
-            self._server = subprocess.Popen(
-                ["Xvfb", "-displayfd", str(number), "-screen", "0", "1280x800x24", "-dpi", "96", "-noreset",
-                 "-nolisten", "tcp"], pass_fds=[number], stdout=log, stderr=log)
-            os.close(number)
-            environment["DISPLAY"] = ":" + display.readline().strip()
-        environment.pop("XAUTHORITY", None)
+        if own or not environment.get("DISPLAY"):
+            self._server, environment["DISPLAY"] = start_display(1280, 800)
+            environment.pop("XAUTHORITY", None)
 
     def has_window(self):
         """Whether the program has a window; if so, `window` is its number."""

@@ -4,6 +4,7 @@ import filecmp
 import os
 import pathlib
 import re
+import subprocess
 import time
 
 WAIT_S = 120  # only a hang is ever that slow
@@ -31,6 +32,13 @@ def await_(what, condition, *arguments, process=None):
         if time.monotonic() >= limit:
             raise WaitError(f"timed out waiting for: {what}")
         time.sleep(POLL_S)
+
+
+def run(*command, environment=None):
+    """Runs a command to its end. Returns a CompletedProcess; all that it says is in `stdout`."""
+    return subprocess.run(list(map(str, command)), env=environment, stdin=subprocess.DEVNULL,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace",
+                          check=False)
 
 
 def is_running(pid):
@@ -64,10 +72,8 @@ def same_content(one, other):
 
 
 def same_folder(one, other):
-    """Whether both folders hold the same files."""
-    names = names_in(one)
-    return names == names_in(other) and all(
-        same_content(os.path.join(one, name), os.path.join(other, name)) for name in names)
+    """Whether both folders hold the same."""
+    return run("diff", "-r", one, other).returncode == 0
 
 
 class Console:

@@ -5,7 +5,7 @@ import os
 import pathlib
 import time
 
-from facts import install_calls, same, start_on_screen, start_quick_board
+from facts import install_calls, opkg, same, start_on_screen, start_quick_board
 from machine import HAND_OVER
 from machine.paths import CALLS, FIRMWARE, PACKAGED_FIRMWARE, RECEIVED, STAGED, STICK
 from machine.pictures import GREEN, RED, SUCCESS, TIPS, WHITE, YELLOW
@@ -92,7 +92,7 @@ def brokenPackageStopsTheRest(machine):
 
 
 def olderPackageIsInstalledOverANewerOne(machine):
-    same(0, machine.run("opkg", "install", machine.packages.folder / BASE).returncode)
+    opkg(machine, "install", BASE)
     machine.packages.stage("downgrade/10-machine-base_1.1.0.ipk")
     machine.program.start()
 
