@@ -1,0 +1,64 @@
+"""Drives the simulated machine that sandbox/run makes: a program, a board, a screen, and a console.
+
+    with Machine(build) as machine:
+        machine.packages.stage("good/10-machine-base_1.2.0.ipk")
+        machine.board.start("--version-text", "V4.1.3")
+        machine.program.start()
+        machine.await_("the package", machine.console.package_ended, 0, 0)
+
+`watch` and `pictures` look at machines of any kind, so they are of use elsewhere, too.
+"""
+
+import os
+import pathlib
+import sys
+
+from . import paths
+from .packages import Packages
+from .processes import Board, Program
+from .screen import Screen
+from .watch import Console, await_, run, text_of
+
+HAND_OVER = "/root/Hmi -path=/root"  # as calls() has it
+
+
+class Machine:
+    """The machine on which this runs. What it has started it ends at its exit."""
+
+    def __init__(self, build, packages=None):
+        """`build` is a build tree; `packages` holds package files, else the example packages are built."""
+        if os.environ.get("UPDATE_ASSISTANT_SANDBOX") != "1":
+            sys.exit(f"{sys.argv[0]}: only for the machine that sandbox/run makes")
+        self.build = pathlib.Path(build)
+        # Of all that is started. Software rendering and a fixed locale make every host draw and say the same.
+        self.environment = os.environ | {"QT_QUICK_BACKEND": "software", "LC_ALL": "C.UTF-8"}
+        self.program = Program(self.environment, self.build / "src/update-assistant", paths.PROGRAM_LOG)
+        self.board = Board(self.environment, self.build / "simulator/boardsim", paths.BOARD_LOG)
+        self.screen = Screen(self)
+        self.console = Console(paths.PROGRAM_LOG)
+        self.packages = Packages(packages)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        for part in (self.program, self.board, self.screen):
+            part.close()
+
+    def await_(self, what, condition, *arguments):
+        """Waits as watch.await_ does, but not longer than the program runs."""
+        return await_(what, condition, *arguments, process=self.program.process)
+
+    def run(self, *command, **variables):
+        """Runs a command on the machine as watch.run does, with these variables in its environment."""
+        return run(*command, environment=self.environment | variables)
+
+    def calls(self):
+        """The calls of the package manager and of the main application, as command lines."""
+        return text_of(paths.CALLS).splitlines()
+
+    def show_what_happened(self):
+        for path in (paths.PROGRAM_LOG, paths.BOARD_LOG, paths.BOARD_OUTPUT, paths.CALLS):
+            text = text_of(path)
+            if text:
+                print(f"-- {path}\n{text}", file=sys.stderr)

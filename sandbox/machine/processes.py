@@ -1,0 +1,94 @@
+"""The program and the board, as processes of the machine."""
+
+import json
+import os
+import re
+import signal
+import subprocess
+
+from . import paths
+from .watch import WAIT_S, await_, text_of
+
+EMULATOR = os.environ.get("UPDATE_ASSISTANT_EMULATOR", "").split()  # for another processor's programs
+
+
+class _Process:
+    """One of the build tree's programs.
+
+    It runs in a group of its own, for a pid file that is no number ends the group; but in no session of
+    its own: the line would be its terminal there, and end the program when the board is switched off.
+    """
+
+    def __init__(self, environment, path, log):
+        self.command = [*EMULATOR, path]
+        self.log = log  # what is worth following
+        self.process = None  # the Popen of the last start, until it is stopped
+        self._environment = environment
+        self._follower = None
+
+    def _start(self, command, output, mode):
+        with open(output, mode) as file:
+            self.process = subprocess.Popen(command, env=self._environment, stdin=subprocess.DEVNULL,
+                                            stdout=file, stderr=subprocess.STDOUT, process_group=0)
+        return self.process
+
+    @property
+    def pid(self):
+        return self.process.pid
+
+    @property
+    def is_running(self):
+        return self.process is not None and self.process.poll() is None
+
+    @property
+    def exit_status(self):
+        """None while it runs, the negative number of the signal that has killed it."""
+        return self.process.poll()
+
+    def stop(self, number=signal.SIGTERM):
+        """Ends it by a signal. Returns its exit status."""
+        self.process.send_signal(number)
+        status = self.process.wait(WAIT_S)
+        if self._follower:
+            self._follower.wait()
+            self._follower = None
+        self.process = None
+        return status
+
+    def follow(self, name):
+        """Prints the lines of its log as they come, each behind the name, until it has ended."""
+        self.log.touch()
+        self._follower = subprocess.Popen(
+            ["sh", "-c", 'tail --pid="$1" -n +1 -s 0.2 -f "$2" | sed -u "s/^/$3 | /"', "follow",
+             str(self.pid), self.log, name])
+
+    def close(self):
+        if self.process:
+            self.stop(signal.SIGKILL)
+
+
+class Program(_Process):
+    """The unchanged program. `command` may be another that starts it."""
+
+    def start(self, *arguments):
+        """Returns the Popen. What is printed is in the log as soon as it is printed."""
+        return self._start(["stdbuf", "-oL", *self.command, *arguments], self.log, "ab")
+
+
+class Board(_Process):
+    """The simulated board, `boardsim`, on the line that the program opens."""
+
+    def start(self, *options):
+        self._start([*self.command, "--link", paths.BOARD_DEVICE, "--image", paths.RECEIVED,
+                     "--transcript", self.log, "--summary", paths.BOARD_SUMMARY, *options],
+                    paths.BOARD_OUTPUT, "wb")
+        await_("the board", lambda: text_of(paths.BOARD_OUTPUT).startswith("ready "), process=self.process)
+
+    def saw(self, expression):
+        """Whether the transcript has a line that the regular expression fits."""
+        return re.search(expression, text_of(self.log), re.MULTILINE) is not None
+
+    def summary(self):
+        """What it says of the line once it is stopped; None before. Its exit status is 0 when all was right."""
+        text = text_of(paths.BOARD_SUMMARY)
+        return json.loads(text) if text else None
