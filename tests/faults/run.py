@@ -86,7 +86,8 @@ def main():
             print(f"{row.area:10} {row.name:40} {row.fault}")
         return 0
     with tempfile.TemporaryDirectory() as packages:
-        subprocess.run([PROJECT / "tests/faults/packages", packages], check=True)
+        # The firmware is three blocks, the last one not full.
+        subprocess.run([PROJECT / "sandbox/packages", "--faulty", "--firmware-size", "2500", packages], check=True)
         (pathlib.Path(packages) / "pid").write_text("9999999")  # of no process; read-only on the machine
         failed = asyncio.run(run_rows(rows, arguments, packages))
     print(f"{len(rows) - failed} passed, {failed} failed")
