@@ -56,9 +56,11 @@ async def run_row(row, arguments, packages, machines):
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         try:
             output, _ = await machine.communicate()
-        finally:
+        except asyncio.CancelledError:
             if machine.returncode is None:
                 machine.kill()  # and with it all that runs there
+            await machine.communicate()
+            raise
     found = output.decode(errors="replace") or f"the machine ended with {machine.returncode}\n"
     return row, found if machine.returncode else "", time.monotonic() - started
 
