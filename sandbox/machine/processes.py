@@ -40,14 +40,13 @@ class _Process:
     def is_running(self):
         return self.process is not None and self.process.poll() is None
 
-    @property
-    def exit_status(self):
-        """None while it runs, the negative number of the signal that has killed it."""
-        return self.process.poll()
-
     def stop(self, number=signal.SIGTERM):
-        """Ends it by a signal. Returns its exit status."""
+        """Ends it by a signal. Returns its exit status, as wait() does."""
         self.process.send_signal(number)
+        return self.wait()
+
+    def wait(self):
+        """Waits for its end. Returns its exit status, the negative number of the signal that has killed it."""
         status = self.process.wait(WAIT_S)
         if self._follower:
             self._follower.wait()

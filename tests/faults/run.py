@@ -1,7 +1,7 @@
 """Runs the rows of the fault table in parallel, each on a simulated machine of its own."""
 
 import argparse
-import concurrent.futures
+import asyncio
 import fnmatch
 import os
 import pathlib
@@ -40,38 +40,43 @@ def chosen_rows(names):
     return chosen
 
 
-def run_row(row, build, packages, keep):
+async def run_row(row, arguments, packages, machines):
     """Returns the row, what is not as it says (empty when all is), and the seconds it took."""
-    started = time.monotonic()
+    build = arguments.build.resolve()
     state = []
-    if keep:
-        folder = keep / row.name.replace("/", "-")
+    if arguments.keep:
+        folder = arguments.keep / row.name.replace("/", "-")
         shutil.rmtree(folder, ignore_errors=True)  # of an earlier run
         state = ["--state", folder]
-    machine = subprocess.run(
-        [PROJECT / "sandbox/run", *state, *row.machine, "--show", build, "--show", packages, "--",
-         "/usr/bin/python3", "-B", PROJECT / "tests/faults/machine.py", build, packages, row.name],
-        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace", check=False,
-    )
-    found = machine.stdout
-    if machine.returncode != 0 and not found:
-        found = f"the machine ended with {machine.returncode}\n"
+    async with machines:
+        started = time.monotonic()
+        machine = await asyncio.create_subprocess_exec(
+            PROJECT / "sandbox/run", *state, *row.machine, "--show", build, "--show", packages, "--",
+            "/usr/bin/python3", "-B", PROJECT / "tests/faults/run_row.py", build, packages, row.name,
+            stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        try:
+            output, _ = await machine.communicate()
+        except asyncio.CancelledError:
+            if machine.returncode is None:
+                machine.kill()  # and with it all that runs there
+            await machine.communicate()
+            raise
+    found = output.decode(errors="replace") or f"the machine ended with {machine.returncode}\n"
     return row, found if machine.returncode else "", time.monotonic() - started
 
 
-def run_rows(rows, arguments, packages):
+async def run_rows(rows, arguments, packages):
     """Runs the rows, those that take longest first, and prints a line each. Returns how many failed."""
     failed = 0
-    build = arguments.build.resolve()
-    with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
-        longest_first = sorted(rows, key=lambda row: -row.limit)
-        running = [pool.submit(run_row, row, build, packages, arguments.keep) for row in longest_first]
-        for done in concurrent.futures.as_completed(running):
-            row, found, seconds = done.result()
-            failed += bool(found)
-            print(f"{'FAIL' if found else 'ok  '} {seconds:5.1f} s  {row.area:10} {row.name}", flush=True)
-            for line in found.splitlines():
-                print(f"       {line}")
+    machines = asyncio.Semaphore(arguments.jobs)
+    longest_first = sorted(rows, key=lambda row: -row.limit)
+    running = [asyncio.create_task(run_row(row, arguments, packages, machines)) for row in longest_first]
+    for done in asyncio.as_completed(running):
+        row, found, seconds = await done
+        failed += bool(found)
+        print(f"{'FAIL' if found else 'ok  '} {seconds:5.1f} s  {row.area:10} {row.name}", flush=True)
+        for line in found.splitlines():
+            print(f"       {line}")
     return failed
 
 
@@ -83,11 +88,16 @@ def main():
             print(f"{row.area:10} {row.name:40} {row.fault}")
         return 0
     with tempfile.TemporaryDirectory() as packages:
-        subprocess.run([PROJECT / "tests/faults/packages", packages], check=True)
-        failed = run_rows(rows, arguments, packages)
+        # The firmware is three blocks, the last one not full.
+        subprocess.run([PROJECT / "sandbox/packages", "--faulty", "--firmware-size", "2500", packages], check=True)
+        (pathlib.Path(packages) / "pid").write_text("9999999")  # of no process; read-only on the machine
+        failed = asyncio.run(run_rows(rows, arguments, packages))
     print(f"{len(rows) - failed} passed, {failed} failed")
     return 1 if failed else 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    try:
+        sys.exit(main())
+    except KeyboardInterrupt:
+        sys.exit(130)

@@ -23,9 +23,10 @@ class Row:
     staged: list = field(default_factory=list)  # package files in /tmp/ota
     stick: list = field(default_factory=list)  # package files on the storage stick
     board: list | str = "none"  # options of boardsim; "none": no board
-    before: str = ""  # shell lines before the program starts
+    arguments: list = field(default_factory=list)  # of the program
+    before: str = ""  # Python lines before the program starts, of what stands in steps.py
     click: bool = False  # press the button
-    during: str = ""  # shell lines after that
+    during: str = ""  # Python lines after that
 
     screen: str = ""  # key of [screens]: the last one painted; empty: none was
     progress: list | None = None  # value and end of the bar
@@ -47,7 +48,7 @@ class Row:
     struck: bool = True  # the board made each of its faults
     disk: dict = field(default_factory=dict)  # path: what is there, see disk_state() in verdict.py
     running: bool = True  # the program still runs
-    status: int | None = None  # exit status of the program that `during` has waited for
+    status: int | None = None  # exit status of the program that `during` has waited for, as a shell has it
     seconds: dict = field(default_factory=dict)  # from (the last such line before), to, at_least, at_most
     holds: float = 0.3  # seconds for which the outcome must stay as it is
     limit: int = 60  # seconds after which the outcome is given up

@@ -1,43 +1,32 @@
 """Compares what a machine has come to with what its row says."""
 
-import filecmp
 import itertools
-import json
 import os
-import pathlib
 import re
-import subprocess
 
-STATE = pathlib.Path("/run/machine")
-STAGED = "/tmp/ota"
-STICK = "/mnt/nand_disk/update_ipk"
-INSTALL = "opkg install --force-downgrade --force-reinstall --force-overwrite"
+from machine import HAND_OVER, paths
+from machine.packages import INSTALL
+from machine.watch import names_in, same_content, text_of
+
 # A row's upper bound leaves room for a busy processor, but not for an emulated one.
 SLOWNESS = 2 if os.environ.get("UPDATE_ASSISTANT_EMULATOR") else 1
-RESULT_LINE = re.compile(r"^qml: result: (-?\d+)\s+index: (\d+) ")
 
 
-def differences(row, table, log, source, is_over=False):
-    """Yields what is not as the row says, a line each. `source` holds the package files; once the
-    row `is_over` the board is off, and its summary counts, too."""
-    lines = text_of(STATE / "program.log").splitlines()
+def differences(row, table, log, steps, is_over=False):
+    """Yields what is not as the row says, a line each. Once the row `is_over` the board is off, and its
+    summary counts, too."""
+    machine = steps.machine
+    painted = machine.screen.painted
     return itertools.chain(
-        _screen_differences(row, table),
-        _code_differences(row, table, lines),
-        _console_differences(row, table, lines),
-        _process_differences(row),
+        _screen_differences(row, table, painted),
+        _code_differences(row, table, machine.console, painted),
+        _console_differences(row, table, machine.console),
+        _process_differences(row, steps),
         _disk_differences(row),
-        _board_differences(row, is_over),
+        _board_differences(row, machine.board, is_over),
         _duration_differences(row, log),
-        _package_differences(row, source),
+        _package_differences(row, machine),
     )
-
-
-def text_of(path):
-    try:
-        return pathlib.Path(path).read_text(encoding="utf-8", errors="replace")
-    except OSError:
-        return ""
 
 
 def _same(what, expected, actual):
@@ -45,18 +34,11 @@ def _same(what, expected, actual):
         yield f"{what}: expected {expected!r}, is {actual!r}"
 
 
-def last_screen():
-    """The last state that was painted, None before the first."""
-    painted = text_of(STATE / "screen.log").rpartition("\n")[0].rpartition("\n")[2]
-    return json.loads(painted) if painted else None
-
-
-def _screen_differences(row, table):
-    state = last_screen()
-    if state is None or not row.screen:
-        yield from _same("a screen", bool(row.screen), state is not None)
+def _screen_differences(row, table, painted):
+    items = painted["items"]
+    if not items or not row.screen:
+        yield from _same("a screen", bool(row.screen), bool(items))
         return
-    items = state["items"]
     expected = table["screens"][row.screen]
     for tip, text in zip(expected.get("ids", ("tip_en", "tip_cn")), expected["tips"]):
         item = items.get(tip, {})
@@ -69,30 +51,29 @@ def _screen_differences(row, table):
         bar = items["progress"]
         yield from _same("the progress", row.progress, [bar["value"], bar["to"]])
     if row.listed is not None:
-        yield from _same("the list", row.listed, [texts[0] for texts in state["rows"]])
-    states = [texts[2:4] for texts in state["rows"]]
+        yield from _same("the list", row.listed, [texts[0] for texts in painted["rows"]])
+    states = [texts[2:4] for texts in painted["rows"]]
     runs = [(*key, len(list(group))) for key, group in itertools.groupby(states, tuple)]
     yield from _same("the states of the list", row.rows, " ".join(run[0] for run in runs))
     for run in runs:
         yield from _same(f"the colour of {run[0]}", table["states"][run[0]], run[1])
 
 
-def _code_differences(row, table, lines):
-    results = [[int(part) for part in match.groups()] for match in map(RESULT_LINE.match, lines) if match]
+def _code_differences(row, table, console, painted):
     expected = row.results
     if isinstance(expected, int):
         expected = [[0, index] for index in range(expected)]
-    yield from _same("the results of the installations", expected, results)
-    starts = [int(code) for line in lines for code, head in table["start"].items() if line.startswith(head)]
+    yield from _same("the results of the installations", expected, console.results)
+    starts = [int(code) for line in console.lines
+              for code, head in table["start"].items() if line.startswith(head)]
     yield from _same("the result of the start command", [] if row.start is None else [row.start], starts)
     if row.transfer is not None:
-        yield from _same("the result of the transfer", row.transfer, painted_result())
+        yield from _same("the result of the transfer", row.transfer, painted_result(painted))
 
 
-def painted_result():
+def painted_result(painted):
     """The result that the screen tells of the control board, None before it does."""
-    state = last_screen()
-    text = state["items"]["tip_en"]["text"] if state else ""
+    text = painted["items"].get("tip_en", {}).get("text", "")
     code = re.search(r"Error Code\[(-?\d+)\]", text)
     if code:
         return int(code[1])
@@ -126,13 +107,12 @@ def console_of(lines, table):
     return [line for line in lines if own.match(line)]
 
 
-def _console_differences(row, table, lines):
-    own = "".join(line + "\n" for line in console_of(lines, table))
+def _console_differences(row, table, console):
+    own = "".join(line + "\n" for line in console_of(console.lines, table))
     if not re.fullmatch(pattern(row.console, table), own):
         yield "the console: expected\n" + _indented(row.console) + "\n  is\n" + _indented(own.splitlines())
-    everything = "\n".join(lines)
     for text in row.also:
-        if text not in everything:
+        if not console.printed(text):
             yield f"not printed: {text}"
 
 
@@ -140,57 +120,31 @@ def _indented(entries):
     return "\n".join(f"    {entry}" for entry in entries)
 
 
-def installed_packages():
-    listing = subprocess.run(
-        ["dpkg-query", f"--root={STATE}/root", "--show",
-         "--showformat=${db:Status-Status} ${Package} ${Version}\n"],
-        capture_output=True, text=True, check=False,
-    ).stdout
-    return sorted(line.removeprefix("installed ") for line in listing.splitlines()
-                  if line.startswith("installed "))
-
-
-def _package_differences(row, source):
-    yield from _same("the installed packages", sorted(row.installed), installed_packages())
-    calls = text_of(STATE / "calls.log").splitlines()
+def _package_differences(row, machine):
+    yield from _same("the installed packages", sorted(row.installed), sorted(machine.packages.installed()))
+    calls = machine.calls()
     asked = [call.removeprefix(INSTALL).removeprefix(" ") for call in calls if call.startswith(INSTALL)]
     if row.calls is not None:
         yield from _same("calls of the package manager", row.calls, len(asked))
     if row.asked is not None:
         yield from _same("what the package manager was asked for", row.asked, asked)
-    yield from _same("calls of the main application", row.handed_over,
-                     calls.count("/root/Hmi -path=/root"))
+    yield from _same("calls of the main application", row.handed_over, calls.count(HAND_OVER))
     copied = row.copied or []
     if row.copied is not None:
         yield from _same("the staged packages", sorted(map(os.path.basename, row.staged + copied)),
-                         sorted(names_in(STAGED)))
-    for folder, files in ((STAGED, row.staged + copied), (STICK, row.stick)):
+                         names_in(paths.STAGED))
+    for folder, files in ((paths.STAGED, row.staged + copied), (paths.STICK, row.stick)):
         for file in files:
-            copy = os.path.join(folder, os.path.basename(file))
-            if copy not in row.disk and not _same_content(copy, os.path.join(source, file)):
+            copy = folder / os.path.basename(file)
+            if str(copy) not in row.disk and not same_content(copy, machine.packages.folder / file):
                 yield f"{copy}: no longer what was put there"
 
 
-def names_in(folder):
-    try:
-        return os.listdir(folder)
-    except OSError:
-        return []
-
-
-def _same_content(one, other):
-    try:
-        return filecmp.cmp(one, other, shallow=False)
-    except OSError:
-        return False
-
-
-def _board_differences(row, is_over):
+def _board_differences(row, board, is_over):
     if row.board == "none":
         return
-    try:
-        summary = json.loads(text_of(STATE / "board.json"))
-    except ValueError:
+    summary = board.summary()
+    if summary is None:
         if is_over:
             yield "the board has left no summary"
         return
@@ -202,7 +156,7 @@ def _board_differences(row, is_over):
     received = transfers[-1] if transfers else None
     image = "none"
     if received and received["blocksReceived"] > 0:
-        whole = received["outcome"] == "complete" and _same_content(STATE / "received.bin", row.firmware)
+        whole = received["outcome"] == "complete" and same_content(paths.RECEIVED, row.firmware)
         image = "whole" if whole else "part"
     yield from _same("the image that the board got", row.image, image)
 
@@ -219,7 +173,7 @@ def disk_state(path):
 def _disk_differences(row):
     for path, expected in row.disk.items():
         if expected.startswith("same as "):
-            if not _same_content(path, expected.removeprefix("same as ")):
+            if not same_content(path, expected.removeprefix("same as ")):
                 yield f"{path}: expected the {expected}"
         elif expected.startswith("text "):
             yield from _same(path, expected.removeprefix("text "), text_of(path))
@@ -227,16 +181,10 @@ def _disk_differences(row):
             yield from _same(path, expected, disk_state(path))
 
 
-def is_running(pid):
-    state = re.search(r"^State:\t(.)", text_of(f"/proc/{pid}/status"), re.MULTILINE)
-    return bool(state) and state[1] not in "ZX"
-
-
-def _process_differences(row):
-    yield from _same("the program runs", row.running, is_running(text_of(STATE / "program.pid").strip()))
+def _process_differences(row, steps):
+    yield from _same("the program runs", row.running, steps.machine.program.is_running)
     if row.status is not None:
-        yield from _same("the program's exit status", str(row.status),
-                         text_of(STATE / "program.status").strip())
+        yield from _same("the program's exit status", row.status, steps.status)
 
 
 def _duration_differences(row, log):

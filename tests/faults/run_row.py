@@ -1,0 +1,126 @@
+"""Runs one row on the simulated machine: run_row.py BUILD PACKAGES ROW. Started by run.py.
+
+Prints the differences, nothing when all is as the row says. The exit status is 0 or 1.
+"""
+
+import linecache
+import pathlib
+import signal
+import sys
+import threading
+import time
+import traceback
+
+PROJECT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(PROJECT / "sandbox"))
+
+import table
+import verdict
+from machine import Machine, paths
+from steps import Steps
+
+POLL_S = 0.02
+
+
+class Log(threading.Thread):
+    """The lines of the console and of the screen, each with the time at which it was seen."""
+
+    FILES = (paths.PROGRAM_LOG, paths.SCREEN_LOG)
+
+    def __init__(self):
+        super().__init__(daemon=True)
+        self._lines = []
+        self._read = dict.fromkeys(self.FILES, 0)  # bytes
+
+    def run(self):
+        while True:
+            for path in filter(pathlib.Path.exists, self.FILES):
+                self._follow(path)
+            time.sleep(POLL_S)
+
+    def _follow(self, path):
+        with open(path, "rb") as file:
+            if path.stat().st_size < self._read[path]:  # the program was started again
+                self._read[path] = 0
+            file.seek(self._read[path])
+            lines = file.read().split(b"\n")[:-1]
+        now = time.monotonic()
+        self._lines += [(now, line.decode(errors="replace")) for line in lines]
+        self._read[path] += sum(len(line) + 1 for line in lines)
+
+    def seconds_between(self, first, then):
+        """From the last line with `first` to the earliest line with `then`; None without them."""
+        end = next((i for i, (_, line) in enumerate(self._lines) if then in line), 0)
+        start = next((seen for seen, line in reversed(self._lines[:end]) if first in line), None)
+        return None if start is None else self._lines[end][0] - start
+
+
+def run_lines(lines, what, names):
+    """Runs the lines of a row, in which a failure names its own line."""
+    linecache.cache[what] = (len(lines), None, lines.splitlines(keepends=True), what)
+    exec(compile(lines, what, "exec"), names)
+
+
+def take_steps(row, steps):
+    packages, names = steps.machine.packages, steps.names()
+    if row.staged:
+        packages.stage(*row.staged)
+    if row.stick:
+        packages.stage(*row.stick, folder=paths.STICK)
+    run_lines(row.before, "before", names)
+    if row.board != "none":
+        steps.switch_board_on(*row.board)
+    steps.start()
+    if row.click:
+        steps.press()
+    run_lines(row.during, "during", names)
+
+
+def end_steps(*_):
+    raise TimeoutError("the steps do not end")
+
+
+def run(row, rows, machine):
+    """Returns what is not as the row says."""
+    log = Log()
+    log.start()
+    limit = verdict.SLOWNESS * row.limit
+    given_up = time.monotonic() + limit
+    signal.signal(signal.SIGALRM, end_steps)
+    signal.alarm(limit)
+    try:
+        steps = Steps(machine, row)
+        take_steps(row, steps)
+    except Exception:
+        return [traceback.format_exc()]
+    finally:
+        signal.alarm(0)
+
+    while True:
+        found = verdict.differences(row, rows, log, steps)
+        first = next(found, None)  # the cheap ones come first
+        if first is None:
+            break
+        if time.monotonic() > given_up:
+            return [first, *found]
+        time.sleep(POLL_S)
+    time.sleep(row.holds)
+    if machine.board.process:
+        machine.board.stop()
+    return list(verdict.differences(row, rows, log, steps, is_over=True))
+
+
+def main(build, packages, name):
+    for number in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, signal.SIG_DFL)  # whoever started this may have them ignored
+    rows = table.load()
+    row = next(row for row in rows["rows"] if row.name == name)
+    with Machine(build, packages) as machine:
+        found = run(row, rows, machine)
+    for difference in found:
+        print(difference)
+    return 1 if found else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(*sys.argv[1:]))

@@ -1,0 +1,213 @@
+"""The steps of which a row's `before` and `during` consist."""
+
+import pathlib
+import re
+import shlex
+import shutil
+import signal
+import subprocess
+
+from machine import paths
+from machine.watch import same_content, text_of
+
+HOOKS = paths.STATE / "hooks"  # commands that come before the machine's own
+TOOLS = paths.STATE / "tools"  # commands that come instead of them
+INSTALLING = paths.STATE / "installing"  # made by a slow package
+GO = paths.STATE / "go"  # ends a slow package
+
+
+class Steps:
+    """What can be done on the machine of a row."""
+
+    def __init__(self, machine, row):
+        self.machine = machine
+        self.row = row
+        self.status = None  # of the program that await_exit() has waited for
+        HOOKS.mkdir()
+        machine.environment["PATH"] = f"{HOOKS}:{machine.environment['PATH']}"
+        machine.screen.probe()
+
+    def names(self):
+        """What the lines of a row can name: the steps below, the parts of the machine, and places on it."""
+        parts = ("board", "console", "environment", "packages", "program", "screen")
+        return {name: getattr(self, name) for name in dir(self) if not name.startswith("_")} | {
+            **{name: getattr(self.machine, name) for name in parts},
+            "staged": paths.STAGED, "stick": paths.STICK, "pid_file": paths.PID_FILE,
+        }
+
+    # Before the program starts.
+
+    def sh(self, lines):
+        """Runs shell lines on the machine; none may fail."""
+        call = self.machine.run("bash", "-euc", lines)
+        assert call.returncode == 0, call.stdout
+
+    def stage(self, file, name, folder=paths.STAGED):
+        """Puts a package file into the folder under another name."""
+        folder.mkdir(parents=True, exist_ok=True)
+        shutil.copy(self.machine.packages.folder / file, folder / name)
+
+    def put_on_stick(self, *files):
+        self.machine.packages.stage(*files, folder=paths.STICK)
+
+    def install(self, file):
+        """Installs a package file."""
+        self.sh(f"opkg install {self.machine.packages.folder / file}")
+
+    def fill(self, folder):
+        """Leaves no room in a folder that is a small file system."""
+        self.sh(f"head -c 1M /dev/zero >{folder}/filler || true")
+
+    def hook(self, command, lines):
+        """Runs shell lines each time the program's shell calls the command, and then the command."""
+        real = shutil.which(command, path=self.machine.environment["PATH"])
+        _write_script(HOOKS / command, f'#!/usr/bin/env bash\nreal={shlex.quote(real)}\n{lines}\nexec "$real" "$@"\n')
+
+    def strike(self, command, arguments, lines, call=1):
+        """Runs shell lines once, before the program's shell calls the command with such arguments, a
+        pattern, for the first time or the given one. `$real` is the command itself, for lines that want it
+        run earlier."""
+        calls = HOOKS / f".{command}"
+        self.hook(command, f"""\
+pattern={shlex.quote(arguments)}
+if [[ $* == $pattern ]] && echo >>{calls} && [ "$(wc -l <{calls})" -eq {call} ]; then
+    {lines}
+fi""")
+
+    def forget(self, command):
+        """Takes the command off the PATH. Returns where another one can be put in its place."""
+        TOOLS.mkdir()
+        _, *folders = self.machine.environment["PATH"].split(":")
+        self.machine.run("bash", "-c", 'for folder in "${@:3}"; do find "$folder/" -maxdepth 1 ! -name "$1" '
+                         '-exec ln -st "$2" -- {} +; done', "forget", command, TOOLS, *folders)
+        self.machine.environment["PATH"] = f"{HOOKS}:{TOOLS}"
+        return TOOLS / command
+
+    def replace_application(self, lines):
+        """Puts shell lines in place of the main application; its calls are recorded all the same."""
+        application = pathlib.Path("/root/Hmi")
+        application.unlink()  # a link to the project's
+        _write_script(application, f'#!/bin/sh\necho "$0 $*" >>{paths.CALLS}\n{lines}\n')
+
+    def start_by(self, lines):
+        """Starts the program by shell lines from now on, in which it is "$@"."""
+        self.machine.program.command = ["/bin/sh", "-c", lines, "starter", *self.machine.program.command]
+
+    def start_idler(self, group=0):
+        """Starts a process that does nothing, in the group of another or its own. Returns its Popen."""
+        return subprocess.Popen(["sleep", "1000"], process_group=group)
+
+    # The program and the board.
+
+    def start(self, *arguments):
+        """Starts the program, also beside one that runs. Returns its Popen."""
+        return self.machine.program.start(*self.row.arguments, *arguments)
+
+    def start_again(self, *arguments):
+        """Starts the program with a new log of the screen and of the console."""
+        paths.SCREEN_LOG.write_bytes(b"")
+        self.machine.console.clear()
+        return self.start(*arguments)
+
+    def cut_off(self):
+        """Ends the program as a power cut does, without a word."""
+        self.machine.program.stop(signal.SIGKILL)
+
+    def switch_board_on(self, *options):
+        # Ten control bytes at a time, as the program reads them: it goes on at once. No `C` before it
+        # has read the answer to the start command, nor a second one while it reads the first: each
+        # takes it about a second, and which comes first would be left to chance.
+        self.machine.board.start("--control-repeat", "10", "--boot-delay", "2500",
+                                 "--request-interval", "3000", *options)
+
+    def switch_board_off(self):
+        self.machine.board.stop()
+        paths.BOARD_SUMMARY.unlink()
+
+    def press(self):
+        """Clicks the button, and waits for the effect."""
+        self.click()
+        self.await_("the effect of the button", self._is_pressed)
+
+    def click(self, times=1):
+        """Clicks the button, as often in a row."""
+        self.await_button()
+        self.machine.screen.tell_probe("\n".join(["click udisk"] * times))
+
+    def close_window(self):
+        self.machine.screen.tell_probe("close")
+
+    def let_installer_end(self):
+        """Ends the wait of a slow package."""
+        GO.touch()
+
+    # Waiting, and looking.
+
+    def await_(self, what, condition, *arguments):
+        """Waits until condition(*arguments) holds, but not longer than the program runs."""
+        return self.machine.await_(what, condition, *arguments)
+
+    def await_button(self):
+        """Waits until the button can be pressed."""
+        self.await_("a button that can be pressed", self._is_idle)
+
+    def await_text(self, text):
+        """Waits for a text on the screen."""
+        self.await_(text, lambda: any(text in item.get("text", "") for item in self.machine.screen.items.values()))
+
+    def await_item(self, name, **properties):
+        """Waits for an item on the screen, with these properties."""
+        def is_there():
+            item = self.machine.screen.items.get(name)
+            return item is not None and properties.items() <= item.items()
+
+        self.await_(name, is_there)
+
+    def await_path(self, path):
+        """Waits until the path is there."""
+        self.await_(path, pathlib.Path(path).exists)
+
+    def await_removal(self, path):
+        """Waits until the path is there no more."""
+        self.await_(f"removal of {path}", lambda: not pathlib.Path(path).exists())
+
+    def await_copy(self, file, copy):
+        """Waits until the copy is whole."""
+        self.await_(f"a copy of {file}", same_content, file, copy)
+
+    def await_line(self, path, expression):
+        """Waits until the file has a line that the regular expression fits."""
+        self.await_(expression, lambda: re.search(expression, text_of(path), re.MULTILINE))
+
+    def await_installer(self):
+        """Waits until a slow package is at work."""
+        self.await_("the installer", lambda: INSTALLING.exists() and INSTALLING.stat().st_size)
+
+    def await_board(self, expression):
+        """Waits until the board's transcript has a line that the regular expression fits."""
+        self.await_(expression, self.machine.board.saw, expression)
+
+    def await_exit(self):
+        """Waits for the program's end; its exit status is what the row's `status` is compared with."""
+        status = self.machine.program.wait()
+        self.status = status if status >= 0 else 128 - status
+
+    def await_end(self, process):
+        """Waits for the end of another process, a Popen."""
+        self.await_("the end of the other", lambda: process.poll() is not None)
+
+    def gone(self):
+        """The classes of the program's objects in the order in which it has taken them down."""
+        return re.findall(r"^screenprobe: (.*) is gone$", self.machine.console.text, re.MULTILINE)
+
+    def _is_idle(self):
+        button = self.machine.screen.items.get("udisk", {})
+        return button.get("enabled") and button["color"] == "#333333"
+
+    def _is_pressed(self):
+        return self.machine.screen.items.get("tip_en") != {"color": "#ffffff", "enabled": True, "text": ""}
+
+
+def _write_script(path, text):
+    path.write_text(text, encoding="utf-8")
+    path.chmod(0o755)
