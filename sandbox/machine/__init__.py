@@ -6,7 +6,8 @@
         machine.program.start()
         machine.await_("the package", machine.console.package_ended, 0, 0)
 
-`watch` and `pictures` look at machines of any kind, so they are of use elsewhere, too.
+`watch` and `pictures` look at machines of any kind. `emulated` has another: a whole ARM board, with
+the same parts.
 """
 
 import os
@@ -33,7 +34,7 @@ class Machine:
         # Of all that is started. Software rendering and a fixed locale make every host draw and say the same.
         self.environment = os.environ | {"QT_QUICK_BACKEND": "software", "LC_ALL": "C.UTF-8"}
         self.program = Program(self.environment, self.build / "src/update-assistant", paths.PROGRAM_LOG)
-        self.board = Board(self.environment, self.build / "simulator/boardsim", paths.BOARD_LOG)
+        self.board = Board(self.environment, self.build / "simulator/boardsim")
         self.screen = Screen(self)
         self.console = Console(paths.PROGRAM_LOG)
         self.packages = Packages(packages)

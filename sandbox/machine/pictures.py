@@ -7,6 +7,7 @@ WHITE, GREEN, RED, YELLOW = "#ffffff", "#008000", "#ff0000", "#ffff00"
 
 # Where a screen of 1280 by 800 has them; nothing else is ever there.
 WHOLE = "1280x800+0+0"
+TITLE = "1280x40+0+15"
 TIPS = "1240x60+40+115"
 SUCCESS = "1280x60+0+225"
 STATUS = "1280x100+0+370"

@@ -12,8 +12,8 @@ from .watch import WAIT_S, await_, text_of
 EMULATOR = os.environ.get("UPDATE_ASSISTANT_EMULATOR", "").split()  # for another processor's programs
 
 
-class _Process:
-    """One of the build tree's programs.
+class Process:
+    """A process of the machine.
 
     It runs in a group of its own, for a pid file that is no number ends the group; but in no session of
     its own: the line would be its terminal there, and end the program when the board is switched off.
@@ -66,7 +66,7 @@ class _Process:
             self.stop(signal.SIGKILL)
 
 
-class Program(_Process):
+class Program(Process):
     """The unchanged program. `command` may be another that starts it."""
 
     def start(self, *arguments):
@@ -74,14 +74,20 @@ class Program(_Process):
         return self._start(["stdbuf", "-oL", *self.command, *arguments], self.log, "ab")
 
 
-class Board(_Process):
-    """The simulated board, `boardsim`, on the line that the program opens."""
+class Board(Process):
+    """The simulated board, `boardsim`, on the line that the program opens. The folder gets what it writes."""
+
+    def __init__(self, environment, path, device=paths.BOARD_DEVICE, folder=paths.STATE):
+        super().__init__(environment, path, folder / paths.BOARD_LOG.name)
+        self.received = folder / paths.RECEIVED.name
+        self._device = device
+        self._summary = folder / paths.BOARD_SUMMARY.name
+        self._output = folder / paths.BOARD_OUTPUT.name
 
     def start(self, *options):
-        self._start([*self.command, "--link", paths.BOARD_DEVICE, "--image", paths.RECEIVED,
-                     "--transcript", self.log, "--summary", paths.BOARD_SUMMARY, *options],
-                    paths.BOARD_OUTPUT, "wb")
-        await_("the board", lambda: text_of(paths.BOARD_OUTPUT).startswith("ready "), process=self.process)
+        self._start([*self.command, "--link", self._device, "--image", self.received,
+                     "--transcript", self.log, "--summary", self._summary, *options], self._output, "wb")
+        await_("the board", lambda: text_of(self._output).startswith("ready "), process=self.process)
 
     def saw(self, expression):
         """Whether the transcript has a line that the regular expression fits."""
@@ -89,5 +95,5 @@ class Board(_Process):
 
     def summary(self):
         """What it says of the line once it is stopped; None before. Its exit status is 0 when all was right."""
-        text = text_of(paths.BOARD_SUMMARY)
+        text = text_of(self._summary)
         return json.loads(text) if text else None

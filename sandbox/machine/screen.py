@@ -7,6 +7,8 @@ import subprocess
 from . import paths, pictures
 from .watch import text_of
 
+WIDTH, HEIGHT = 1280, 800
+
 
 def start_display(width, height, *options):
     """Starts a virtual display. Returns the Popen of its server, and what DISPLAY has to be."""
@@ -20,12 +22,37 @@ def start_display(width, height, *options):
         return server, f":{display.readline().strip()}"
 
 
-class Screen:
+class Display:
+    """What shows the program's screen. A machine's own has take(path) and click(x, y) beside this."""
+
+    def __init__(self, machine, folder):
+        """The folder is for pictures that nobody keeps."""
+        self._machine = machine
+        self._scratch = folder / "window.png"
+
+    def picture(self, path, before=None):
+        """Saves the screen once it shows something that stays, and else than the picture before."""
+        self._machine.await_(f"a new picture for {path.stem}", pictures.settled, self.take, path, before)
+
+    def shows(self, colour, place):
+        """Whether the screen, as it is now, has the colour at the place."""
+        return self.take(self._scratch) and pictures.has_colour(self._scratch, colour, place)
+
+    def await_button(self):
+        self._machine.await_("an enabled button", self.shows, pictures.BUTTON_ENABLED, pictures.BUTTON)
+
+    def press_button(self):
+        """Clicks the button in the middle of the screen, once it can be pressed."""
+        self.await_button()
+        self.click(WIDTH // 2, HEIGHT // 2)
+
+
+class Screen(Display):
     """The program's screen. Nothing of it is there before open() or probe(), which come before the program."""
 
     def __init__(self, machine):
+        super().__init__(machine, paths.STATE)
         self.window = None
-        self._machine = machine
         self._server = None
 
     def open(self, own=True):
@@ -33,7 +60,7 @@ class Screen:
         environment = self._machine.environment
         environment["QT_QPA_PLATFORM"] = "xcb"
         if own or not environment.get("DISPLAY"):
-            self._server, environment["DISPLAY"] = start_display(1280, 800)
+            self._server, environment["DISPLAY"] = start_display(WIDTH, HEIGHT)
             environment.pop("XAUTHORITY", None)
 
     def has_window(self):
@@ -46,28 +73,14 @@ class Screen:
         """Waits for the program's window and gives it the whole screen, as the appliance does."""
         self._machine.await_("the window", self.has_window)
         self._machine.run("xdotool", "windowmove", self.window, 0, 0)
-        self._machine.run("xdotool", "windowsize", self.window, 1280, 800)
+        self._machine.run("xdotool", "windowsize", self.window, WIDTH, HEIGHT)
 
     def take(self, path):
         """Saves the window as it is on the screen now. Returns whether there was one."""
         return self._machine.run("import", "-silent", "-window", self.window, path).returncode == 0
 
-    def picture(self, path, before=None):
-        """Saves the window once it shows something that stays, and else than the picture before."""
-        self._machine.await_(f"a new picture for {path.stem}", pictures.settled, self.take, path, before)
-
-    def shows(self, colour, place):
-        """Whether the window, as it is on the screen now, has the colour at the place."""
-        path = paths.STATE / "window.png"
-        return self.take(path) and pictures.has_colour(path, colour, place)
-
-    def await_button(self):
-        self._machine.await_("an enabled button", self.shows, pictures.BUTTON_ENABLED, pictures.BUTTON)
-
-    def press_button(self):
-        """Clicks the button in the middle of the screen, once it can be pressed."""
-        self.await_button()
-        self._machine.run("xdotool", "mousemove", "--window", self.window, 640, 400, "click", 1)
+    def click(self, x, y):
+        self._machine.run("xdotool", "mousemove", "--window", self.window, x, y, "click", 1)
 
     def probe(self):
         """Has sandbox/screenprobe look from inside the program, which needs no display then."""

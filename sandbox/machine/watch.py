@@ -98,6 +98,11 @@ class Console:
     def printed(self, text):
         return text in self.text
 
+    def printed_in_order(self, *texts):
+        """Whether the texts are there, each in a later line than the one before."""
+        lines = iter(self.lines)
+        return all(any(text in line for line in lines) for text in texts)
+
     def package_ended(self, status, index):
         return [status, index] in self.results
 
@@ -108,9 +113,10 @@ class Console:
 class Report:
     """The stages of a demonstration, and facts that have to be true."""
 
-    def __init__(self):
+    def __init__(self, before_s=0):
+        """`before_s` is the time that has gone into it before."""
         self.failures = 0
-        self._started = time.monotonic()
+        self._started = time.monotonic() - before_s
 
     def stage(self, text):
         print(f"\n== {text}", flush=True)

@@ -45,6 +45,10 @@ COMMANDS = {
     "scripts/test": "builds and runs everything, this check too; the CI runs it",
 }
 
+# Files of which each line, but for comments and the shell's settings, is to stand in docs/porting.md: what the
+# page tells is what the package brings and what scripts/board does.
+TOLD = ("packaging/update-assistant.rules", "sandbox/board/install")
+
 BUILT_PROGRAMS = {"boardsim": "simulator/boardsim", "update-assistant": "src/update-assistant"}
 SEPARATORS = {"&&", "||", ";", "|", "&"}
 SECONDS = 60  # only a hang is ever that slow
@@ -331,6 +335,14 @@ class Names:
             document.complain(number, f"there is no {path}")
 
 
+def check_told():
+    page = (PROJECT / "docs/porting.md").read_text(encoding="utf-8").splitlines()
+    for name in TOLD:
+        for line in (PROJECT / name).read_text(encoding="utf-8").splitlines():
+            if line and not line.startswith(("#", "set ")) and line not in page:
+                problems.append(f"{name}: docs/porting.md does not tell: {line}")
+
+
 def check_version():
     version = re.search(r"VERSION (\S+)", (PROJECT / "CMakeLists.txt").read_text().split("project(")[1])[1]
     newest = re.search(r"^## (\S+)", (PROJECT / "CHANGES.md").read_text(), re.MULTILINE)[1]
@@ -360,6 +372,7 @@ def main():
                 commands.check(document, number, span)
     for start in sorted(COMMANDS.keys() - commands.used):
         problems.append(f"COMMANDS: no document has a command {start}")
+    check_told()
     check_version()
     print(*problems, f"{len(problems)} problems", sep="\n")
     sys.exit(1 if problems else 0)

@@ -45,6 +45,7 @@ def filesArriveAtTheirPlaces(machine):
           "755 usr/bin/update-assistant-start",
           "644 usr/share/doc/update-assistant/copyright",
           "755 usr/share/doc/update-assistant/examples/update-assistant.init",
+          "644 usr/share/doc/update-assistant/examples/update-assistant.rules",
           "644 usr/share/doc/update-assistant/examples/update-assistant.service"], files())
     assert same_content(PROJECT / "LICENSE", DOCUMENTS / "copyright")
     # It has no symbols.

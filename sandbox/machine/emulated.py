@@ -1,0 +1,212 @@
+"""The emulated ARM board, from outside the emulator: a machine with the parts that Machine has."""
+
+import base64
+import contextlib
+import json
+import os
+import pathlib
+import shlex
+import socket
+import subprocess
+import tempfile
+
+from . import paths, pictures
+from .processes import Board, Process
+from .screen import HEIGHT, WIDTH, Display
+from .watch import WAIT_S, Console, await_
+
+END = "-- end of the command, status "
+WHOLE_AXIS = 0x7fff
+
+
+class EmulatorError(Exception):
+    """The emulator refuses a command, or does not answer, or the board's shell does not."""
+
+
+class Link:
+    """Talks to an emulated board through the sockets in a folder, `shell` and `emulator`."""
+
+    def __init__(self, folder):
+        self.folder = pathlib.Path(folder)
+        # Kept from one command to the next: the board's shell ends with it, and what comes before the next
+        # shell has begun is lost.
+        self._shell = None
+
+    def close(self):
+        if self._shell:
+            self._shell.close()
+            self._shell = None
+
+    def shell(self, text):
+        """Runs a text in the board's shell. Returns a CompletedProcess; all that it says is in `stdout`."""
+        with _errors_of("shell"):
+            self._shell = self._shell or self._connect("shell")
+            print(f"(\n{text}\n) </dev/null; status=$?; echo; echo '{END}'$status", file=self._shell, flush=True)
+            lines = []
+            for line in self._shell:
+                if line.startswith(END):
+                    return subprocess.CompletedProcess(text, int(line[len(END):]),
+                                                       "".join(lines).removesuffix("\n"))
+                lines.append(line)
+        raise EmulatorError("shell: the emulator has gone")
+
+    def picture(self, file):
+        """Saves what the display shows as FILE, a PNG."""
+        self._ask(("screendump", {"filename": os.path.abspath(file), "format": "png"}))
+
+    def click(self, x, y):
+        """Clicks at a place of the display, in parts of its width and height."""
+        # From a corner: where the pointer is already the kernel reports no place, and a program that
+        # has been started since then knows of none.
+        self._ask(_pointer_at(0, 0), _pointer_at(float(x), float(y)), _button(True), _button(False))
+
+    def plug(self, drive):
+        """Plugs in the stick whose content the emulator knows as DRIVE."""
+        self._ask(("device_add", {"driver": "usb-storage", "drive": drive}))
+
+    def _ask(self, *requests):
+        """Gives the emulator commands of its own protocol, each a name and its arguments."""
+        with _errors_of("emulator"), self._connect("emulator") as stream:
+            stream.readline()  # the greeting
+            for name, arguments in (("qmp_capabilities", {}), *requests):
+                print(json.dumps({"execute": name, "arguments": arguments}), file=stream, flush=True)
+                answer = {}
+                while not answer.keys() & {"return", "error"}:  # events come between
+                    line = stream.readline()
+                    if not line:
+                        raise EmulatorError(f"{name}: the emulator has gone")
+                    answer = json.loads(line)
+                if "error" in answer:
+                    raise EmulatorError(f"{name}: {answer['error']['desc']}")
+
+    def _connect(self, name):
+        with socket.socket(socket.AF_UNIX) as end:  # the stream keeps it open
+            end.settimeout(WAIT_S)
+            end.connect(str(self.folder / name))
+            return end.makefile("rw", encoding="utf-8", errors="replace")
+
+
+@contextlib.contextmanager
+def _errors_of(name):
+    try:
+        yield
+    except OSError as error:
+        raise EmulatorError(f"{name}: {error}") from error
+
+
+def _pointer_at(x, y):
+    return _input_events(*(("abs", {"axis": axis, "value": round(part * WHOLE_AXIS)})
+                           for axis, part in (("x", x), ("y", y))))
+
+
+def _button(down):
+    return _input_events(("btn", {"button": "left", "down": down}))
+
+
+def _input_events(*events):
+    return "input-send-event", {"events": [{"type": kind, "data": data} for kind, data in events]}
+
+
+class Emulator(Process):
+    """The emulator, of a processor of 32 bits that reaches no devices beyond 4 GB."""
+
+    def __init__(self, system, results, sockets):
+        super().__init__(os.environ, "qemu-system-arm", results / "emulator.log")
+        self._options = [
+            "-M", "virt,highmem=off", "-cpu", "cortex-a15", "-m", "512",
+            "-nodefaults", "-display", "none", "-nic", "none",
+            "-kernel", system / "vmlinuz", "-initrd", system / "ramdisk", "-append", "console=ttyAMA0",
+            "-chardev", f"file,id=console,path={results}/console.log", "-serial", "chardev:console",
+            # What is written to the disk goes with the emulator.
+            "-drive", f"if=none,id=disk,format=raw,snapshot=on,file={system}/disk",
+            "-device", "virtio-blk-pci,drive=disk",
+            "-device", "virtio-gpu-pci", "-device", "virtio-tablet-pci",
+            "-device", "qemu-xhci", "-drive", f"if=none,id=stick,format=raw,file={results}/stick",
+            "-chardev", f"serial,id=line,path={sockets}/line", "-device", "usb-serial,chardev=line",
+            "-device", "virtio-serial-pci",
+            "-chardev", f"socket,id=shell,server=on,wait=off,path={sockets}/shell",
+            "-device", "virtserialport,chardev=shell,name=shell",
+            "-qmp", f"unix:{sockets}/emulator,server=on,wait=off",
+        ]
+        self._socket = sockets / "emulator"
+
+    def start(self):
+        self._start([*self.command, *self._options], self.log, "wb")
+        await_("the emulator", self._socket.exists, process=self.process)
+
+
+class EmulatedProgram:
+    """The program on the emulated board, where the board itself starts it."""
+
+    def __init__(self, machine):
+        self._machine = machine
+
+    @property
+    def pid(self):
+        """The process id that it has left."""
+        return self._machine.run("cat", paths.PID_FILE).stdout
+
+    @property
+    def is_running(self):
+        return self._machine.exists(f"/proc/{self.pid}")
+
+
+class EmulatedScreen(Display):
+    """The display of the emulated board."""
+
+    def __init__(self, machine, link, folder):
+        super().__init__(machine, folder)
+        self._link = link
+
+    def take(self, path):
+        """Saves the display. Returns whether the program is on it."""
+        try:
+            self._link.picture(path)
+        except EmulatorError:
+            return False
+        return pictures.has_colour(path, pictures.WHITE, pictures.TITLE)
+
+    def click(self, x, y):
+        self._link.click(x / WIDTH, y / HEIGHT)
+
+
+class EmulatedMachine:
+    """A whole ARM board in an emulator, with a simulated control board at its serial adapter.
+
+    `system` is a folder of sandbox/board/make-system, `build` the host's own build tree. `results` has the
+    content of the stick, as `stick`, and gets what is watched. What it has started it ends at its exit.
+    """
+
+    def __init__(self, system, build, results):
+        self._folder = tempfile.TemporaryDirectory()  # the paths of sockets have to be short
+        sockets = pathlib.Path(self._folder.name)
+        self.link = Link(sockets)
+        self.emulator = Emulator(system, results, sockets)
+        self.program = EmulatedProgram(self)
+        self.board = Board(os.environ, build / "simulator/boardsim", sockets / "line", results)
+        self.screen = EmulatedScreen(self, self.link, sockets)
+        self.console = Console(results / "console.log")  # the kernel's lines and the program's
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        for part in (self.link, self.emulator, self.board):
+            part.close()
+        self._folder.cleanup()
+
+    def await_(self, what, condition, *arguments):
+        """Waits as watch.await_ does, but not longer than the emulator runs."""
+        return await_(what, condition, *arguments, process=self.emulator.process)
+
+    def run(self, *command):
+        """Runs a command on the machine. Returns a CompletedProcess; all that it says is in `stdout`."""
+        return self.link.shell(shlex.join(map(str, command)))
+
+    def exists(self, path):
+        return self.run("test", "-e", path).returncode == 0
+
+    def copy(self, file, place):
+        """Copies a file of the host to a path on the machine."""
+        content = base64.encodebytes(file.read_bytes()).decode("ascii")
+        self.link.shell(f"base64 -d >{shlex.quote(str(place))} <<'END'\n{content}END")
