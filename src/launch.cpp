@@ -79,9 +79,10 @@ int runUpdateAssistant(int &argc, char **argv)
 {
     QGuiApplication app(argc, argv);
     QQmlApplicationEngine engine;
-    // Deliberate: declared after its parent, so that it goes first. The engine may then evaluate
-    // the kernelData binding once more against nothing and print a TypeError line, which is
-    // harmless; in the other order the engine would delete it as its child.
+    // Deliberate: declared after its parent, so that it is destroyed first; otherwise the engine
+    // would delete it as its child. The engine may evaluate the kernelData binding once more
+    // without it and print a TypeError, which is harmless.
+    // (tests/faults: window-closed-when-idle)
     FileIO fileIO(&engine);
     engine.rootContext()->setContextProperty(QStringLiteral("fileIO"), &fileIO);
     engine.load(screenUrl(kUpdateScreen));

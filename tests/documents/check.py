@@ -1,4 +1,5 @@
-"""Holds the documents against the tree: their commands, links and paths, and the newest version.
+"""Checks the documents against the tree: their commands, links and paths, the table of fixed paths, the
+newest version, and the tests that `Deliberate:` comments name.
 
 A command stands in an indented block or in one fenced as "sh"; blocks of any other kind have another
 word behind the fence. Every command is checked: scripts, programs, options, presets and tests that it
@@ -289,7 +290,7 @@ class Names:
         self.files = list(tree_files())
         self.base_names = {file.name for file in self.files}
         self.roots = sorted(p.name for p in PROJECT.iterdir() if p.is_dir() and p.name not in (".git", "build"))
-        self.tests = {f.stem: f for f in self.files if f.name.startswith("tst_")}
+        self.tests = [file for file in self.files if file.name.startswith("tst_")]
 
     def check_links(self, document, documents):
         for number, link in document.links:
@@ -320,11 +321,14 @@ class Names:
             elif re.fullmatch(r"[\w.-]+(/[\w.*-]+)*/?", span) and "/" in span:
                 self._check_path(document, number, span)
 
+    def has_fact(self, name, fact):
+        return any(test.stem == name and re.search(rf"\b{fact}\(", test.read_text(encoding="utf-8"))
+                   for test in self.tests)
+
     def _check_test(self, document, number, name, fact):
-        file = self.tests.get(name)
-        if not file:
+        if all(test.stem != name for test in self.tests):
             document.complain(number, f"there is no test {name}")
-        elif fact and not re.search(rf"\b{fact}\(", file.read_text(encoding="utf-8")):
+        elif fact and not self.has_fact(name, fact):
             document.complain(number, f"{name} has no fact {fact}")
 
     def _check_path(self, document, number, path):
@@ -353,6 +357,39 @@ def check_version():
             problems.append(f"{screen}: the title does not name version {version}")
 
 
+def source_files():
+    return [p for folder in ("src", "qml") for p in sorted((PROJECT / folder).rglob("*")) if p.suffix in (".cpp", ".h", ".qml")]
+
+
+def check_fixed_paths():
+    """The table in docs/architecture.md names every path in a string of the program, beside its file."""
+    path = re.compile(r"(?<![\w.*])/(?:dev|mnt|root|tmp)/[\w.*][\w./*]*")
+    section = (PROJECT / "docs/architecture.md").read_text(encoding="utf-8").split("## Fixed paths")[1].split("\n## ")[0]
+    stated = {(file, found) for row, file in re.findall(r"^\| (.*) \| `((?:src|qml)/.*)` \|$", section, re.MULTILINE)
+              for span in re.findall(r"`([^`]+)`", row) for found in path.findall(span)}
+    found = {(str(file.relative_to(PROJECT)), name) for file in source_files()
+             for literal in re.findall(r'"([^"\n]*)"', file.read_text(encoding="utf-8")) for name in path.findall(literal)}
+    for file, name in sorted(found ^ stated):
+        what = "does not list" if (file, name) in found else "lists, wrongly,"
+        problems.append(f"docs/architecture.md: the table of fixed paths {what} {name} in {file}")
+
+
+def check_deliberate(names):
+    """Each `Deliberate:` comment names an existing test or row of the fault table, or says that none can exist."""
+    rows = (PROJECT / "tests/faults/table.toml").read_text(encoding="utf-8")
+    for file in source_files():
+        text = file.read_text(encoding="utf-8")
+        for comment in re.findall(r"/// ?Deliberate:.*(?:\n */// .*)*|// Deliberate:.*(?:\n *// .*)*", text):
+            test = re.search(r"\((tst_\w+)::(\w+)\)", comment)
+            row = re.search(r"\(tests/faults: ([\w-]+)\)", comment)
+            if test:
+                is_held = names.has_fact(*test.groups())
+            else:
+                is_held = f'name = "{row[1]}"' in rows if row else "No test can" in comment
+            if not is_held:
+                problems.append(f"{file.relative_to(PROJECT)}: no test or row holds: {comment.splitlines()[0]}")
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--build", type=pathlib.Path, default=PROJECT / "build/dev",
@@ -374,6 +411,8 @@ def main():
         problems.append(f"COMMANDS: no document has a command {start}")
     check_told()
     check_version()
+    check_fixed_paths()
+    check_deliberate(names)
     print(*problems, f"{len(problems)} problems", sep="\n")
     sys.exit(1 if problems else 0)
 
