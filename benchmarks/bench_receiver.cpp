@@ -1,4 +1,4 @@
-#include "crc16.h"
+#include "ymodemreceiver.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,80 +1,18 @@
 #include "board.h"
 
-#include "commandframes.h"
-#include "hextext.h"
-
 #include <QFile>
 
 namespace boardsim {
 
-namespace {
-
-Verdict versionVerdict(const QByteArray &text)
-{
-    Verdict verdict;
-    verdict.meaning = QStringLiteral("version query");
-    verdict.answer = Answer{Answer::Kind::Frame, versionReply(text),
-                            QStringLiteral("version answer \"%1\"").arg(QString::fromLatin1(text))};
-    return verdict;
-}
-
-Verdict startVerdict()
-{
-    Verdict verdict;
-    verdict.meaning = QStringLiteral("update start command");
-    verdict.answer =
-        Answer{Answer::Kind::Frame, startReply(), QStringLiteral("start command answer")};
-    verdict.next = Verdict::Next::EnterBootLoader;
-    return verdict;
-}
-
-Verdict handshakeVerdict(ProtocolVersion version, const QByteArray &params)
-{
-    const QString name = QStringLiteral("V%1 handshake").arg(static_cast<int>(version));
-    Verdict verdict;
-    verdict.meaning = name;
-    verdict.answer = Answer{Answer::Kind::Frame, handshakeReply(version, params),
-                            name + QStringLiteral(" answer"), paramOffset(version)};
-    return verdict;
-}
-
-QString strayText(const QByteArray &bytes)
-{
-    if (bytes.size() > 1 && static_cast<quint8>(bytes.at(0)) == kFrameMark)
-        return QStringLiteral("frame of %1 bytes with length byte 0x%2 is no command here")
-            .arg(bytes.size())
-            .arg(hexByte(static_cast<quint8>(bytes.at(1))));
-    return QStringLiteral("%1 unexpected bytes from 0x%2 on")
-        .arg(bytes.size())
-        .arg(hexByte(static_cast<quint8>(bytes.at(0))));
-}
-
-QString brokenText(const Received &received)
-{
-    if (received.handler == nullptr)
-        return QStringLiteral("frame broke off after %1 bytes").arg(received.bytes.size());
-    return QStringLiteral("frame broke off after %1 of %2 bytes")
-        .arg(received.bytes.size())
-        .arg(received.claim.length);
-}
-
-} // namespace
-
-Board::Board(const Options &options, Line &line, Report &report)
+Board::Board(const Options &options, SerialLine &line, Report &report)
     : m_options(options)
     , m_plan(options.faults)
     , m_line(line)
     , m_report(report)
-    , m_recorder(Transcript(options.transcript, options.hexStyle), report)
-    , m_speaker(options, m_plan, line, m_recorder)
-    , m_versionQuery(Step::Version, versionQuery(), versionVerdict(options.versionText),
-                     report.versionQueries)
-    , m_startCommand(Step::StartCommand, startCommand(), startVerdict(), report.startCommands)
-    , m_handshakeV3(Step::Handshake, handshake(ProtocolVersion::V3),
-                    handshakeVerdict(ProtocolVersion::V3, options.params), report.handshakesV3)
-    , m_handshakeV4(Step::Handshake, handshake(ProtocolVersion::V4),
-                    handshakeVerdict(ProtocolVersion::V4, options.params), report.handshakesV4)
-    , m_packets(options.deviceId, report)
+    , m_transcript(options.transcript, options.hexStyle, report)
+    , m_sender(options, m_plan, line, m_transcript)
+    , m_commands(report)
+    , m_packets(report)
     , m_receiver(report)
     , m_assembler(options.frameGap)
 {
@@ -82,9 +20,9 @@ Board::Board(const Options &options, Line &line, Report &report)
 
 void Board::begin(TimePoint now)
 {
-    m_recorder.note(now,
-                    QStringLiteral("board is on, version text \"%1\"")
-                        .arg(QString::fromLatin1(m_options.versionText)));
+    m_transcript.note(now,
+                      QStringLiteral("board is on, version text \"%1\"")
+                          .arg(QString::fromLatin1(m_options.versionText)));
     if (m_options.startInBootLoader)
         enterBootLoader(now, now);
 }
@@ -100,14 +38,14 @@ void Board::step(TimePoint now)
         handle(now, *received);
     if (m_nextRequest && now >= *m_nextRequest) {
         m_nextRequest = now + m_options.requestInterval;
-        m_speaker.request(now);
+        m_sender.request(now);
     }
-    m_speaker.step(now);
+    m_sender.step(now);
 }
 
 std::optional<TimePoint> Board::deadline() const
 {
-    const auto sending = sooner(m_line.deadline(), m_speaker.deadline());
+    const auto sending = sooner(m_line.deadline(), m_sender.deadline());
     return sooner(sending, sooner(m_nextRequest, m_assembler.deadline()));
 }
 
@@ -115,23 +53,22 @@ void Board::end(TimePoint now)
 {
     const auto rest = m_assembler.takeRest();
     if (rest && m_report.hungUp)
-        m_recorder.received(now, QStringLiteral("what came before the hang-up"), rest->bytes);
+        m_transcript.received(now, QStringLiteral("what came before the hang-up"), rest->bytes);
     else if (rest)
         handle(now, *rest);
-    m_recorder.note(now, QStringLiteral("board is off"));
+    m_transcript.note(now, QStringLiteral("board is off"));
 }
 
-FrameAssembler::Handlers Board::activeHandlers()
+FrameAssembler::Decoders Board::activeDecoders()
 {
     // A boot loader that gets a command before the transfer has begun starts the application,
-    // which answers it: an assistant without a firmware file never sends the start frame.
+    // which replies: an assistant without a firmware file never sends the start frame.
     if (m_inBootLoader && !m_receiver.awaitsStartFrame())
         return {&m_receiver};
-    FrameAssembler::Handlers handlers{&m_versionQuery, &m_startCommand, &m_handshakeV3,
-                                      &m_handshakeV4};
+    FrameAssembler::Decoders decoders{&m_commands};
     if (m_inBootLoader)
-        handlers << &m_packets;
-    return handlers << &m_receiver;
+        decoders << &m_packets;
+    return decoders << &m_receiver;
 }
 
 void Board::take(TimePoint now, char byte)
@@ -140,7 +77,7 @@ void Board::take(TimePoint now, char byte)
         --m_toLose;
         return;
     }
-    m_assembler.add(now, byte, activeHandlers());
+    m_assembler.add(now, byte, activeDecoders());
     makeReceivingFaults(now);
     if (m_report.hungUp)
         return;
@@ -150,20 +87,20 @@ void Board::take(TimePoint now, char byte)
 
 void Board::makeReceivingFaults(TimePoint now)
 {
-    const Claim *claim = m_assembler.claim();
-    if (claim == nullptr)
+    const FrameMatch *match = m_assembler.match();
+    if (!match)
         return;
-    const auto offset = m_plan.hangUpOffset(claim->place, claim->length);
+    const auto offset = m_plan.hangUpOffset(match->place, match->length);
     if (offset && *offset <= m_assembler.size()) {
-        m_recorder.faultMade(now, *m_plan.find(FaultKind::HangUp, claim->place));
-        m_recorder.hungUp(now);
+        m_transcript.faultMade(now, m_plan.find(FaultKind::HangUp, match->place)->text);
+        m_transcript.hungUp(now);
         return;
     }
-    const Fault *loss = m_plan.find(FaultKind::LoseBytes, claim->place);
-    if (loss != nullptr && !m_hasLost && m_assembler.size() >= claim->length / 2) {
+    const Fault *loss = m_plan.find(FaultKind::LoseBytes, match->place);
+    if (loss && !m_hasLost && m_assembler.size() >= match->length / 2) {
         m_hasLost = true;
         m_toLose = loss->number.value_or(0);
-        m_recorder.faultMade(now, *loss);
+        m_transcript.faultMade(now, loss->text);
     }
 }
 
@@ -171,59 +108,75 @@ void Board::handle(TimePoint now, const Received &received)
 {
     m_toLose = 0;
     m_hasLost = false;
-    if (received.kind == Received::Kind::Whole)
-        handleFrame(now, received);
-    else
-        handleBroken(now, received);
+    const Place &place = received.match.place;
+    if (received.kind == Received::Kind::Whole) {
+        m_sender.stopRepeating();
+        m_nextRequest.reset();
+        if (isCommand(place.step))
+            leaveBootLoader(now);
+    }
+
+    const DecodedFrame frame = decode(received);
+    const bool accepted = frame.outcome == DecodedFrame::Outcome::Accepted;
+    m_transcript.received(now, frame.meaning, received.bytes);
+    if (accepted && (isCommand(place.step) || place.step == Step::Connect))
+        m_transcript.newExchange();
+    for (const QString &text : frame.violations)
+        m_transcript.violation(now, text);
+    if (accepted)
+        accept(now, received, frame.meaning);
+    else if (frame.outcome == DecodedFrame::Outcome::Refused)
+        m_sender.reply(now, {QByteArray(1, kNak), QStringLiteral("NAK")}, place,
+                       received.bytes.size());
 }
 
-void Board::handleFrame(TimePoint now, const Received &received)
+void Board::accept(TimePoint now, const Received &received, const QString &meaning)
 {
-    m_speaker.stopRepeating();
-    m_nextRequest.reset();
-    if (received.handler->isForApplication())
-        leaveBootLoader(now);
-
-    const Verdict verdict = received.handler->receive(received.bytes);
-    m_recorder.received(now, verdict.meaning, received.bytes);
-    if (verdict.opensExchange)
-        m_recorder.newExchange();
-    for (const QString &text : verdict.violations)
-        m_recorder.violated(now, text);
-
-    TimePoint answered = now;
-    if (verdict.answer)
-        answered =
-            m_speaker.answer(now, *verdict.answer, received.claim.place, received.bytes.size());
-    switch (verdict.next) {
-    case Verdict::Next::Stay:
-        break;
-    case Verdict::Next::EnterBootLoader:
-        enterBootLoader(now, answered + m_options.bootDelay);
-        break;
-    case Verdict::Next::LeaveBootLoader:
+    const Place &place = received.match.place;
+    const TimePoint replied =
+        m_sender.reply(now, replyTo(received, meaning), place, received.bytes.size());
+    if (place.step == Step::StartCommand) {
+        enterBootLoader(now, replied + m_options.bootDelay);
+    } else if (place.step == Step::End) {
         m_inBootLoader = false;
         keepImage(now);
-        break;
     }
 }
 
-void Board::handleBroken(TimePoint now, const Received &received)
+Reply Board::replyTo(const Received &received, const QString &meaning) const
 {
-    const bool stray = received.kind == Received::Kind::Stray;
-    m_recorder.received(now,
-                        stray ? QStringLiteral("unexpected bytes") : QStringLiteral("broken frame"),
-                        received.bytes);
-    m_recorder.violated(now, stray ? strayText(received.bytes) : brokenText(received));
-    if (stray || received.handler == nullptr)
-        return;
-    if (const auto answer = received.handler->answerToBrokenFrame())
-        m_speaker.answer(now, *answer, received.claim.place, received.bytes.size());
+    const QByteArray &frame = received.bytes;
+    const QString name = meaning + QStringLiteral(" answer");
+    const Step step = received.match.place.step;
+    switch (step) {
+    case Step::Version:
+        return {versionReply(m_options.versionText),
+                QStringLiteral("version answer \"%1\"")
+                    .arg(QString::fromLatin1(m_options.versionText))};
+    case Step::StartCommand:
+        return {startReply(), QStringLiteral("start command answer")};
+    case Step::Handshake: {
+        const int offset = paramOffsetOf(frame);
+        return {withParams(frame, offset, m_options.params), name, offset};
+    }
+    case Step::Connect:
+    case Step::Sync:
+    case Step::DeviceId:
+    case Step::Config:
+        return {packetReply(frame, step, m_options.deviceId), name};
+    case Step::StartFrame:
+    case Step::Eot:
+        return {QByteArray(1, kAck) + kRequest, QStringLiteral("ACK and 'C'")};
+    case Step::Block:
+    case Step::End:
+        break;
+    }
+    return {QByteArray(1, kAck), QStringLiteral("ACK")};
 }
 
 void Board::enterBootLoader(TimePoint now, TimePoint firstRequest)
 {
-    m_recorder.note(now, QStringLiteral("board enters its boot loader"));
+    m_transcript.note(now, QStringLiteral("board enters its boot loader"));
     m_inBootLoader = true;
     m_packets.begin();
     m_receiver.begin();
@@ -234,7 +187,7 @@ void Board::leaveBootLoader(TimePoint now)
 {
     if (!m_inBootLoader)
         return;
-    m_recorder.note(now, QStringLiteral("board leaves its boot loader"));
+    m_transcript.note(now, QStringLiteral("board leaves its boot loader"));
     m_inBootLoader = false;
     m_receiver.giveUp();
 }
@@ -242,13 +195,13 @@ void Board::leaveBootLoader(TimePoint now)
 void Board::keepImage(TimePoint now)
 {
     const QByteArray image = m_report.lastTransfer().image;
-    m_recorder.note(now,
-                    QStringLiteral("transfer is complete, image of %1 bytes").arg(image.size()));
+    m_transcript.note(now,
+                      QStringLiteral("transfer is complete, image of %1 bytes").arg(image.size()));
     if (m_options.imageFile.isEmpty())
         return;
     QFile file(m_options.imageFile);
     if (!file.open(QIODevice::WriteOnly) || file.write(image) != image.size() || !file.flush())
-        m_recorder.failed(
+        m_transcript.failed(
             now,
             QStringLiteral("cannot write %1: %2").arg(m_options.imageFile, file.errorString()));
 }

@@ -1,18 +1,17 @@
 #include "boardsimulator.h"
 
 #include "board.h"
-#include "line.h"
 #include "pseudoterminal.h"
+#include "serialline.h"
 
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
-#include <mutex>
-#include <thread>
-
 #include <fcntl.h>
+#include <mutex>
 #include <poll.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace boardsim;
@@ -43,7 +42,7 @@ public:
     void closePipe();
     void wake();
     void run();
-    void turn(bool readable);
+    void step(bool readable);
 
     const QString linkPath;
     QString errorText;
@@ -56,7 +55,7 @@ public:
     Report report;
     TimePoint lastTraffic = Clock::now();
     bool stopping = false;
-    Line line;
+    SerialLine line;
     Board board;
 };
 
@@ -97,14 +96,14 @@ void BoardSimulator::Private::run()
             report.errors << QStringLiteral("poll failed");
             break;
         }
-        turn(count > 0 && polled[1].revents != 0);
+        step(count > 0 && polled[1].revents != 0);
     }
     board.end(Clock::now());
     terminal.hangUp();
     happened.notify_all();
 }
 
-void BoardSimulator::Private::turn(bool readable)
+void BoardSimulator::Private::step(bool readable)
 {
     const TimePoint now = Clock::now();
     const int framesBefore = report.frames.size();

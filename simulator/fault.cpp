@@ -1,6 +1,6 @@
 #include "fault.h"
 
-#include "commandframes.h"
+#include "commanddecoder.h"
 
 #include <algorithm>
 
@@ -145,7 +145,7 @@ QString valueText(const FaultRule &rule)
 {
     if (rule.value == Value::None)
         return QString();
-    return (rule.defaultValue == nullptr ? QStringLiteral("=%1") : QStringLiteral("[=%1]"))
+    return (!rule.defaultValue ? QStringLiteral("=%1") : QStringLiteral("[=%1]"))
         .arg(QLatin1String(rule.valueName));
 }
 
@@ -192,7 +192,7 @@ const QVector<FaultRule> &faultTable()
         {FaultKind::GarbageBefore, "garbage-before", Value::Bytes, "HEX", "a55a", kAnywhere,
          "sends these bytes before the answer (a55a)"},
         {FaultKind::GarbageAfter, "garbage-after", Value::Bytes, "HEX", "a55a", kAnywhere,
-         "sends these bytes behind the answer (a55a)"},
+         "sends these bytes after the answer (a55a)"},
         {FaultKind::DropBytes, "drop-bytes", Value::Number, "N", "1", kAnywhere,
          "the last N bytes of the answer are lost (1)"},
         {FaultKind::LoseBytes, "lose-bytes", Value::Number, "N", "1", kLongFrames,
@@ -234,7 +234,7 @@ bool FaultPlace::matches(const Place &place) const
     return false;
 }
 
-std::optional<Fault> parseFault(const QString &text, QString &complaint)
+std::optional<Fault> parseFault(const QString &text, QString &error)
 {
     const int at = text.lastIndexOf(QLatin1Char('@'));
     const QString what = text.left(at); // all of it when there is no place
@@ -242,23 +242,23 @@ std::optional<Fault> parseFault(const QString &text, QString &complaint)
     const QString name = what.left(equals);
 
     const FaultRule *rule = findRule(name);
-    if (rule == nullptr) {
-        complaint = QStringLiteral("unknown fault \"%1\"").arg(name);
+    if (!rule) {
+        error = QStringLiteral("unknown fault \"%1\"").arg(name);
         return std::nullopt;
     }
     Fault fault;
     fault.kind = rule->kind;
     fault.text = text;
 
-    if (equals < 0 && rule->defaultValue == nullptr) {
-        complaint = QStringLiteral("fault %1 needs a value: %1=%2")
-                        .arg(name, QLatin1String(rule->valueName));
+    if (equals < 0 && !rule->defaultValue) {
+        error = QStringLiteral("fault %1 needs a value: %1=%2")
+                    .arg(name, QLatin1String(rule->valueName));
         return std::nullopt;
     }
     const QString value =
         equals < 0 ? QString::fromLatin1(rule->defaultValue) : what.mid(equals + 1);
     if ((equals >= 0 || !value.isEmpty()) && !readValue(*rule, value, fault)) {
-        complaint =
+        error =
             QStringLiteral("\"%1\" is no value for fault %2%3").arg(value, name, valueText(*rule));
         return std::nullopt;
     }
@@ -267,12 +267,11 @@ std::optional<Fault> parseFault(const QString &text, QString &complaint)
         return fault;
     fault.place = parsePlace(text.mid(at + 1));
     if (!fault.place) {
-        complaint =
-            QStringLiteral("unknown place \"%1\" in fault \"%2\"").arg(text.mid(at + 1), text);
+        error = QStringLiteral("unknown place \"%1\" in fault \"%2\"").arg(text.mid(at + 1), text);
         return std::nullopt;
     }
     if (!rule->steps.contains(fault.place->step)) {
-        complaint = QStringLiteral("fault %1 cannot happen at %2").arg(name, text.mid(at + 1));
+        error = QStringLiteral("fault %1 cannot happen at %2").arg(name, text.mid(at + 1));
         return std::nullopt;
     }
     return fault;
@@ -288,6 +287,30 @@ QString faultHelp()
         help += rowText(QLatin1String(row.name), row.meaning);
     help += rowText(QStringLiteral("block:N"), "data block N, counted from 1");
     return help;
+}
+
+FaultPlan::FaultPlan(const QVector<Fault> &faults)
+    : m_faults(faults)
+{
+}
+
+const Fault *FaultPlan::find(FaultKind kind, const Place &place) const
+{
+    const auto found = std::find_if(m_faults.begin(), m_faults.end(), [&](const Fault &fault) {
+        if (fault.kind != kind)
+            return false;
+        return fault.place ? fault.place->matches(place)
+                           : faultRule(kind).steps.contains(place.step);
+    });
+    return found == m_faults.end() ? nullptr : &*found;
+}
+
+std::optional<int> FaultPlan::hangUpOffset(const Place &place, int frameSize) const
+{
+    const Fault *fault = find(FaultKind::HangUp, place);
+    if (!fault)
+        return std::nullopt;
+    return fault->number.value_or(frameSize / 2);
 }
 
 } // namespace boardsim

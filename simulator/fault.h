@@ -1,13 +1,7 @@
 #ifndef BOARDSIM_FAULT_H
 #define BOARDSIM_FAULT_H
 
-#include "place.h"
-
-#include <QByteArray>
-#include <QString>
-#include <QVector>
-
-#include <optional>
+#include "framedecoder.h"
 
 namespace boardsim {
 
@@ -37,7 +31,7 @@ enum class FaultKind {
     Console,
 };
 
-/// Where a fault is asked for.
+/// Where a fault is wanted.
 struct FaultPlace {
     enum class Which {
         Any,
@@ -47,8 +41,8 @@ struct FaultPlace {
         Last,
     };
     Step step = Step::Version;
-    Which which = Which::Any; // of the blocks
-    qint64 number = 0;        // for Which::Number: counted from 1
+    Which which = Which::Any; ///< of the blocks
+    qint64 number = 0;        ///< for Which::Number: counted from 1
 
     bool matches(const Place &place) const;
 };
@@ -56,10 +50,10 @@ struct FaultPlace {
 /// A thing that the board does wrong on purpose.
 struct Fault {
     FaultKind kind = FaultKind::Silent;
-    std::optional<int> number;       // milliseconds, a count or an offset, as the kind has it
-    QByteArray bytes;                // the value of kinds that take bytes, text or a choice
-    std::optional<FaultPlace> place; // not set: wherever the kind can happen
-    QString text;                    // as it was asked for
+    std::optional<int> number;       ///< milliseconds, a count or an offset, as the kind has it
+    QByteArray bytes;                ///< the value of kinds that take bytes, text or a choice
+    std::optional<FaultPlace> place; ///< not set: wherever the kind can happen
+    QString text;                    ///< as it was given
 };
 
 /// A row of the table of faults.
@@ -67,18 +61,18 @@ struct FaultRule {
     enum class Value {
         None,
         Number,
-        ParamCount, // how many parameters an answer has
-        Byte,       // two hexadecimal digits
-        Bytes,      // pairs of them
-        Text,       // with \n, \r and \\ for a line feed, a carriage return and a backslash
-        AckOrder,   // "ack-first" or "c-first"
+        ParamCount, ///< how many parameters a reply has
+        Byte,       ///< two hexadecimal digits
+        Bytes,      ///< pairs of them
+        Text,       ///< with \n, \r and \\ for a line feed, a carriage return and a backslash
+        AckOrder,   ///< "ack-first" or "c-first"
     };
     FaultKind kind;
     const char *name;
     Value value;
-    const char *valueName;    // for people; says when it must be given
-    const char *defaultValue; // null: must be given; empty: may be left out
-    QVector<Step> steps;      // where it can happen
+    const char *valueName;    ///< for people
+    const char *defaultValue; ///< null: must be given; empty: may be left out
+    QVector<Step> steps;      ///< where it can happen
     const char *meaning;
 };
 
@@ -88,11 +82,26 @@ const QVector<FaultRule> &faultTable();
 /// The row of a kind.
 const FaultRule &faultRule(FaultKind kind);
 
-/// Reads "KIND[=VALUE][@PLACE]". Not set when that is no fault; `complaint` then says why.
-std::optional<Fault> parseFault(const QString &text, QString &complaint);
+/// Reads "KIND[=VALUE][@PLACE]". Not set when that is no fault; `error` then says why.
+std::optional<Fault> parseFault(const QString &text, QString &error);
 
 /// The tables of faults and places as text for people.
 QString faultHelp();
+
+/// The faults that a board makes.
+class FaultPlan {
+public:
+    explicit FaultPlan(const QVector<Fault> &faults);
+
+    /// The fault of this kind for this place; null when there is none.
+    const Fault *find(FaultKind kind, const Place &place) const;
+
+    /// After how many bytes of a frame of `frameSize` the board hangs up at this place.
+    std::optional<int> hangUpOffset(const Place &place, int frameSize) const;
+
+private:
+    QVector<Fault> m_faults;
+};
 
 } // namespace boardsim
 

@@ -27,7 +27,7 @@ int fail(ExitStatus status, const QString &text)
     return status;
 }
 
-/// So that a wrong path is told at the start and not when there is something to lose.
+/// Looked at first: a wrong path ends the program at the start, not when there is data to lose.
 bool isInWritableDirectory(const QString &path)
 {
     const QFileInfo directory(QFileInfo(path).absolutePath());

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-
 #include <fcntl.h>
 #include <termios.h>
 #include <unistd.h>
@@ -81,7 +80,7 @@ bool PseudoTerminal::openPair()
     if (grantpt(m_master) != 0 || unlockpt(m_master) != 0)
         return fail(QStringLiteral("cannot unlock the pseudo-terminal"));
     const char *name = ptsname(m_master);
-    if (name == nullptr)
+    if (!name)
         return fail(QStringLiteral("cannot tell the name of the pseudo-terminal"));
     m_slaveName = QFile::decodeName(name);
     m_slave = ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);

@@ -8,46 +8,46 @@
 
 namespace boardsim {
 
-/// Something that went over the line.
+/// Something that went over the serial line.
 struct FrameRecord {
-    qint64 ms = 0; // since the simulator was started
+    qint64 ms = 0; ///< since the simulator was started
     bool toBoard = false;
     QString meaning;
     QByteArray bytes;
 };
 
-/// Something that the assistant must not do.
+/// Something that the assistant did and must not do.
 struct Violation {
     qint64 ms = 0;
     QString text;
-    QString explainedBy; // the fault made before it that may have led to it; empty: none
+    QString explainedBy; ///< the fault made before it that may have led to it; empty: none
 };
 
 /// One stay in the boot loader.
 struct Transfer {
-    QString fileName; // empty until the start frame came
+    QString fileName; ///< empty until the start frame came
     qint64 announcedSize = 0;
     qint64 blocksExpected = 0;
     qint64 blocksReceived = 0;
     bool eotReceived = false;
-    bool complete = false;  // the end frame came
-    int extraEndFrames = 0; // after it; this sender answers the last ACK with one
-    QByteArray image;       // what was received, cut at the announced size
+    bool complete = false;  ///< the end frame came
+    int extraEndFrames = 0; ///< after it; this sender replies to the last ACK with one
+    QByteArray image;       ///< what was received, cut at the announced size
 };
 
-/// Everything that happened so far.
+/// Everything that has happened so far.
 struct Report {
-    int versionQueries = 0; // valid ones, as below
+    int versionQueries = 0; ///< valid ones, as below
     int startCommands = 0;
     int handshakesV3 = 0;
     int handshakesV4 = 0;
     int connects = 0;
-    int configReads = 0; // each ends a whole sequence of packets
+    int configReads = 0; ///< each ends a whole sequence of packets
     QVector<Transfer> transfers;
     QVector<FrameRecord> frames;
     QVector<Violation> violations;
-    QStringList faultsMade; // as they were asked for, in the order in which they were made
-    QStringList errors;     // of the simulator itself: the line or the image file failed
+    QStringList faultsMade; ///< as they were given, in the order in which they were made
+    QStringList errors;     ///< of the simulator itself: the serial line or the image file failed
     bool hungUp = false;
 
     /// Whether a violation happened that no fault explains.

@@ -2,6 +2,7 @@
 #define BOARDSIM_TRANSCRIPT_H
 
 #include "clock.h"
+#include "report.h"
 
 #include <QByteArray>
 #include <QString>
@@ -11,35 +12,44 @@
 namespace boardsim {
 
 enum class HexStyle {
-    Full,  // long frames go on in lines of their own
-    Short, // one line an event: head and tail of long frames
+    Full,  ///< the bytes of long frames stand on output lines of their own
+    Short, ///< one output line an event: head and tail of long frames
 };
 
-/// Receives one whole line, without the line feed, on the simulator's thread.
+/// Receives one whole output line, without the line feed, on the simulator's thread.
 using LineSink = std::function<void(const QByteArray &line)>;
 
-/// Writes what happens as text for people: seconds since the start, the direction ("->" to the
-/// board, "<-" from it), what it means and its bytes.
+/// Writes what happens, each event once, into the report and as output lines: seconds since the
+/// start, the direction ("->" to the board, "<-" from it), what it means and its bytes.
 class Transcript {
 public:
-    Transcript(LineSink sink, HexStyle style);
+    /// `sink` may be empty; `report` must outlive this.
+    Transcript(LineSink sink, HexStyle style, Report &report);
 
-    void received(TimePoint now, const QString &meaning, const QByteArray &frame);
-    void sent(TimePoint now, const QString &meaning, const QByteArray &frame);
+    void received(TimePoint now, const QString &meaning, const QByteArray &bytes);
+    void sent(TimePoint now, const QString &meaning, const QByteArray &bytes);
     void note(TimePoint now, const QString &text);
-    void fault(TimePoint now, const QString &text);
+
+    /// A fault was made: it explains the violations after it, up to the next new exchange.
+    void faultMade(TimePoint now, const QString &fault);
     void violation(TimePoint now, const QString &text);
 
-    /// Milliseconds since the start.
-    qint64 elapsedMs(TimePoint now) const;
+    /// An exchange begins: faults made before it explain no violation any more.
+    void newExchange() { m_explanation.clear(); }
+
+    void hungUp(TimePoint now);
+    void failed(TimePoint now, const QString &text);
 
 private:
+    qint64 elapsedMs(TimePoint now) const;
     void line(TimePoint now, const char *mark, const QString &text);
-    void bytes(TimePoint now, const char *mark, const QString &meaning, const QByteArray &frame);
+    void frame(TimePoint now, bool toBoard, const QString &meaning, const QByteArray &bytes);
 
     LineSink m_sink;
     HexStyle m_style;
+    Report &m_report;
     TimePoint m_start;
+    QString m_explanation; // the latest fault of this exchange
 };
 
 } // namespace boardsim

@@ -1,10 +1,7 @@
 #include "ymodemreceiver.h"
 
-#include "controlbytes.h"
-#include "crc16.h"
-#include "hextext.h"
-
 #include <algorithm>
+#include <array>
 
 namespace boardsim {
 
@@ -26,26 +23,26 @@ QByteArray payloadOf(const QByteArray &frame)
     return frame.mid(kHeaderSize, frame.size() - kHeaderSize - kCrcSize);
 }
 
-/// Checks what every block has: number, complement and CRC.
-QStringList blockFaults(const QByteArray &frame, quint8 expectedNumber)
+/// What is wrong with what every block has: number, complement and CRC.
+QStringList blockViolations(const QByteArray &frame, std::uint8_t expectedNumber)
 {
-    QStringList faults;
-    const auto number = static_cast<quint8>(frame.at(1));
-    const auto complement = static_cast<quint8>(frame.at(2));
+    QStringList violations;
+    const auto number = byteAt(frame, 1);
+    const auto complement = byteAt(frame, 2);
     if (number != expectedNumber)
-        faults << QStringLiteral("block number is %1, not %2").arg(number).arg(expectedNumber);
+        violations << QStringLiteral("block number is %1, not %2").arg(number).arg(expectedNumber);
     if (number + complement != 0xFF)
-        faults << QStringLiteral("complement 0x%1 does not fit block number 0x%2")
-                      .arg(hexByte(complement), hexByte(number));
+        violations << QStringLiteral("complement 0x%1 does not fit block number 0x%2")
+                          .arg(hexByte(complement), hexByte(number));
 
-    const quint16 crc = crc16(payloadOf(frame));
-    const auto high = static_cast<quint8>(frame.at(frame.size() - 2));
-    const auto low = static_cast<quint8>(frame.at(frame.size() - 1));
+    const std::uint16_t crc = crc16(payloadOf(frame));
+    const auto high = byteAt(frame, frame.size() - 2);
+    const auto low = byteAt(frame, frame.size() - 1);
     if (((high << 8) | low) != crc)
-        faults << QStringLiteral("CRC is 0x%1%2, not 0x%3")
-                      .arg(hexByte(high), hexByte(low))
-                      .arg(crc, 4, 16, QLatin1Char('0'));
-    return faults;
+        violations << QStringLiteral("CRC is 0x%1%2, not 0x%3")
+                          .arg(hexByte(high), hexByte(low))
+                          .arg(crc, 4, 16, QLatin1Char('0'));
+    return violations;
 }
 
 bool consistsOf(const QByteArray &bytes, char value)
@@ -73,74 +70,72 @@ struct FileHeader {
     qint64 size = 0;
 };
 
-FileHeader parseFileHeader(const QByteArray &payload, QStringList &faults)
+FileHeader parseFileHeader(const QByteArray &payload, QStringList &violations)
 {
     FileHeader header;
     const int nameEnd = payload.indexOf('\0');
     if (nameEnd < 0) {
-        faults << QStringLiteral("file name has no zero byte at its end");
+        violations << QStringLiteral("file name has no zero byte at its end");
         return header;
     }
     header.name = payload.left(nameEnd);
     if (header.name.isEmpty())
-        faults << QStringLiteral("file name is empty");
+        violations << QStringLiteral("file name is empty");
     else if (!isPrintableAscii(header.name))
-        faults << QStringLiteral("file name is not printable ASCII");
+        violations << QStringLiteral("file name is not printable ASCII");
 
     const int sizeEnd = payload.indexOf('\0', nameEnd + 1);
     if (sizeEnd < 0) {
-        faults << QStringLiteral("size text has no zero byte at its end");
+        violations << QStringLiteral("size text has no zero byte at its end");
         return header;
     }
     const QByteArray sizeText = payload.mid(nameEnd + 1, sizeEnd - nameEnd - 1);
     if (isHexNumber(sizeText))
         header.size = sizeText.toLongLong(nullptr, 16);
     else
-        faults << QStringLiteral("size text \"%1\" is not a hexadecimal number above 0")
-                      .arg(QString::fromLatin1(sizeText));
+        violations << QStringLiteral("size text \"%1\" is not a hexadecimal number above 0")
+                          .arg(QString::fromLatin1(sizeText));
     if (!consistsOf(payload.mid(sizeEnd), '\0'))
-        faults << QStringLiteral("start frame is not filled up with zeros");
+        violations << QStringLiteral("start frame is not filled up with zeros");
     return header;
 }
 
-Answer control(const QByteArray &bytes, const QString &meaning)
+DecodedFrame accepted(const QString &meaning)
 {
-    return {Answer::Kind::Control, bytes, meaning};
+    return {meaning, {}, DecodedFrame::Outcome::Accepted};
 }
 
-Answer ack()
+DecodedFrame refused(const QString &meaning, const QStringList &violations)
 {
-    return control(QByteArray(1, kAck), QStringLiteral("ACK"));
+    return {meaning, violations, DecodedFrame::Outcome::Refused};
 }
 
-Answer ackAndRequest()
+constexpr std::array<std::uint16_t, 256> makeCrcTable()
 {
-    return control(QByteArray(1, kAck) + kRequest, QStringLiteral("ACK and 'C'"));
+    constexpr unsigned kPolynomial = 0x1021;
+    std::array<std::uint16_t, 256> table{};
+    for (unsigned byte = 0; byte < table.size(); ++byte) {
+        unsigned value = byte << 8;
+        for (int bit = 0; bit < 8; ++bit)
+            value = (value & 0x8000U) != 0 ? (value << 1) ^ kPolynomial : value << 1;
+        table[byte] = static_cast<std::uint16_t>(value & 0xFFFFU);
+    }
+    return table;
 }
 
-Answer nak()
-{
-    return control(QByteArray(1, kNak), QStringLiteral("NAK"));
-}
-
-Verdict good(const QString &meaning, const std::optional<Answer> &answer)
-{
-    Verdict verdict;
-    verdict.meaning = meaning;
-    verdict.answer = answer;
-    return verdict;
-}
-
-Verdict refused(const QString &meaning, const QStringList &violations)
-{
-    Verdict verdict;
-    verdict.meaning = meaning;
-    verdict.violations = violations;
-    verdict.answer = nak();
-    return verdict;
-}
+constexpr std::array<std::uint16_t, 256> kCrcTable = makeCrcTable();
 
 } // namespace
+
+std::uint16_t crc16(const QByteArray &bytes)
+{
+    unsigned crc = 0;
+    for (const char c : bytes) {
+        const unsigned index = (crc >> 8) ^ static_cast<std::uint8_t>(c);
+        crc = ((crc << 8) ^ kCrcTable[index]) & 0xFFFFU;
+    }
+    return static_cast<std::uint16_t>(crc);
+}
 
 YModemReceiver::YModemReceiver(Report &report)
     : m_report(report)
@@ -153,23 +148,23 @@ void YModemReceiver::begin()
     m_state = State::AwaitStart;
 }
 
-std::optional<Claim> YModemReceiver::claim(const QByteArray &start) const
+std::optional<FrameMatch> YModemReceiver::match(const QByteArray &start) const
 {
     if (m_state == State::Off)
         return std::nullopt;
     const char head = start.at(0);
     if (head == kSoh)
-        return Claim{kHeaderSize + kShortPayload + kCrcSize, currentPlace(head)};
+        return FrameMatch{kHeaderSize + kShortPayload + kCrcSize, currentPlace(head)};
     if (m_state == State::Done)
         return std::nullopt;
     if (head == kStx)
-        return Claim{kHeaderSize + kDataPayload + kCrcSize, currentPlace(head)};
+        return FrameMatch{kHeaderSize + kDataPayload + kCrcSize, currentPlace(head)};
     if (head == kEot)
-        return Claim{1, currentPlace(head)};
+        return FrameMatch{1, currentPlace(head)};
     return std::nullopt;
 }
 
-Verdict YModemReceiver::receive(const QByteArray &frame)
+DecodedFrame YModemReceiver::decode(const QByteArray &frame)
 {
     switch (frame.at(0)) {
     case kSoh:
@@ -179,13 +174,6 @@ Verdict YModemReceiver::receive(const QByteArray &frame)
     default:
         return receiveEot();
     }
-}
-
-std::optional<Answer> YModemReceiver::answerToBrokenFrame() const
-{
-    if (m_state == State::Done)
-        return std::nullopt;
-    return nak();
 }
 
 Place YModemReceiver::currentPlace(char head) const
@@ -200,7 +188,7 @@ Place YModemReceiver::currentPlace(char head) const
     return {Step::Block, transfer.blocksReceived + 1, transfer.blocksExpected};
 }
 
-Verdict YModemReceiver::receiveShortBlock(const QByteArray &frame)
+DecodedFrame YModemReceiver::receiveShortBlock(const QByteArray &frame)
 {
     switch (m_state) {
     case State::AwaitStart:
@@ -214,12 +202,12 @@ Verdict YModemReceiver::receiveShortBlock(const QByteArray &frame)
     }
 }
 
-Verdict YModemReceiver::receiveStartFrame(const QByteArray &frame)
+DecodedFrame YModemReceiver::receiveStartFrame(const QByteArray &frame)
 {
-    QStringList faults = blockFaults(frame, 0);
-    const FileHeader header = parseFileHeader(payloadOf(frame), faults);
-    if (!faults.isEmpty())
-        return refused(QStringLiteral("bad start frame"), faults);
+    QStringList violations = blockViolations(frame, 0);
+    const FileHeader header = parseFileHeader(payloadOf(frame), violations);
+    if (!violations.isEmpty())
+        return refused(QStringLiteral("bad start frame"), violations);
 
     Transfer &transfer = m_report.transfers.last();
     transfer.fileName = QString::fromLatin1(header.name);
@@ -227,15 +215,14 @@ Verdict YModemReceiver::receiveStartFrame(const QByteArray &frame)
     // A size that is a multiple of 1024 is followed by one block of nothing but padding.
     transfer.blocksExpected = header.size / kDataPayload + 1;
     m_state = State::AwaitData;
-    return good(QStringLiteral("start frame: \"%1\", %2 bytes (hex %3), blocks to come: %4")
-                    .arg(transfer.fileName)
-                    .arg(header.size)
-                    .arg(header.size, 0, 16)
-                    .arg(transfer.blocksExpected),
-                ackAndRequest());
+    return accepted(QStringLiteral("start frame: \"%1\", %2 bytes (hex %3), blocks to come: %4")
+                        .arg(transfer.fileName)
+                        .arg(header.size)
+                        .arg(header.size, 0, 16)
+                        .arg(transfer.blocksExpected));
 }
 
-Verdict YModemReceiver::receiveDataBlock(const QByteArray &frame)
+DecodedFrame YModemReceiver::receiveDataBlock(const QByteArray &frame)
 {
     if (m_state != State::AwaitData) {
         const QString wanted = m_state == State::AwaitStart ? QStringLiteral("start frame")
@@ -251,21 +238,22 @@ Verdict YModemReceiver::receiveDataBlock(const QByteArray &frame)
         return refused(QStringLiteral("data block too many"),
                        {QStringLiteral("data block after the last one, EOT should come")});
 
-    QStringList faults = blockFaults(frame, static_cast<quint8>(block & 0xFF));
+    QStringList violations = blockViolations(frame, static_cast<std::uint8_t>(block & 0xFF));
     const QByteArray payload = payloadOf(frame);
     const qint64 left = transfer.announcedSize - transfer.image.size();
     const int used = static_cast<int>(std::min<qint64>(left, kDataPayload));
-    if (faults.isEmpty() && !consistsOf(payload.mid(used), kPadding))
-        faults << QStringLiteral("last block is not filled up with 0x1a behind byte %1").arg(used);
-    if (!faults.isEmpty())
-        return refused(QStringLiteral("bad %1").arg(name), faults);
+    if (violations.isEmpty() && !consistsOf(payload.mid(used), kPadding))
+        violations
+            << QStringLiteral("last block is not filled up with 0x1a behind byte %1").arg(used);
+    if (!violations.isEmpty())
+        return refused(QStringLiteral("bad %1").arg(name), violations);
 
     transfer.image += payload.left(used);
     transfer.blocksReceived = block;
-    return good(QStringLiteral("%1, %2 bytes of data").arg(name).arg(used), ack());
+    return accepted(QStringLiteral("%1, %2 bytes of data").arg(name).arg(used));
 }
 
-Verdict YModemReceiver::receiveEot()
+DecodedFrame YModemReceiver::receiveEot()
 {
     if (m_state != State::AwaitData)
         return refused(QStringLiteral("EOT out of turn"), {QStringLiteral("EOT out of turn")});
@@ -273,35 +261,31 @@ Verdict YModemReceiver::receiveEot()
     Transfer &transfer = m_report.transfers.last();
     transfer.eotReceived = true;
     m_state = State::AwaitEnd;
-    Verdict verdict = good(QStringLiteral("EOT"), ackAndRequest());
+    DecodedFrame frame = accepted(QStringLiteral("EOT"));
     if (transfer.blocksReceived < transfer.blocksExpected)
-        verdict.violations << QStringLiteral("EOT after %1 of %2 blocks")
-                                  .arg(transfer.blocksReceived)
-                                  .arg(transfer.blocksExpected);
-    return verdict;
+        frame.violations << QStringLiteral("EOT after %1 of %2 blocks")
+                                .arg(transfer.blocksReceived)
+                                .arg(transfer.blocksExpected);
+    return frame;
 }
 
-Verdict YModemReceiver::receiveEndFrame(const QByteArray &frame)
+DecodedFrame YModemReceiver::receiveEndFrame(const QByteArray &frame)
 {
-    QStringList faults = blockFaults(frame, 0);
+    QStringList violations = blockViolations(frame, 0);
     if (!consistsOf(payloadOf(frame), '\0'))
-        faults << QStringLiteral("payload of the end frame is not all zeros");
+        violations << QStringLiteral("payload of the end frame is not all zeros");
 
     Transfer &transfer = m_report.transfers.last();
     if (m_state == State::Done) {
         ++transfer.extraEndFrames;
-        Verdict verdict = good(QStringLiteral("further end frame, not answered"), std::nullopt);
-        verdict.violations = faults;
-        return verdict;
+        return {QStringLiteral("further end frame, not answered"), violations};
     }
-    if (!faults.isEmpty())
-        return refused(QStringLiteral("bad end frame"), faults);
+    if (!violations.isEmpty())
+        return refused(QStringLiteral("bad end frame"), violations);
 
     transfer.complete = true;
     m_state = State::Done;
-    Verdict verdict = good(QStringLiteral("end frame"), ack());
-    verdict.next = Verdict::Next::LeaveBootLoader;
-    return verdict;
+    return accepted(QStringLiteral("end frame"));
 }
 
 } // namespace boardsim

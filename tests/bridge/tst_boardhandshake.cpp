@@ -1,3 +1,4 @@
+#include "boardfaults.h"
 #include "boardsimulator.h"
 #include "capture.h"
 #include "fileio.h"
@@ -12,19 +13,6 @@ using namespace boardsim;
 namespace {
 
 constexpr Milliseconds kPatience{10000};
-
-QVector<Fault> faultsOf(const QByteArrayList &texts)
-{
-    QVector<Fault> faults;
-    for (const QByteArray &text : texts) {
-        QString complaint;
-        const auto fault = parseFault(QString::fromLatin1(text), complaint);
-        if (!fault)
-            qFatal("%s", qPrintable(complaint));
-        faults.append(*fault);
-    }
-    return faults;
-}
 
 using Handshake = int (FileIO::*)();
 
@@ -131,7 +119,7 @@ void TestBoardHandshake::v4TakesTheVersion()
 
     Options options;
     options.params = params;
-    options.faults = faultsOf(faults);
+    options.faults = boardFaults(faults);
     Setup setup(options);
     QVERIFY(setup.isReady);
     QCOMPARE(setup.run(&FileIO::handsharkeV4), count);
@@ -181,7 +169,7 @@ void TestBoardHandshake::v4RefusesTheAnswer()
     QFETCH(int, status);
 
     Options options;
-    options.faults = faultsOf(faults);
+    options.faults = boardFaults(faults);
     Setup setup(options);
     QVERIFY(setup.isReady);
     QCOMPARE(setup.run(&FileIO::handsharkeV4), -1);
@@ -215,7 +203,7 @@ void TestBoardHandshake::v3IsContentWithAnyAnswer()
     QFETCH(int, count);
 
     Options options;
-    options.faults = faultsOf({fault});
+    options.faults = boardFaults({fault});
     Setup setup(options);
     QVERIFY(setup.isReady);
     QCOMPARE(setup.run(&FileIO::handsharkeV3), count);
@@ -234,7 +222,7 @@ void TestBoardHandshake::refusedAnswerKeepsTheVersion()
     QCOMPARE(setup.io.mcuVersion(), QStringLiteral("K7QX12"));
 
     Options options;
-    options.faults = faultsOf({"wrong-checksum@handshake"});
+    options.faults = boardFaults({"wrong-checksum@handshake"});
     BoardSimulator other(options);
     QVERIFY(other.start());
     setup.io.serialPort()->Close();
@@ -247,7 +235,7 @@ void TestBoardHandshake::splitAnswerOnAPacedLineIsTaken()
 {
     Options options;
     options.baud = 115200;
-    options.faults = faultsOf({"split@handshake"});
+    options.faults = boardFaults({"split@handshake"});
     Setup setup(options);
     QVERIFY(setup.isReady);
     QCOMPARE(setup.run(&FileIO::handsharkeV4), 76);

@@ -1,3 +1,4 @@
+#include "boardfaults.h"
 #include "boardsimulator.h"
 #include "capture.h"
 #include "fileio.h"
@@ -18,13 +19,7 @@ Options quietBootLoader(const QByteArrayList &faults)
 {
     Options options;
     options.bootDelay = Milliseconds(600000);
-    for (const QByteArray &text : faults) {
-        QString complaint;
-        const auto fault = parseFault(QString::fromLatin1(text), complaint);
-        if (!fault)
-            qFatal("%s", qPrintable(complaint));
-        options.faults.append(*fault);
-    }
+    options.faults = boardFaults(faults);
     return options;
 }
 

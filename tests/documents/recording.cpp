@@ -1,5 +1,6 @@
 #include "recording.h"
 
+#include "boardfaults.h"
 #include "boardsimulator.h"
 #include "capture.h"
 #include "fileio.h"
@@ -8,7 +9,6 @@
 
 #include <chrono>
 #include <functional>
-#include <initializer_list>
 #include <thread>
 
 using namespace boardsim;
@@ -65,15 +65,6 @@ Recording record(Options options, const Condition &isOver, const Exchange &excha
     return recording;
 }
 
-Fault fault(const char *text)
-{
-    QString complaint;
-    const auto parsed = parseFault(QString::fromLatin1(text), complaint);
-    if (!parsed)
-        qFatal("%s", qPrintable(complaint));
-    return *parsed;
-}
-
 void openLine(FileIO &io)
 {
     if (!io.serialPort()->Open("/dev/ttymxc1", "115200"))
@@ -110,7 +101,7 @@ Recording recordRefusals(QByteArrayList &complaints)
     Options options;
     options.startInBootLoader = true;
     options.requestInterval = Milliseconds(300);
-    options.faults = {fault("nak=3000@block:1"), fault("cancel=3000@block:2")};
+    options.faults = boardFaults({"nak=3000@block:1", "cancel=3000@block:2"});
     return record(
         options, endFrameWasSentAgain, [](FileIO &io) { io.updateMcu(); }, complaints);
 }

@@ -27,7 +27,7 @@ public:
     /// Has it end as its user does.
     int end();
 
-    /// What it has printed behind the lines that were waited for. Once it has ended.
+    /// What it has printed after the lines that were waited for. Once it has ended.
     QByteArray output() const { return m_output; }
     /// What it has printed as errors. Once it has ended.
     QByteArray errorOutput();

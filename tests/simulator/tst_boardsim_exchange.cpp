@@ -1,33 +1,17 @@
-#include "assistantline.h"
-#include "boardsimulator.h"
-#include "crc16.h"
 #include "handmadeframes.h"
+#include "testboard.h"
+#include "ymodemreceiver.h"
 
 #include <QtTest>
-
-#include <memory>
 
 using namespace boardsim;
 
 namespace {
 
-constexpr Milliseconds kPatience{10000};
-
-const QByteArray kAck("\x06");
-const QByteArray kAckAndRequest("\x06"
-                                "C");
-
 Options quickBoot()
 {
     Options options;
     options.bootDelay = Milliseconds(0);
-    return options;
-}
-
-Options inBootLoader()
-{
-    Options options;
-    options.startInBootLoader = true;
     return options;
 }
 
@@ -85,7 +69,7 @@ void TestBoardSimExchange::versionAnswerCarriesTheText_data()
     QTest::newRow("usual") << QByteArray("V4.1.3")
                            << QByteArray("V4.1.3") + QByteArray(12, '\0') + "\x6e" + foot;
     QTest::newRow("none") << QByteArray() << QByteArray(18, '\0') + "\x24" + foot;
-    QTest::newRow("no zero behind it")
+    QTest::newRow("no zero after it")
         << QByteArray("123456789012345678") << QByteArray("123456789012345678\xd5") + foot;
     QTest::newRow("over the checksum")
         << QByteArray("1234567890123456789") << QByteArray("1234567890123456789") + foot;
@@ -98,24 +82,20 @@ void TestBoardSimExchange::versionAnswerCarriesTheText()
 
     Options options;
     options.versionText = text;
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
+    TestBoard board(options);
 
-    const QByteArray answer = line.exchange(goodVersionQuery(), 36);
+    const QByteArray answer = board.line.exchange(goodVersionQuery(), 36);
     QCOMPARE(answer.left(16), QByteArray::fromHex("e724") + QByteArray(14, '\0'));
     QCOMPARE(answer.mid(16).toHex(), tail.toHex());
-    QVERIFY(board.waitFor([](const Report &r) { return r.versionQueries == 1; }, kPatience));
+    QVERIFY(board.await([](const Report &r) { return r.versionQueries == 1; }));
     QVERIFY(board.report().violations.isEmpty());
 }
 
 void TestBoardSimExchange::startAnswerAddsUpToItsFoot()
 {
-    BoardSimulator board;
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
+    TestBoard board;
 
-    const QByteArray answer = line.exchange(goodStartCommand(), 18);
+    const QByteArray answer = board.line.exchange(goodStartCommand(), 18);
     QCOMPARE(answer.size(), 18);
     QCOMPARE(answer.left(2), QByteArray::fromHex("e712"));
     QCOMPARE(sumOf(answer.mid(1, 15)), 0xE7U);
@@ -127,16 +107,13 @@ void TestBoardSimExchange::bootLoaderAsksUntilTheStartFrameComes()
 {
     Options options = quickBoot();
     options.requestInterval = Milliseconds(5);
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
+    TestBoard board(options);
 
-    QCOMPARE(line.exchange(goodStartCommand(), 18).size(), 18);
-    QCOMPARE(line.receive(4), QByteArray("CCCC"));
-    QVERIFY(line.send(startFrame("app.bin", "bb8")));
-    QVERIFY(board.waitFor([](const Report &r) { return r.lastTransfer().announcedSize == 3000; },
-                          kPatience));
-    QVERIFY(board.waitForQuiet(Milliseconds(50), kPatience));
+    QCOMPARE(board.line.exchange(goodStartCommand(), 18).size(), 18);
+    QCOMPARE(board.line.receive(4), QByteArray("CCCC"));
+    QVERIFY(board.line.send(startFrame("app.bin", "bb8")));
+    QVERIFY(board.await([](const Report &r) { return r.lastTransfer().announcedSize == 3000; }));
+    QVERIFY(board.awaitQuiet(Milliseconds(50)));
     const Report report = board.report();
     QCOMPARE(report.frames.last().bytes, kAckAndRequest);
     QCOMPARE(report.lastTransfer().fileName, QStringLiteral("app.bin"));
@@ -147,11 +124,9 @@ void TestBoardSimExchange::bootLoaderWaitsForItsDelay()
 {
     Options options;
     options.bootDelay = Milliseconds(300);
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
+    TestBoard board(options);
 
-    QCOMPARE(line.exchange(goodStartCommand(), 19).right(1), QByteArray("C"));
+    QCOMPARE(board.line.exchange(goodStartCommand(), 19).right(1), QByteArray("C"));
     const Report report = board.report();
     QCOMPARE(report.frames.size(), 3); // command, answer, 'C'
     QVERIFY(report.frames.at(2).ms - report.frames.at(1).ms >= 299);
@@ -179,18 +154,16 @@ void TestBoardSimExchange::imageIsReceived()
     const QTemporaryDir directory;
     Options options = inBootLoader();
     options.imageFile = directory.filePath(QStringLiteral("image.bin"));
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
+    TestBoard board(options);
     const QByteArray image = sampleImage(size);
 
-    QCOMPARE(line.receive(1), QByteArray("C"));
-    const QVector<QByteArray> answers = sendInTurn(line, wholeTransfer(image));
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
+    const QVector<QByteArray> answers = sendInTurn(board.line, wholeTransfer(image));
     QCOMPARE(answers.size(), blocks + 3);
     QCOMPARE(answers.first(), kAckAndRequest);
-    QCOMPARE(answers.mid(1, blocks), QVector<QByteArray>(blocks, kAck));
+    QCOMPARE(answers.mid(1, blocks), QVector<QByteArray>(blocks, kAckReply));
     QCOMPARE(answers.at(blocks + 1), kAckAndRequest);
-    QCOMPARE(answers.last(), kAck);
+    QCOMPARE(answers.last(), kAckReply);
 
     board.stop();
     const Report report = board.report();
@@ -211,13 +184,11 @@ void TestBoardSimExchange::imageIsReceivedOnAPacedLine()
 {
     Options options = inBootLoader();
     options.baud = 115200;
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
+    TestBoard board(options);
     const QByteArray image = sampleImage(3000);
 
-    QCOMPARE(line.receive(1), QByteArray("C"));
-    sendInTurn(line, wholeTransfer(image));
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
+    sendInTurn(board.line, wholeTransfer(image));
     board.stop();
     QVERIFY(board.report().violations.isEmpty());
     QCOMPARE(board.report().lastTransfer().image, image);
@@ -227,59 +198,50 @@ void TestBoardSimExchange::answersAreFilledUpToTheControlRepeat()
 {
     Options options = inBootLoader();
     options.controlRepeat = 10;
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
+    TestBoard board(options);
 
-    QCOMPARE(line.receive(10), QByteArray("CCCCCCCCCC"));
+    QCOMPARE(board.line.receive(10), QByteArray("CCCCCCCCCC"));
     const QVector<QByteArray> frames = wholeTransfer("abc");
-    QCOMPARE(line.exchange(frames.at(0), 10), kAck + "CCCCCCCCC");
-    QCOMPARE(line.exchange(frames.at(1), 10), QByteArray(10, '\x06'));
-    QCOMPARE(line.exchange(frames.at(2), 10), kAck + "CCCCCCCCC");
-    QCOMPARE(line.exchange(frames.at(3), 10), QByteArray(10, '\x06'));
+    QCOMPARE(board.line.exchange(frames.at(0), 10), kAckReply + "CCCCCCCCC");
+    QCOMPARE(board.line.exchange(frames.at(1), 10), QByteArray(10, '\x06'));
+    QCOMPARE(board.line.exchange(frames.at(2), 10), kAckReply + "CCCCCCCCC");
+    QCOMPARE(board.line.exchange(frames.at(3), 10), QByteArray(10, '\x06'));
 }
 
 void TestBoardSimExchange::furtherEndFramesGetNoAnswer()
 {
-    BoardSimulator board(inBootLoader());
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
-    sendInTurn(line, wholeTransfer("abc"));
+    TestBoard board(inBootLoader());
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
+    sendInTurn(board.line, wholeTransfer("abc"));
 
-    QVERIFY(line.send(endFrame()));
-    QVERIFY(line.send(endFrame()));
-    QVERIFY(board.waitFor([](const Report &r) { return r.lastTransfer().extraEndFrames == 2; },
-                          kPatience));
+    QVERIFY(board.line.send(endFrame()));
+    QVERIFY(board.line.send(endFrame()));
+    QVERIFY(board.await([](const Report &r) { return r.lastTransfer().extraEndFrames == 2; }));
     const Report report = board.report();
     QVERIFY(report.violations.isEmpty());
     QVERIFY(report.frames.last().toBoard);
     // The board is in its application again, and the first answer to come is that one's.
-    QCOMPARE(line.exchange(goodVersionQuery(), 36).mid(16, 6), QByteArray("V4.1.3"));
+    QCOMPARE(board.line.exchange(goodVersionQuery(), 36).mid(16, 6), QByteArray("V4.1.3"));
 }
 
 void TestBoardSimExchange::commandEndsTheWaitForATransfer()
 {
-    BoardSimulator board(inBootLoader());
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
+    TestBoard board(inBootLoader());
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
 
-    QCOMPARE(line.exchange(goodVersionQuery(), 36).mid(16, 6), QByteArray("V4.1.3"));
+    QCOMPARE(board.line.exchange(goodVersionQuery(), 36).mid(16, 6), QByteArray("V4.1.3"));
     QVERIFY(board.report().violations.isEmpty());
-    QVERIFY(line.send(startFrame("app.bin", "3")));
-    QVERIFY(board.waitFor([](const Report &r) { return r.violations.size() == 1; }, kPatience));
+    QVERIFY(board.line.send(startFrame("app.bin", "3")));
+    QVERIFY(board.awaitViolations(1));
 }
 
 void TestBoardSimExchange::twoTransfersInOneRun()
 {
-    BoardSimulator board(quickBoot());
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
+    TestBoard board(quickBoot());
 
     for (const char *image : {"first", "second"}) {
-        QCOMPARE(line.exchange(goodStartCommand(), 19).right(1), QByteArray("C"));
-        sendInTurn(line, wholeTransfer(image));
+        QCOMPARE(board.line.exchange(goodStartCommand(), 19).right(1), QByteArray("C"));
+        sendInTurn(board.line, wholeTransfer(image));
     }
     const Report report = board.report();
     QVERIFY(report.violations.isEmpty());
@@ -304,13 +266,11 @@ void TestBoardSimExchange::paceDelaysBothDirections()
 {
     Options options;
     options.baud = 1200;
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
+    TestBoard board(options);
 
     QElapsedTimer timer;
     timer.start();
-    QCOMPARE(line.exchange(goodVersionQuery(), 36).size(), 36);
+    QCOMPARE(board.line.exchange(goodVersionQuery(), 36).size(), 36);
     QVERIFY(timer.elapsed() >= (30 + 36) * 10 * 1000 / 1200);
     const Report report = board.report();
     QCOMPARE(report.frames.size(), 2);
@@ -322,11 +282,9 @@ void TestBoardSimExchange::transcriptTellsEveryEvent()
     QByteArrayList lines;
     Options options = inBootLoader();
     options.transcript = [&lines](const QByteArray &line) { lines << line.mid(10); };
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
-    sendInTurn(line, wholeTransfer("abc"));
+    TestBoard board(options);
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
+    sendInTurn(board.line, wholeTransfer("abc"));
     board.stop();
 
     const QByteArrayList expected{
@@ -360,11 +318,9 @@ void TestBoardSimExchange::shortTranscriptHasOneLineAFrame()
     Options options = inBootLoader();
     options.hexStyle = HexStyle::Short;
     options.transcript = [&lines](const QByteArray &line) { lines << line.mid(10); };
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
-    sendInTurn(line, wholeTransfer("abc"));
+    TestBoard board(options);
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
+    sendInTurn(board.line, wholeTransfer("abc"));
     board.stop();
 
     QVERIFY(lines.contains("-> end frame (133 bytes): 01 00 ff 00 00 00 00 00 00 00 00 00 ... "
@@ -374,6 +330,7 @@ void TestBoardSimExchange::shortTranscriptHasOneLineAFrame()
 
 void TestBoardSimExchange::boardWithoutListenerRunsOn()
 {
+    constexpr Milliseconds kPatience{10000};
     Options options = inBootLoader();
     options.requestInterval = Milliseconds(1);
     options.controlRepeat = 1000;

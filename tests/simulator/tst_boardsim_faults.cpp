@@ -1,57 +1,21 @@
-#include "assistantline.h"
-#include "boardsimulator.h"
 #include "handmadeframes.h"
-#include "reports.h"
+#include "testboard.h"
 
 #include <QtTest>
-
-#include <initializer_list>
 
 using namespace boardsim;
 
 namespace {
 
-constexpr Milliseconds kPatience{10000};
-
-const QByteArray kAck("\x06");
-const QByteArray kAckAndRequest("\x06"
-                                "C");
-const QByteArray kNak("\x15");
-
 // A board of "V4.1.3".
 const QByteArray kVersionAnswer = QByteArray::fromHex("e724") + QByteArray(14, '\0') + "V4.1.3"
     + QByteArray(12, '\0') + QByteArray::fromHex("6ee7");
 
-Options withFaults(std::initializer_list<const char *> faults)
+Options withFaults(const QByteArrayList &faults)
 {
-    Options options;
+    Options options = quickToNotice(faults);
     options.bootDelay = Milliseconds(0);
-    options.frameGap = Milliseconds(40);
-    for (const char *text : faults) {
-        QString complaint;
-        const auto fault = parseFault(QString::fromLatin1(text), complaint);
-        if (!fault)
-            qFatal("%s", qPrintable(complaint));
-        options.faults.append(*fault);
-    }
     return options;
-}
-
-Options inBootLoader(std::initializer_list<const char *> faults)
-{
-    Options options = withFaults(faults);
-    options.startInBootLoader = true;
-    return options;
-}
-
-BoardSimulator::Condition faultsMade(int count)
-{
-    return [count](const Report &report) { return report.faultsMade.size() >= count; };
-}
-
-BoardSimulator::Condition writesByBoard(int count)
-{
-    return [count](const Report &report) { return sentByBoard(report).size() >= count; };
 }
 
 } // namespace
@@ -110,8 +74,8 @@ void TestBoardSimFaults::commandAnswerIsSpoilt_data()
     QTest::newRow("this foot") << QByteArray("wrong-foot=7e@version") << with(35, "7e");
     QTest::newRow("garbage before")
         << QByteArray("garbage-before@version") << QByteArray::fromHex("a55a") + kVersionAnswer;
-    QTest::newRow("this garbage behind") << QByteArray("garbage-after=010203@version")
-                                         << kVersionAnswer + QByteArray::fromHex("010203");
+    QTest::newRow("this garbage after") << QByteArray("garbage-after=010203@version")
+                                        << kVersionAnswer + QByteArray::fromHex("010203");
     QTest::newRow("last byte lost") << QByteArray("drop-bytes@version") << kVersionAnswer.left(35);
     QTest::newRow("bytes lost") << QByteArray("drop-bytes=30@version") << kVersionAnswer.left(6);
 }
@@ -121,24 +85,20 @@ void TestBoardSimFaults::commandAnswerIsSpoilt()
     QFETCH(QByteArray, fault);
     QFETCH(QByteArray, expected);
 
-    BoardSimulator board(withFaults({fault.constData()}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.exchange(goodVersionQuery(), expected.size()).toHex(), expected.toHex());
+    TestBoard board(withFaults({fault}));
+    QCOMPARE(board.line.exchange(goodVersionQuery(), expected.size()).toHex(), expected.toHex());
     board.stop();
     const Report report = board.report();
-    QCOMPARE(sentByBoard(report), QByteArrayList{expected});
+    QCOMPARE(board.sent(), QByteArrayList{expected});
     QCOMPARE(report.faultsMade, QStringList{QString::fromLatin1(fault)});
     QVERIFY(report.violations.isEmpty());
 }
 
 void TestBoardSimFaults::wrongChecksumSpoilsTheStartAnswersSum()
 {
-    BoardSimulator board(withFaults({"wrong-checksum@start-command"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.exchange(goodVersionQuery(), 36), kVersionAnswer);
-    const QByteArray answer = line.exchange(goodStartCommand(), 18);
+    TestBoard board(withFaults({"wrong-checksum@start-command"}));
+    QCOMPARE(board.line.exchange(goodVersionQuery(), 36), kVersionAnswer);
+    const QByteArray answer = board.line.exchange(goodStartCommand(), 18);
     QCOMPARE(sumOf(answer.mid(1, 15)), 0xE8U);
     QCOMPARE(answer.right(2), QByteArray::fromHex("e7e7"));
 }
@@ -149,13 +109,14 @@ void TestBoardSimFaults::controlAnswerIsChanged_data()
     QTest::addColumn<int>("step"); // the frame whose answer is changed
     QTest::addColumn<QByteArray>("expected");
 
-    QTest::newRow("NAK for the start frame") << QByteArray("nak@start-frame") << 0 << kNak;
-    QTest::newRow("NAK for a block") << QByteArray("nak@block:1") << 1 << kNak;
-    QTest::newRow("NAK for EOT") << QByteArray("nak@eot") << 2 << kNak;
-    QTest::newRow("NAK for the end frame") << QByteArray("nak@end") << 3 << kNak;
+    QTest::newRow("NAK for the start frame") << QByteArray("nak@start-frame") << 0 << kNakReply;
+    QTest::newRow("NAK for a block") << QByteArray("nak@block:1") << 1 << kNakReply;
+    QTest::newRow("NAK for EOT") << QByteArray("nak@eot") << 2 << kNakReply;
+    QTest::newRow("NAK for the end frame") << QByteArray("nak@end") << 3 << kNakReply;
     QTest::newRow("CA") << QByteArray("cancel@block:1") << 1 << QByteArray("\x18\x18");
-    QTest::newRow("ACK twice") << QByteArray("repeat-ack@block:1") << 1 << kAck + kAck;
-    QTest::newRow("ACK three times") << QByteArray("repeat-ack=3@end") << 3 << kAck.repeated(3);
+    QTest::newRow("ACK twice") << QByteArray("repeat-ack@block:1") << 1 << kAckReply + kAckReply;
+    QTest::newRow("ACK three times")
+        << QByteArray("repeat-ack=3@end") << 3 << kAckReply.repeated(3);
     QTest::newRow("ACK and C") << QByteArray("ack-c@block:1") << 1 << kAckAndRequest;
     QTest::newRow("C and ACK") << QByteArray("ack-c=c-first@start-frame") << 0
                                << QByteArray("C\x06");
@@ -163,7 +124,7 @@ void TestBoardSimFaults::controlAnswerIsChanged_data()
                                             << QByteArray("\0\xff\x06"
                                                           "C",
                                                           4);
-    QTest::newRow("only the C is lost") << QByteArray("drop-bytes@start-frame") << 0 << kAck;
+    QTest::newRow("only the C is lost") << QByteArray("drop-bytes@start-frame") << 0 << kAckReply;
 }
 
 void TestBoardSimFaults::controlAnswerIsChanged()
@@ -172,15 +133,14 @@ void TestBoardSimFaults::controlAnswerIsChanged()
     QFETCH(int, step);
     QFETCH(QByteArray, expected);
 
-    BoardSimulator board(inBootLoader({fault.constData()}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
-    QVector<QByteArray> answers{kAckAndRequest, kAck, kAckAndRequest, kAck};
+    TestBoard board(inBootLoader(withFaults({fault})));
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
+    QVector<QByteArray> answers{kAckAndRequest, kAckReply, kAckAndRequest, kAckReply};
     answers[step] = expected;
     const QVector<QByteArray> frames = wholeTransfer("abc");
     for (int i = 0; i < frames.size(); ++i)
-        QCOMPARE(line.exchange(frames.at(i), answers.at(i).size()).toHex(), answers.at(i).toHex());
+        QCOMPARE(board.line.exchange(frames.at(i), answers.at(i).size()).toHex(),
+                 answers.at(i).toHex());
     const Report report = board.report();
     QVERIFY(report.lastTransfer().complete);
     QCOMPARE(report.faultsMade, QStringList{QString::fromLatin1(fault)});
@@ -208,52 +168,45 @@ void TestBoardSimFaults::placeOfABlockIsMet()
     QFETCH(int, block);
 
     const QByteArray fault = "nak@" + place;
-    BoardSimulator board(inBootLoader({fault.constData()}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
+    TestBoard board(inBootLoader(withFaults({fault})));
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
     const QVector<QByteArray> frames = wholeTransfer(sampleImage(size));
-    QCOMPARE(line.exchange(frames.first(), 2), kAckAndRequest);
+    QCOMPARE(board.line.exchange(frames.first(), 2), kAckAndRequest);
     for (int i = 1; i <= size / 1024 + 1; ++i)
-        QCOMPARE(line.exchange(frames.at(i), 1), i == block ? kNak : kAck);
+        QCOMPARE(board.line.exchange(frames.at(i), 1), i == block ? kNakReply : kAckReply);
 }
 
 void TestBoardSimFaults::faultWithoutPlaceHappensEverywhere()
 {
-    BoardSimulator board(inBootLoader({"nak"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
+    TestBoard board(inBootLoader(withFaults({"nak"})));
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
     for (const QByteArray &frame : wholeTransfer("abc"))
-        QCOMPARE(line.exchange(frame, 1), kNak);
+        QCOMPARE(board.line.exchange(frame, 1), kNakReply);
     QCOMPARE(board.report().faultsMade.size(), 4);
-    QCOMPARE(line.exchange(goodVersionQuery(), 36), kVersionAnswer);
+    QCOMPARE(board.line.exchange(goodVersionQuery(), 36), kVersionAnswer);
 }
 
 void TestBoardSimFaults::controlRepeatHoldsForFaultsToo()
 {
-    Options options = inBootLoader({"repeat-ack@start-frame", "cancel@block:1", "ack-c@end"});
+    Options options =
+        inBootLoader(withFaults({"repeat-ack@start-frame", "cancel@block:1", "ack-c@end"}));
     options.controlRepeat = 3;
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(3), QByteArray("CCC"));
+    TestBoard board(options);
+    QCOMPARE(board.line.receive(3), QByteArray("CCC"));
     const QVector<QByteArray> frames = wholeTransfer("abc");
-    QCOMPARE(line.exchange(frames.at(0), 6),
+    QCOMPARE(board.line.exchange(frames.at(0), 6),
              QByteArray("\x06"
                         "CC\x06"
                         "CC"));
-    QCOMPARE(line.exchange(frames.at(1), 3), QByteArray("\x18\x18\x18"));
-    QCOMPARE(line.exchange(frames.at(2), 3), kAckAndRequest + "C");
-    QCOMPARE(line.exchange(frames.at(3), 3), kAckAndRequest + "C");
+    QCOMPARE(board.line.exchange(frames.at(1), 3), QByteArray("\x18\x18\x18"));
+    QCOMPARE(board.line.exchange(frames.at(2), 3), kAckAndRequest + "C");
+    QCOMPARE(board.line.exchange(frames.at(3), 3), kAckAndRequest + "C");
 }
 
 void TestBoardSimFaults::slowAnswerComesLate()
 {
-    BoardSimulator board(withFaults({"slow=200@version"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.exchange(goodVersionQuery(), 36), kVersionAnswer);
+    TestBoard board(withFaults({"slow=200@version"}));
+    QCOMPARE(board.line.exchange(goodVersionQuery(), 36), kVersionAnswer);
     const auto frames = board.report().frames;
     QCOMPARE(frames.size(), 2);
     QVERIFY(frames.at(1).ms - frames.at(0).ms >= 199);
@@ -261,24 +214,20 @@ void TestBoardSimFaults::slowAnswerComesLate()
 
 void TestBoardSimFaults::splitAnswerComesInSingleBytes()
 {
-    BoardSimulator board(withFaults({"split@version"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.exchange(goodVersionQuery(), 36), kVersionAnswer);
-    QVERIFY(board.waitFor(writesByBoard(36), kPatience));
-    const QByteArrayList sent = sentByBoard(board.report());
+    TestBoard board(withFaults({"split@version"}));
+    QCOMPARE(board.line.exchange(goodVersionQuery(), 36), kVersionAnswer);
+    QVERIFY(board.awaitSent(36));
+    const QByteArrayList sent = board.sent();
     QCOMPARE(sent.size(), 36);
     QCOMPARE(sent.join(), kVersionAnswer);
 }
 
 void TestBoardSimFaults::splitPartsAnswerInTime()
 {
-    BoardSimulator board(inBootLoader({"split=150@start-frame"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
-    QCOMPARE(line.exchange(startFrame("app.bin", "3"), 2), kAckAndRequest);
-    QVERIFY(board.waitFor(writesByBoard(3), kPatience));
+    TestBoard board(inBootLoader(withFaults({"split=150@start-frame"})));
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
+    QCOMPARE(board.line.exchange(startFrame("app.bin", "3"), 2), kAckAndRequest);
+    QVERIFY(board.awaitSent(3));
     const auto frames = board.report().frames; // 'C', start frame, ACK, 'C'
     QCOMPARE(frames.size(), 4);
     QVERIFY(frames.at(3).ms - frames.at(2).ms >= 149);
@@ -288,24 +237,20 @@ void TestBoardSimFaults::mergedAnswerComesWithTheNext()
 {
     Options options = withFaults({"merge@start-command"});
     options.requestInterval = Milliseconds(5);
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    const QByteArray answer = line.exchange(goodStartCommand(), 19);
+    TestBoard board(options);
+    const QByteArray answer = board.line.exchange(goodStartCommand(), 19);
     QCOMPARE(answer.left(2), QByteArray::fromHex("e712"));
     QCOMPARE(answer.right(2),
              QByteArray("\xe7"
                         "C"));
-    QVERIFY(board.waitFor(writesByBoard(2), kPatience));
-    QCOMPARE(sentByBoard(board.report()).mid(0, 2), (QByteArrayList{answer, "C"}));
+    QVERIFY(board.awaitSent(2));
+    QCOMPARE(board.sent().mid(0, 2), (QByteArrayList{answer, "C"}));
 }
 
 void TestBoardSimFaults::startCommandWithoutAnswerEntersTheBootLoader()
 {
-    BoardSimulator board(withFaults({"no-start-answer"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.exchange(goodStartCommand(), 1), QByteArray("C"));
+    TestBoard board(withFaults({"no-start-answer"}));
+    QCOMPARE(board.line.exchange(goodStartCommand(), 1), QByteArray("C"));
     QCOMPARE(board.report().startCommands, 1);
 }
 
@@ -313,32 +258,27 @@ void TestBoardSimFaults::silentBoardSaysNothingAnyMore()
 {
     Options options = withFaults({"silent@start-command"});
     options.requestInterval = Milliseconds(1);
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.exchange(goodVersionQuery(), 36), kVersionAnswer);
+    TestBoard board(options);
+    QCOMPARE(board.line.exchange(goodVersionQuery(), 36), kVersionAnswer);
 
-    QVERIFY(line.send(goodStartCommand()));
-    QVERIFY(board.waitFor(faultsMade(1), kPatience));
-    QVERIFY(line.send(goodVersionQuery()));
-    QVERIFY(board.waitFor([](const Report &r) { return r.versionQueries == 2; }, kPatience));
+    QVERIFY(board.line.send(goodStartCommand()));
+    QVERIFY(board.awaitFaults(1));
+    QVERIFY(board.line.send(goodVersionQuery()));
+    QVERIFY(board.await([](const Report &r) { return r.versionQueries == 2; }));
     board.stop();
-    QCOMPARE(sentByBoard(board.report()), QByteArrayList{kVersionAnswer});
+    QCOMPARE(board.sent(), QByteArrayList{kVersionAnswer});
     QCOMPARE(board.report().faultsMade.size(), 1);
 }
 
 void TestBoardSimFaults::silentBootLoaderNeverAsks()
 {
-    BoardSimulator board(withFaults({"silent@start-frame"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.exchange(goodStartCommand(), 18).size(), 18);
-    QVERIFY(board.waitFor(faultsMade(1), kPatience));
-    QVERIFY(line.send(startFrame("app.bin", "3")));
-    QVERIFY(board.waitFor([](const Report &r) { return r.lastTransfer().announcedSize == 3; },
-                          kPatience));
+    TestBoard board(withFaults({"silent@start-frame"}));
+    QCOMPARE(board.line.exchange(goodStartCommand(), 18).size(), 18);
+    QVERIFY(board.awaitFaults(1));
+    QVERIFY(board.line.send(startFrame("app.bin", "3")));
+    QVERIFY(board.await([](const Report &r) { return r.lastTransfer().announcedSize == 3; }));
     board.stop();
-    QCOMPARE(sentByBoard(board.report()).size(), 1);
+    QCOMPARE(board.sent().size(), 1);
 }
 
 void TestBoardSimFaults::refusalIsFollowedByTheProperAnswer_data()
@@ -347,11 +287,11 @@ void TestBoardSimFaults::refusalIsFollowedByTheProperAnswer_data()
     QTest::addColumn<QByteArray>("more");
     QTest::addColumn<QByteArray>("refusal");
 
-    QTest::newRow("NAK") << QByteArray("nak=150@block:1") << QByteArray("slow=0@end") << kNak;
+    QTest::newRow("NAK") << QByteArray("nak=150@block:1") << QByteArray("slow=0@end") << kNakReply;
     QTest::newRow("CA") << QByteArray("cancel=150@block:1") << QByteArray("slow=0@end")
                         << QByteArray("\x18\x18");
     QTest::newRow("NAK, all split")
-        << QByteArray("nak=150@block:1") << QByteArray("split@block:1") << kNak;
+        << QByteArray("nak=150@block:1") << QByteArray("split@block:1") << kNakReply;
 }
 
 void TestBoardSimFaults::refusalIsFollowedByTheProperAnswer()
@@ -360,55 +300,46 @@ void TestBoardSimFaults::refusalIsFollowedByTheProperAnswer()
     QFETCH(QByteArray, more);
     QFETCH(QByteArray, refusal);
 
-    BoardSimulator board(inBootLoader({fault.constData(), more.constData()}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
-    QCOMPARE(line.exchange(startFrame("app.bin", "3"), 2), kAckAndRequest);
-    QCOMPARE(line.exchange(dataBlock(1, "abc"), refusal.size() + 1), refusal + kAck);
-    QVERIFY(board.waitFor(writesByBoard(4), kPatience));
+    TestBoard board(inBootLoader(withFaults({fault, more})));
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
+    QCOMPARE(board.line.exchange(startFrame("app.bin", "3"), 2), kAckAndRequest);
+    QCOMPARE(board.line.exchange(dataBlock(1, "abc"), refusal.size() + 1), refusal + kAckReply);
+    QVERIFY(board.awaitSent(4));
     const auto frames = board.report().frames;
     QVERIFY(frames.at(5).ms - frames.at(4).ms >= 149);
 }
 
 void TestBoardSimFaults::lostAckStillTakesTheBlock()
 {
-    BoardSimulator board(inBootLoader({"lost-ack@block:1"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
+    TestBoard board(inBootLoader(withFaults({"lost-ack@block:1"})));
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
     const QVector<QByteArray> frames = wholeTransfer(sampleImage(1500));
-    QCOMPARE(line.exchange(frames.at(0), 2), kAckAndRequest);
-    QVERIFY(line.send(frames.at(1)));
-    QVERIFY(board.waitFor([](const Report &r) { return r.lastTransfer().blocksReceived == 1; },
-                          kPatience));
-    QCOMPARE(line.exchange(frames.at(2), 1), kAck);
-    QCOMPARE(sentByBoard(board.report()), (QByteArrayList{"C", kAckAndRequest, kAck}));
+    QCOMPARE(board.line.exchange(frames.at(0), 2), kAckAndRequest);
+    QVERIFY(board.line.send(frames.at(1)));
+    QVERIFY(board.await([](const Report &r) { return r.lastTransfer().blocksReceived == 1; }));
+    QCOMPARE(board.line.exchange(frames.at(2), 1), kAckReply);
+    QCOMPARE(board.sent(), (QByteArrayList{"C", kAckAndRequest, kAckReply}));
 }
 
 void TestBoardSimFaults::repeatedControlEndsWithTheNextFrame()
 {
-    BoardSimulator board(inBootLoader({"repeat-control=5@block:1"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
+    TestBoard board(inBootLoader(withFaults({"repeat-control=5@block:1"})));
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
     const QVector<QByteArray> frames = wholeTransfer("abc");
-    QCOMPARE(line.exchange(frames.at(0), 2), kAckAndRequest);
-    QCOMPARE(line.exchange(frames.at(1), 4), kAck.repeated(4));
-    QVERIFY(line.send(frames.at(2)));
-    QVERIFY(board.waitFor([](const Report &r) { return r.lastTransfer().eotReceived; }, kPatience));
-    QVERIFY(board.waitForQuiet(Milliseconds(50), kPatience));
-    QCOMPARE(sentByBoard(board.report()).last(), kAckAndRequest);
+    QCOMPARE(board.line.exchange(frames.at(0), 2), kAckAndRequest);
+    QCOMPARE(board.line.exchange(frames.at(1), 4), kAckReply.repeated(4));
+    QVERIFY(board.line.send(frames.at(2)));
+    QVERIFY(board.await([](const Report &r) { return r.lastTransfer().eotReceived; }));
+    QVERIFY(board.awaitQuiet(Milliseconds(50)));
+    QCOMPARE(board.sent().last(), kAckAndRequest);
 }
 
 void TestBoardSimFaults::lostBytesBreakTheFrame()
 {
-    BoardSimulator board(inBootLoader({"lose-bytes=5@block:1"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
-    QCOMPARE(line.exchange(startFrame("app.bin", "3"), 2), kAckAndRequest);
-    QCOMPARE(line.exchange(dataBlock(1, "abc"), 1), kNak);
+    TestBoard board(inBootLoader(withFaults({"lose-bytes=5@block:1"})));
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
+    QCOMPARE(board.line.exchange(startFrame("app.bin", "3"), 2), kAckAndRequest);
+    QCOMPARE(board.line.exchange(dataBlock(1, "abc"), 1), kNakReply);
     const Report report = board.report();
     QCOMPARE(report.violations.size(), 1);
     QCOMPARE(report.violations.first().text,
@@ -429,13 +360,11 @@ void TestBoardSimFaults::hangUpInTheFrame_data()
 void TestBoardSimFaults::hangUpInTheFrame()
 {
     QFETCH(QByteArray, fault);
-    BoardSimulator board(inBootLoader({fault.constData()}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
-    QCOMPARE(line.exchange(startFrame("app.bin", "3"), 2), kAckAndRequest);
-    QVERIFY(line.send(dataBlock(1, "abc")));
-    QVERIFY(line.waitForHangUp());
+    TestBoard board(inBootLoader(withFaults({fault})));
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
+    QCOMPARE(board.line.exchange(startFrame("app.bin", "3"), 2), kAckAndRequest);
+    QVERIFY(board.line.send(dataBlock(1, "abc")));
+    QVERIFY(board.line.waitForHangUp());
     const Report report = board.report();
     QVERIFY(report.hungUp);
     QCOMPARE(report.lastTransfer().blocksReceived, 0);
@@ -453,37 +382,31 @@ void TestBoardSimFaults::hangUpInTheAnswer_data()
 void TestBoardSimFaults::hangUpInTheAnswer()
 {
     QFETCH(QByteArray, more);
-    BoardSimulator board(withFaults({"hang-up=40@version", more.constData()}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.exchange(goodVersionQuery(), 36), kVersionAnswer.left(10));
-    QVERIFY(board.waitFor([](const Report &r) { return r.hungUp; }, kPatience));
-    QCOMPARE(sentByBoard(board.report()).join(), kVersionAnswer.left(10));
+    TestBoard board(withFaults({"hang-up=40@version", more}));
+    QCOMPARE(board.line.exchange(goodVersionQuery(), 36), kVersionAnswer.left(10));
+    QVERIFY(board.await([](const Report &r) { return r.hungUp; }));
+    QCOMPARE(board.sent().join(), kVersionAnswer.left(10));
     QCOMPARE(board.report().faultsMade.size(), 2);
 }
 
 void TestBoardSimFaults::consoleTextFollowsTheTransfer()
 {
-    BoardSimulator board(inBootLoader({"console=hello\\r\\n"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
+    TestBoard board(inBootLoader(withFaults({"console=hello\\r\\n"})));
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
     const QVector<QByteArray> frames = wholeTransfer("abc");
-    QCOMPARE(line.exchange(frames.at(0), 2), kAckAndRequest);
-    QCOMPARE(line.exchange(frames.at(1), 1), kAck);
-    QCOMPARE(line.exchange(frames.at(2), 2), kAckAndRequest);
-    QCOMPARE(line.exchange(frames.at(3), 8), kAck + "hello\r\n");
+    QCOMPARE(board.line.exchange(frames.at(0), 2), kAckAndRequest);
+    QCOMPARE(board.line.exchange(frames.at(1), 1), kAckReply);
+    QCOMPARE(board.line.exchange(frames.at(2), 2), kAckAndRequest);
+    QCOMPARE(board.line.exchange(frames.at(3), 8), kAckReply + "hello\r\n");
 }
 
 void TestBoardSimFaults::faultsCombine()
 {
-    BoardSimulator board(withFaults(
+    TestBoard board(withFaults(
         {"wrong-foot@version", "garbage-before=aa@version", "split@version", "slow=100@version"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
     const QByteArray expected = "\xaa" + kVersionAnswer.left(35) + "\xe6";
-    QCOMPARE(line.exchange(goodVersionQuery(), 37), expected);
-    QVERIFY(board.waitFor(writesByBoard(37), kPatience));
+    QCOMPARE(board.line.exchange(goodVersionQuery(), 37), expected);
+    QVERIFY(board.awaitSent(37));
     const Report report = board.report();
     QCOMPARE(report.faultsMade.size(), 4);
     QVERIFY(report.frames.at(1).ms - report.frames.at(0).ms >= 99);
@@ -491,27 +414,25 @@ void TestBoardSimFaults::faultsCombine()
 
 void TestBoardSimFaults::faultExplainsViolationsOfItsExchangeOnly()
 {
-    BoardSimulator board(withFaults({"wrong-foot@start-command"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
+    TestBoard board(withFaults({"wrong-foot@start-command"}));
 
-    QCOMPARE(line.exchange(goodStartCommand(), 19).right(1), QByteArray("C"));
-    QCOMPARE(line.exchange(startFrame("", "3"), 1), kNak);
+    QCOMPARE(board.line.exchange(goodStartCommand(), 19).right(1), QByteArray("C"));
+    QCOMPARE(board.line.exchange(startFrame("", "3"), 1), kNakReply);
     QVERIFY(!board.report().hasUnexplainedViolation());
 
-    QCOMPARE(line.exchange(goodVersionQuery(), 36), kVersionAnswer);
-    QVERIFY(line.send("x"));
-    QVERIFY(board.waitFor([](const Report &r) { return r.violations.size() == 2; }, kPatience));
+    QCOMPARE(board.line.exchange(goodVersionQuery(), 36), kVersionAnswer);
+    QVERIFY(board.line.send("x"));
+    QVERIFY(board.awaitViolations(2));
     QVERIFY(board.report().hasUnexplainedViolation());
 }
 
 void TestBoardSimFaults::unknownFaultsAreRefused_data()
 {
     QTest::addColumn<QString>("fault");
-    QTest::addColumn<QString>("complaint");
+    QTest::addColumn<QString>("expected");
 
-    const auto row = [](const char *fault, const char *complaint) {
-        QTest::newRow(fault) << QString::fromLatin1(fault) << QString::fromLatin1(complaint);
+    const auto row = [](const char *fault, const char *expected) {
+        QTest::newRow(fault) << QString::fromLatin1(fault) << QString::fromLatin1(expected);
     };
     row("explode", "unknown fault \"explode\"");
     row("", "unknown fault \"\"");
@@ -540,10 +461,10 @@ void TestBoardSimFaults::unknownFaultsAreRefused_data()
 void TestBoardSimFaults::unknownFaultsAreRefused()
 {
     QFETCH(QString, fault);
-    QFETCH(QString, complaint);
-    QString told;
-    QVERIFY(!parseFault(fault, told));
-    QCOMPARE(told, complaint);
+    QFETCH(QString, expected);
+    QString error;
+    QVERIFY(!parseFault(fault, error));
+    QCOMPARE(error, expected);
 }
 
 QTEST_GUILESS_MAIN(TestBoardSimFaults)

@@ -1,16 +1,12 @@
-#include "assistantline.h"
-#include "boardsimulator.h"
 #include "handmadeexchanges.h"
 #include "handmadeframes.h"
-#include "reports.h"
+#include "testboard.h"
 
 #include <QtTest>
 
 using namespace boardsim;
 
 namespace {
-
-constexpr Milliseconds kPatience{10000};
 
 // The board's own parameters unless told otherwise, and the frames around them.
 const QByteArray kParams = QByteArray("ABC_K7QX12").leftJustified(42, '\0');
@@ -19,34 +15,9 @@ const QByteArray kAnswerV3 = QByteArray::fromHex("e749") + QByteArray(21, '\0') 
 const QByteArray kAnswerV4 = QByteArray::fromHex("e74c") + QByteArray(24, '\0') + "\x0f"
     + QByteArray(5, '\0') + kParams + QByteArray::fromHex("0ee7");
 
-Options quickToNotice()
-{
-    Options options;
-    options.frameGap = Milliseconds(40);
-    return options;
-}
-
-Options withFaults(const QByteArrayList &faults)
-{
-    Options options = quickToNotice();
-    for (const QByteArray &text : faults) {
-        QString complaint;
-        const auto fault = parseFault(QString::fromLatin1(text), complaint);
-        if (!fault)
-            qFatal("%s", qPrintable(complaint));
-        options.faults.append(*fault);
-    }
-    return options;
-}
-
 QByteArray goodHandshake(int version)
 {
     return version == 3 ? goodHandshakeV3() : goodHandshakeV4();
-}
-
-BoardSimulator::Condition writesByBoard(int count)
-{
-    return [count](const Report &report) { return sentByBoard(report).size() >= count; };
 }
 
 } // namespace
@@ -81,18 +52,16 @@ private slots:
 
 void TestBoardSimHandshake::eachVersionIsAnsweredInItsOwn()
 {
-    BoardSimulator board;
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.exchange(goodHandshakeV3(), 73).toHex(), kAnswerV3.toHex());
-    QCOMPARE(line.exchange(goodHandshakeV4(), 76).toHex(), kAnswerV4.toHex());
-    QCOMPARE(line.exchange(goodHandshakeV4(), 76).toHex(), kAnswerV4.toHex());
+    TestBoard board;
+    QCOMPARE(board.line.exchange(goodHandshakeV3(), 73).toHex(), kAnswerV3.toHex());
+    QCOMPARE(board.line.exchange(goodHandshakeV4(), 76).toHex(), kAnswerV4.toHex());
+    QCOMPARE(board.line.exchange(goodHandshakeV4(), 76).toHex(), kAnswerV4.toHex());
     board.stop();
     const Report report = board.report();
     QCOMPARE(report.handshakesV3, 1);
     QCOMPARE(report.handshakesV4, 2);
     QVERIFY(report.violations.isEmpty());
-    QCOMPARE(sentByBoard(report), (QByteArrayList{kAnswerV3, kAnswerV4, kAnswerV4}));
+    QCOMPARE(board.sent(), (QByteArrayList{kAnswerV3, kAnswerV4, kAnswerV4}));
     QCOMPARE(report.frames.at(0).meaning, QStringLiteral("V3 handshake"));
     QCOMPARE(report.frames.at(3).meaning, QStringLiteral("V4 handshake answer"));
 }
@@ -120,14 +89,12 @@ void TestBoardSimHandshake::answerCarriesItsParameters()
 
     Options options;
     options.params = params;
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    const QByteArray answer = line.exchange(goodHandshake(version), size);
+    TestBoard board(options);
+    const QByteArray answer = board.line.exchange(goodHandshake(version), size);
     QCOMPARE(answer.toHex(), handshakeAnswer(version, params).toHex());
     QCOMPARE(static_cast<quint8>(answer.at(1)), quint8(size));
     board.stop();
-    QCOMPARE(sentByBoard(board.report()).join().size(), size);
+    QCOMPARE(board.sent().join().size(), size);
 }
 
 void TestBoardSimHandshake::everyByteOfAHandshakeCounts_data()
@@ -145,16 +112,14 @@ void TestBoardSimHandshake::everyByteOfAHandshakeCounts_data()
 void TestBoardSimHandshake::everyByteOfAHandshakeCounts()
 {
     QFETCH(QByteArray, frame);
-    BoardSimulator board(quickToNotice());
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
+    TestBoard board(quickToNotice());
 
-    QVERIFY(line.send(frame));
-    QVERIFY(board.waitFor(hasViolation, kPatience));
+    QVERIFY(board.line.send(frame));
+    QVERIFY(board.awaitViolations());
     board.stop();
     const Report report = board.report();
     QVERIFY(report.hasUnexplainedViolation());
-    QCOMPARE(sentByBoard(report), QByteArrayList());
+    QCOMPARE(board.sent(), QByteArrayList());
     QCOMPARE(report.handshakesV3 + report.handshakesV4, 0);
 }
 
@@ -187,12 +152,10 @@ void TestBoardSimHandshake::badByteIsNamed()
 {
     QFETCH(QByteArray, frame);
     QFETCH(QString, text);
-    BoardSimulator board(quickToNotice());
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
+    TestBoard board(quickToNotice());
 
-    QVERIFY(line.send(frame));
-    QVERIFY(board.waitFor(hasViolation, kPatience));
+    QVERIFY(board.line.send(frame));
+    QVERIFY(board.awaitViolations());
     board.stop();
     QCOMPARE(board.report().violations.size(), 1);
     QCOMPARE(board.report().violations.first().text, text);
@@ -200,62 +163,50 @@ void TestBoardSimHandshake::badByteIsNamed()
 
 void TestBoardSimHandshake::cutHandshakeIsReported()
 {
-    BoardSimulator board(quickToNotice());
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QVERIFY(line.send(goodHandshakeV4().left(75)));
-    QVERIFY(board.waitFor(hasViolation, kPatience));
+    TestBoard board(quickToNotice());
+    QVERIFY(board.line.send(goodHandshakeV4().left(75)));
+    QVERIFY(board.awaitViolations());
     QCOMPARE(board.report().violations.first().text,
              QStringLiteral("frame broke off after 75 of 76 bytes"));
-    QCOMPARE(line.exchange(goodHandshakeV3(), 73), kAnswerV3);
+    QCOMPARE(board.line.exchange(goodHandshakeV3(), 73), kAnswerV3);
 }
 
 void TestBoardSimHandshake::allFourCommandsAreToldApart()
 {
     Options options;
     options.bootDelay = Milliseconds(600000);
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    const QByteArray answers = line.exchange(goodHandshakeV4() + goodVersionQuery()
-                                                 + goodHandshakeV3() + goodStartCommand(),
-                                             76 + 36 + 73 + 18);
+    TestBoard board(options);
+    const QByteArray answers = board.line.exchange(goodHandshakeV4() + goodVersionQuery()
+                                                       + goodHandshakeV3() + goodStartCommand(),
+                                                   76 + 36 + 73 + 18);
     QCOMPARE(answers.left(76), kAnswerV4);
     QCOMPARE(answers.mid(76, 2), QByteArray::fromHex("e724"));
     QCOMPARE(answers.mid(76 + 36, 73), kAnswerV3);
     QCOMPARE(answers.mid(76 + 36 + 73, 2), QByteArray::fromHex("e712"));
     board.stop();
     QVERIFY(board.report().violations.isEmpty());
-    QCOMPARE(sentByBoard(board.report()).size(), 4);
+    QCOMPARE(board.sent().size(), 4);
 }
 
 void TestBoardSimHandshake::handshakeEndsTheWaitForATransfer()
 {
-    Options options = quickToNotice();
-    options.startInBootLoader = true;
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
-    QCOMPARE(line.exchange(goodHandshakeV3(), 73), kAnswerV3);
-    QVERIFY(!hasViolation(board.report()));
+    TestBoard board(inBootLoader(quickToNotice()));
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
+    QCOMPARE(board.line.exchange(goodHandshakeV3(), 73), kAnswerV3);
+    QVERIFY(board.report().violations.isEmpty());
 
     // The application runs now: it knows no transfer.
-    QVERIFY(line.send(startFrame("app.bin", "3")));
-    QVERIFY(board.waitFor(hasViolation, kPatience));
+    QVERIFY(board.line.send(startFrame("app.bin", "3")));
+    QVERIFY(board.awaitViolations());
 }
 
 void TestBoardSimHandshake::handshakeAmongTheDataIsReported()
 {
-    Options options = quickToNotice();
-    options.startInBootLoader = true;
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
-    QCOMPARE(line.exchange(startFrame("app.bin", "3"), 2).size(), 2);
-    QVERIFY(line.send(goodHandshakeV3()));
-    QVERIFY(board.waitFor(hasViolation, kPatience));
+    TestBoard board(inBootLoader(quickToNotice()));
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
+    QCOMPARE(board.line.exchange(startFrame("app.bin", "3"), 2).size(), 2);
+    QVERIFY(board.line.send(goodHandshakeV3()));
+    QVERIFY(board.awaitViolations());
     QCOMPARE(board.report().handshakesV3, 0);
 }
 
@@ -304,13 +255,12 @@ void TestBoardSimHandshake::answerIsSpoilt()
     QFETCH(QByteArray, fault);
     QFETCH(QByteArray, expected);
 
-    BoardSimulator board(withFaults({fault}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.exchange(goodHandshake(version), expected.size()).toHex(), expected.toHex());
+    TestBoard board(quickToNotice({fault}));
+    QCOMPARE(board.line.exchange(goodHandshake(version), expected.size()).toHex(),
+             expected.toHex());
     board.stop();
     const Report report = board.report();
-    QCOMPARE(sentByBoard(report), QByteArrayList{expected});
+    QCOMPARE(board.sent(), QByteArrayList{expected});
     QCOMPARE(report.faultsMade, QStringList{QString::fromLatin1(fault)});
     QVERIFY(report.violations.isEmpty());
 }
@@ -318,23 +268,19 @@ void TestBoardSimHandshake::answerIsSpoilt()
 void TestBoardSimHandshake::faultHoldsForBothVersions()
 {
     // Both faults of the parameters at once, and raw parameters with zero bytes among them.
-    Options options = withFaults({"no-underscore", "full-params"});
+    Options options = quickToNotice({"no-underscore", "full-params"});
     options.params = QByteArray("A\0_B\0", 5);
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.exchange(goodHandshakeV3(), 36), handshakeAnswer(3, "Ax-Bx"));
-    QCOMPARE(line.exchange(goodHandshakeV4(), 39), handshakeAnswer(4, "Ax-Bx"));
+    TestBoard board(options);
+    QCOMPARE(board.line.exchange(goodHandshakeV3(), 36), handshakeAnswer(3, "Ax-Bx"));
+    QCOMPARE(board.line.exchange(goodHandshakeV4(), 39), handshakeAnswer(4, "Ax-Bx"));
     QCOMPARE(board.report().faultsMade.size(), 4);
-    QCOMPARE(line.exchange(goodVersionQuery(), 36).mid(16, 6), QByteArray("V4.1.3"));
+    QCOMPARE(board.line.exchange(goodVersionQuery(), 36).mid(16, 6), QByteArray("V4.1.3"));
 }
 
 void TestBoardSimHandshake::slowAnswerComesLate()
 {
-    BoardSimulator board(withFaults({"slow=200@handshake"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.exchange(goodHandshakeV3(), 73), kAnswerV3);
+    TestBoard board(quickToNotice({"slow=200@handshake"}));
+    QCOMPARE(board.line.exchange(goodHandshakeV3(), 73), kAnswerV3);
     const auto frames = board.report().frames;
     QCOMPARE(frames.size(), 2);
     QVERIFY(frames.at(1).ms - frames.at(0).ms >= 199);
@@ -342,87 +288,73 @@ void TestBoardSimHandshake::slowAnswerComesLate()
 
 void TestBoardSimHandshake::splitAnswerComesInSingleBytes()
 {
-    BoardSimulator board(withFaults({"split=1@handshake"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.exchange(goodHandshakeV4(), 76), kAnswerV4);
-    QVERIFY(board.waitFor(writesByBoard(76), kPatience));
-    QCOMPARE(sentByBoard(board.report()).size(), 76);
+    TestBoard board(quickToNotice({"split=1@handshake"}));
+    QCOMPARE(board.line.exchange(goodHandshakeV4(), 76), kAnswerV4);
+    QVERIFY(board.awaitSent(76));
+    QCOMPARE(board.sent().size(), 76);
 }
 
 void TestBoardSimHandshake::silentBoardTakesTheHandshake()
 {
-    BoardSimulator board(withFaults({"silent@handshake"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QVERIFY(line.send(goodHandshakeV3()));
-    QVERIFY(board.waitFor([](const Report &r) { return r.handshakesV3 == 1; }, kPatience));
+    TestBoard board(quickToNotice({"silent@handshake"}));
+    QVERIFY(board.line.send(goodHandshakeV3()));
+    QVERIFY(board.await([](const Report &r) { return r.handshakesV3 == 1; }));
     board.stop();
-    QCOMPARE(sentByBoard(board.report()), QByteArrayList());
+    QCOMPARE(board.sent(), QByteArrayList());
     QCOMPARE(board.report().faultsMade, QStringList{QStringLiteral("silent@handshake")});
 }
 
 void TestBoardSimHandshake::mergedAnswerComesWithTheNext()
 {
-    BoardSimulator board(withFaults({"merge@handshake"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QVERIFY(line.send(goodHandshakeV3()));
-    QVERIFY(board.waitFor([](const Report &r) { return r.handshakesV3 == 1; }, kPatience));
-    QCOMPARE(line.exchange(goodVersionQuery(), 73 + 36).left(73), kAnswerV3);
-    QVERIFY(board.waitFor(writesByBoard(1), kPatience));
-    QCOMPARE(sentByBoard(board.report()).size(), 1);
+    TestBoard board(quickToNotice({"merge@handshake"}));
+    QVERIFY(board.line.send(goodHandshakeV3()));
+    QVERIFY(board.await([](const Report &r) { return r.handshakesV3 == 1; }));
+    QCOMPARE(board.line.exchange(goodVersionQuery(), 73 + 36).left(73), kAnswerV3);
+    QVERIFY(board.awaitSent(1));
+    QCOMPARE(board.sent().size(), 1);
 }
 
 void TestBoardSimHandshake::lostBytesBreakTheHandshake()
 {
-    BoardSimulator board(withFaults({"lose-bytes=3@handshake"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QVERIFY(line.send(goodHandshakeV3()));
-    QVERIFY(board.waitFor(hasViolation, kPatience));
+    TestBoard board(quickToNotice({"lose-bytes=3@handshake"}));
+    QVERIFY(board.line.send(goodHandshakeV3()));
+    QVERIFY(board.awaitViolations());
     board.stop();
     const Report report = board.report();
     QCOMPARE(report.violations.first().text,
              QStringLiteral("frame broke off after 70 of 73 bytes"));
     QCOMPARE(report.violations.first().explainedBy, QStringLiteral("lose-bytes=3@handshake"));
-    QCOMPARE(sentByBoard(report), QByteArrayList());
+    QCOMPARE(board.sent(), QByteArrayList());
 }
 
 void TestBoardSimHandshake::hangUpInTheHandshake()
 {
-    BoardSimulator board(withFaults({"hang-up@handshake"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QVERIFY(line.send(goodHandshakeV4()));
-    QVERIFY(line.waitForHangUp());
+    TestBoard board(quickToNotice({"hang-up@handshake"}));
+    QVERIFY(board.line.send(goodHandshakeV4()));
+    QVERIFY(board.line.waitForHangUp());
     QVERIFY(board.report().hungUp);
     QCOMPARE(board.report().handshakesV4, 0);
 }
 
 void TestBoardSimHandshake::hangUpInTheAnswer()
 {
-    BoardSimulator board(withFaults({"hang-up=100@handshake"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.exchange(goodHandshakeV4(), 76), kAnswerV4.left(24));
-    QVERIFY(board.waitFor([](const Report &r) { return r.hungUp; }, kPatience));
+    TestBoard board(quickToNotice({"hang-up=100@handshake"}));
+    QCOMPARE(board.line.exchange(goodHandshakeV4(), 76), kAnswerV4.left(24));
+    QVERIFY(board.await([](const Report &r) { return r.hungUp; }));
     QCOMPARE(board.report().handshakesV4, 1);
 }
 
 void TestBoardSimHandshake::validHandshakeEndsWhatAFaultExplains()
 {
-    BoardSimulator board(withFaults({"wrong-foot@version"}));
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.exchange(goodVersionQuery(), 36).right(1), QByteArray("\xe6"));
-    QVERIFY(line.send(changed(goodHandshakeV3(), 71)));
-    QVERIFY(board.waitFor(hasViolation, kPatience));
+    TestBoard board(quickToNotice({"wrong-foot@version"}));
+    QCOMPARE(board.line.exchange(goodVersionQuery(), 36).right(1), QByteArray("\xe6"));
+    QVERIFY(board.line.send(changed(goodHandshakeV3(), 71)));
+    QVERIFY(board.awaitViolations());
     QVERIFY(!board.report().hasUnexplainedViolation());
 
-    QCOMPARE(line.exchange(goodHandshakeV3(), 73), kAnswerV3);
-    QVERIFY(line.send("x"));
-    QVERIFY(board.waitFor([](const Report &r) { return r.violations.size() == 2; }, kPatience));
+    QCOMPARE(board.line.exchange(goodHandshakeV3(), 73), kAnswerV3);
+    QVERIFY(board.line.send("x"));
+    QVERIFY(board.awaitViolations(2));
     QVERIFY(board.report().hasUnexplainedViolation());
 }
 

@@ -1,7 +1,6 @@
-#include "assistantline.h"
-#include "boardsimulator.h"
 #include "handmadeexchanges.h"
 #include "handmadeframes.h"
+#include "testboard.h"
 
 #include <QtTest>
 
@@ -9,64 +8,36 @@ using namespace boardsim;
 
 namespace {
 
-constexpr Milliseconds kPatience{10000};
 constexpr Milliseconds kNever{600000};
 
 const QByteArray kVersionQueryAnswer = QByteArray::fromHex("e724");
 
-/// A board whose boot loader says nothing of its own once it has been started by command.
+/// A board whose boot loader sends no 'C' once it has been started by command.
 Options quietBootLoader(const QByteArrayList &faults = {})
 {
-    Options options;
-    options.frameGap = Milliseconds(40);
+    Options options = quickToNotice(faults);
     options.bootDelay = kNever;
-    for (const QByteArray &text : faults) {
-        QString complaint;
-        const auto fault = parseFault(QString::fromLatin1(text), complaint);
-        if (!fault)
-            qFatal("%s", qPrintable(complaint));
-        options.faults.append(*fault);
-    }
     return options;
 }
 
-/// A board in its boot loader, and the line to it.
-class BootLoader {
+/// A board that has gone into its boot loader by command.
+class BootLoader : public TestBoard {
 public:
     explicit BootLoader(const Options &options)
-        : board(options)
-        , isRunning(board.start())
-        , line(board.slaveName())
+        : TestBoard(options)
     {
-        isRunning = isRunning && line.exchange(goodStartCommand(), 18).size() == 18;
+        if (line.exchange(goodStartCommand(), 18).size() != 18)
+            qFatal("no reply to the start command");
     }
 
-    /// What the board has sent since it is in its boot loader.
-    QByteArrayList sent() const
-    {
-        QByteArrayList sent;
-        const Report report = board.report();
-        for (const FrameRecord &frame : report.frames) {
-            if (!frame.toBoard)
-                sent << frame.bytes;
-        }
-        return sent.mid(1);
-    }
+    /// What the boot loader has sent.
+    QByteArrayList sent() const { return TestBoard::sent().mid(1); }
 
-    bool waitForViolation()
-    {
-        return board.waitFor([](const Report &r) { return !r.violations.isEmpty(); }, kPatience);
-    }
-
+    /// Text of the only violation; empty when there are none or more.
     QString violation() const
     {
-        const Report report = board.report();
-        return report.violations.size() == 1 ? report.violations.first().text : QString();
+        return report().violations.size() == 1 ? TestBoard::violation() : QString();
     }
-
-    BoardSimulator board;
-    bool isRunning;
-    AssistantLine line;
 };
 
 const QByteArray kConnectAnswer = packet(0xAE, 1);
@@ -120,12 +91,11 @@ private slots:
 void TestBoardSimPackets::sequenceIsAnswered()
 {
     BootLoader loader(quietBootLoader());
-    QVERIFY(loader.isRunning);
     for (int i = 0; i < kAnswers.size(); ++i)
         QCOMPARE(loader.line.exchange(packetSequence().at(i), kPacketSize).toHex(),
                  kAnswers.at(i).toHex());
-    loader.board.stop();
-    const Report report = loader.board.report();
+    loader.stop();
+    const Report report = loader.report();
     QCOMPARE(loader.sent(), QByteArrayList::fromVector(kAnswers));
     QVERIFY(report.violations.isEmpty());
     QCOMPARE(report.connects, 1);
@@ -139,7 +109,6 @@ void TestBoardSimPackets::deviceIdIsLittleEndian()
     Options options = quietBootLoader();
     options.deviceId = 0xFEDCBA98;
     BootLoader loader(options);
-    QVERIFY(loader.isRunning);
     QCOMPARE(loader.line.exchange(connectPacket(), kPacketSize), kConnectAnswer);
     QCOMPARE(loader.line.exchange(syncPacket(), kPacketSize), kSyncAnswer);
     QCOMPARE(loader.line.exchange(deviceIdPacket(), kPacketSize).toHex(),
@@ -149,24 +118,22 @@ void TestBoardSimPackets::deviceIdIsLittleEndian()
 void TestBoardSimPackets::sequenceMayBeRepeated()
 {
     BootLoader loader(quietBootLoader());
-    QVERIFY(loader.isRunning);
     for (int run = 0; run < 2; ++run) {
         for (const QByteArray &packet : packetSequence())
             QCOMPARE(loader.line.exchange(packet, kPacketSize).size(), kPacketSize);
     }
-    QCOMPARE(loader.board.report().configReads, 2);
-    QVERIFY(loader.board.report().violations.isEmpty());
+    QCOMPARE(loader.report().configReads, 2);
+    QVERIFY(loader.report().violations.isEmpty());
 }
 
 void TestBoardSimPackets::connectBeginsAnew()
 {
     BootLoader loader(quietBootLoader());
-    QVERIFY(loader.isRunning);
     for (const QByteArray &packet :
          {connectPacket(), connectPacket(), syncPacket(), connectPacket(), syncPacket()})
         QCOMPARE(loader.line.exchange(packet, kPacketSize).size(), kPacketSize);
-    QCOMPARE(loader.board.report().connects, 3);
-    QVERIFY(loader.board.report().violations.isEmpty());
+    QCOMPARE(loader.report().connects, 3);
+    QVERIFY(loader.report().violations.isEmpty());
 }
 
 void TestBoardSimPackets::everyByteOfAPacketCounts_data()
@@ -184,17 +151,16 @@ void TestBoardSimPackets::everyByteOfAPacketCounts()
     QFETCH(int, step);
     QFETCH(int, offset);
     BootLoader loader(quietBootLoader());
-    QVERIFY(loader.isRunning);
     for (int i = 0; i < step; ++i)
         QCOMPARE(loader.line.exchange(packetSequence().at(i), kPacketSize), kAnswers.at(i));
 
     QVERIFY(loader.line.send(changed(packetSequence().at(step), offset)));
-    QVERIFY(loader.waitForViolation());
-    loader.board.stop();
-    QVERIFY(loader.board.report().hasUnexplainedViolation());
+    QVERIFY(loader.awaitViolations());
+    loader.stop();
+    QVERIFY(loader.report().hasUnexplainedViolation());
     QCOMPARE(loader.sent().size(), step);
-    QCOMPARE(loader.board.report().connects, step == 0 ? 0 : 1);
-    QCOMPARE(loader.board.report().configReads, 0);
+    QCOMPARE(loader.report().connects, step == 0 ? 0 : 1);
+    QCOMPARE(loader.report().configReads, 0);
 }
 
 void TestBoardSimPackets::badPacketIsNamed_data()
@@ -224,10 +190,9 @@ void TestBoardSimPackets::badPacketIsNamed()
     QFETCH(QByteArray, bytes);
     QFETCH(QString, text);
     BootLoader loader(quietBootLoader());
-    QVERIFY(loader.isRunning);
     QVERIFY(loader.line.send(bytes));
-    QVERIFY(loader.waitForViolation());
-    loader.board.stop();
+    QVERIFY(loader.awaitViolations());
+    loader.stop();
     QCOMPARE(loader.violation(), text);
 }
 
@@ -258,13 +223,12 @@ void TestBoardSimPackets::packetOutOfTurnIsReported()
     QFETCH(int, step);
     QFETCH(QString, text);
     BootLoader loader(quietBootLoader());
-    QVERIFY(loader.isRunning);
     for (int i = 0; i < before; ++i)
         QCOMPARE(loader.line.exchange(packetSequence().at(i), kPacketSize), kAnswers.at(i));
 
     QVERIFY(loader.line.send(packetSequence().at(step)));
-    QVERIFY(loader.waitForViolation());
-    loader.board.stop();
+    QVERIFY(loader.awaitViolations());
+    loader.stop();
     QCOMPARE(loader.violation(), text);
     QCOMPARE(loader.sent().size(), before);
 }
@@ -272,33 +236,29 @@ void TestBoardSimPackets::packetOutOfTurnIsReported()
 void TestBoardSimPackets::orderIsKeptAfterABadPacket()
 {
     BootLoader loader(quietBootLoader());
-    QVERIFY(loader.isRunning);
     QCOMPARE(loader.line.exchange(connectPacket(), kPacketSize), kConnectAnswer);
     QVERIFY(loader.line.send(changed(syncPacket(), 40)));
-    QVERIFY(loader.waitForViolation());
+    QVERIFY(loader.awaitViolations());
     QCOMPARE(loader.line.exchange(syncPacket(), kPacketSize), kSyncAnswer);
-    QCOMPARE(loader.board.report().violations.size(), 1);
+    QCOMPARE(loader.report().violations.size(), 1);
 }
 
 void TestBoardSimPackets::bootLoaderForgetsTheConnection()
 {
     BootLoader loader(quietBootLoader());
-    QVERIFY(loader.isRunning);
     QCOMPARE(loader.line.exchange(connectPacket(), kPacketSize), kConnectAnswer);
     QCOMPARE(loader.line.exchange(goodStartCommand(), 18).size(), 18);
     QVERIFY(loader.line.send(syncPacket()));
-    QVERIFY(loader.waitForViolation());
+    QVERIFY(loader.awaitViolations());
     QCOMPARE(loader.violation(),
              QStringLiteral("sync packet where the connect packet should come"));
 }
 
 void TestBoardSimPackets::applicationKnowsNoPackets()
 {
-    BoardSimulator board(quietBootLoader());
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QVERIFY(line.send(connectPacket()));
-    QVERIFY(board.waitFor([](const Report &r) { return !r.violations.isEmpty(); }, kPatience));
+    TestBoard board(quietBootLoader());
+    QVERIFY(board.line.send(connectPacket()));
+    QVERIFY(board.awaitViolations());
     QCOMPARE(board.report().violations.first().text,
              QStringLiteral("64 unexpected bytes from 0xae on"));
     QCOMPARE(board.report().connects, 0);
@@ -307,10 +267,9 @@ void TestBoardSimPackets::applicationKnowsNoPackets()
 void TestBoardSimPackets::packetAmongTheDataIsReported()
 {
     BootLoader loader(quietBootLoader());
-    QVERIFY(loader.isRunning);
     QCOMPARE(loader.line.exchange(startFrame("app.bin", "3"), 2).size(), 2);
     QVERIFY(loader.line.send(connectPacket()));
-    QVERIFY(loader.waitForViolation());
+    QVERIFY(loader.awaitViolations());
     QCOMPARE(loader.violation(), QStringLiteral("64 unexpected bytes from 0xae on"));
 }
 
@@ -320,18 +279,16 @@ void TestBoardSimPackets::packetEndsTheRequests()
     options.bootDelay = Milliseconds(0);
     options.requestInterval = Milliseconds(100);
     BootLoader loader(options);
-    QVERIFY(loader.isRunning);
     QCOMPARE(loader.line.receive(1), QByteArray("C"));
     QVERIFY(loader.line.send(connectPacket()));
-    QVERIFY(loader.board.waitFor([](const Report &r) { return r.connects == 1; }, kPatience));
-    QVERIFY(loader.board.waitForQuiet(Milliseconds(350), kPatience));
+    QVERIFY(loader.await([](const Report &r) { return r.connects == 1; }));
+    QVERIFY(loader.awaitQuiet(Milliseconds(350)));
     QCOMPARE(loader.sent().last(), kConnectAnswer);
 }
 
 void TestBoardSimPackets::transferFollowsThePackets()
 {
     BootLoader loader(quietBootLoader());
-    QVERIFY(loader.isRunning);
     for (const QByteArray &packet : packetSequence())
         QCOMPARE(loader.line.exchange(packet, kPacketSize).size(), kPacketSize);
     QByteArray answers;
@@ -342,14 +299,13 @@ void TestBoardSimPackets::transferFollowsThePackets()
              QByteArray("\x06"
                         "C\x06\x06"
                         "C\x06"));
-    QVERIFY(loader.board.report().lastTransfer().complete);
-    QVERIFY(loader.board.report().violations.isEmpty());
+    QVERIFY(loader.report().lastTransfer().complete);
+    QVERIFY(loader.report().violations.isEmpty());
 }
 
 void TestBoardSimPackets::framesAreToldApartInOneWrite()
 {
     BootLoader loader(quietBootLoader());
-    QVERIFY(loader.isRunning);
     const QByteArray answers = loader.line.exchange(
         connectPacket() + syncPacket() + goodVersionQuery(), 2 * kPacketSize + 36);
     QCOMPARE(answers.left(2 * kPacketSize), kConnectAnswer + kSyncAnswer);
@@ -359,7 +315,7 @@ void TestBoardSimPackets::framesAreToldApartInOneWrite()
     const QByteArray more =
         loader.line.exchange(connectPacket() + startFrame("app.bin", "3"), kPacketSize + 2);
     QCOMPARE(more, kConnectAnswer + "\x06" + "C");
-    QVERIFY(loader.board.report().violations.isEmpty());
+    QVERIFY(loader.report().violations.isEmpty());
 }
 
 void TestBoardSimPackets::cutPacketIsReported_data()
@@ -377,9 +333,8 @@ void TestBoardSimPackets::cutPacketIsReported()
     QFETCH(int, size);
     QFETCH(QString, text);
     BootLoader loader(quietBootLoader());
-    QVERIFY(loader.isRunning);
     QVERIFY(loader.line.send(connectPacket().left(size)));
-    QVERIFY(loader.waitForViolation());
+    QVERIFY(loader.awaitViolations());
     QCOMPARE(loader.violation(), text);
     QCOMPARE(loader.line.exchange(connectPacket(), kPacketSize), kConnectAnswer);
 }
@@ -411,24 +366,22 @@ void TestBoardSimPackets::answerIsSpoilt()
     QFETCH(QByteArray, expected);
 
     BootLoader loader(quietBootLoader({fault}));
-    QVERIFY(loader.isRunning);
     QVector<QByteArray> answers = kAnswers;
     answers[step] = expected;
     for (int i = 0; i < answers.size(); ++i)
         QCOMPARE(loader.line.exchange(packetSequence().at(i), answers.at(i).size()).toHex(),
                  answers.at(i).toHex());
-    loader.board.stop();
+    loader.stop();
     QCOMPARE(loader.sent(), QByteArrayList::fromVector(answers));
-    QCOMPARE(loader.board.report().faultsMade, QStringList{QString::fromLatin1(fault)});
-    QVERIFY(loader.board.report().violations.isEmpty());
+    QCOMPARE(loader.report().faultsMade, QStringList{QString::fromLatin1(fault)});
+    QVERIFY(loader.report().violations.isEmpty());
 }
 
 void TestBoardSimPackets::slowAnswerComesLate()
 {
     BootLoader loader(quietBootLoader({"slow=200@connect"}));
-    QVERIFY(loader.isRunning);
     QCOMPARE(loader.line.exchange(connectPacket(), kPacketSize), kConnectAnswer);
-    const auto frames = loader.board.report().frames;
+    const auto frames = loader.report().frames;
     QCOMPARE(frames.size(), 4);
     QVERIFY(frames.at(3).ms - frames.at(2).ms >= 199);
 }
@@ -436,9 +389,8 @@ void TestBoardSimPackets::slowAnswerComesLate()
 void TestBoardSimPackets::splitAnswerComesInSingleBytes()
 {
     BootLoader loader(quietBootLoader({"split=1@connect"}));
-    QVERIFY(loader.isRunning);
     QCOMPARE(loader.line.exchange(connectPacket(), kPacketSize), kConnectAnswer);
-    loader.board.stop();
+    loader.stop();
     QCOMPARE(loader.sent().size(), kPacketSize);
 }
 
@@ -453,76 +405,68 @@ void TestBoardSimPackets::silentBoardTakesThePacket()
 {
     QFETCH(int, step);
     BootLoader loader(quietBootLoader({QByteArray("silent@") + kPlaces[step]}));
-    QVERIFY(loader.isRunning);
     for (int i = 0; i < step; ++i)
         QCOMPARE(loader.line.exchange(packetSequence().at(i), kPacketSize), kAnswers.at(i));
     QVERIFY(loader.line.send(packetSequence().at(step)));
-    QVERIFY(
-        loader.board.waitFor([](const Report &r) { return r.faultsMade.size() == 1; }, kPatience));
-    loader.board.stop();
+    QVERIFY(loader.awaitFaults(1));
+    loader.stop();
     QCOMPARE(loader.sent().size(), step);
-    QVERIFY(loader.board.report().violations.isEmpty());
+    QVERIFY(loader.report().violations.isEmpty());
 }
 
 void TestBoardSimPackets::mergedAnswerComesWithTheNext()
 {
     BootLoader loader(quietBootLoader({"merge@connect"}));
-    QVERIFY(loader.isRunning);
     QVERIFY(loader.line.send(connectPacket()));
-    QVERIFY(loader.board.waitFor([](const Report &r) { return r.connects == 1; }, kPatience));
+    QVERIFY(loader.await([](const Report &r) { return r.connects == 1; }));
     QCOMPARE(loader.line.exchange(syncPacket(), 2 * kPacketSize), kConnectAnswer + kSyncAnswer);
-    loader.board.stop();
+    loader.stop();
     QCOMPARE(loader.sent(), QByteArrayList{kConnectAnswer + kSyncAnswer});
 }
 
 void TestBoardSimPackets::lostBytesBreakThePacket()
 {
     BootLoader loader(quietBootLoader({"lose-bytes=2@connect"}));
-    QVERIFY(loader.isRunning);
     QVERIFY(loader.line.send(connectPacket()));
-    QVERIFY(loader.waitForViolation());
-    loader.board.stop();
+    QVERIFY(loader.awaitViolations());
+    loader.stop();
     QCOMPARE(loader.violation(), QStringLiteral("frame broke off after 62 of 64 bytes"));
-    QVERIFY(!loader.board.report().hasUnexplainedViolation());
+    QVERIFY(!loader.report().hasUnexplainedViolation());
     QVERIFY(loader.sent().isEmpty());
 }
 
 void TestBoardSimPackets::hangUpInThePacket()
 {
     BootLoader loader(quietBootLoader({"hang-up=64@config"}));
-    QVERIFY(loader.isRunning);
     for (int i = 0; i < 3; ++i)
         QCOMPARE(loader.line.exchange(packetSequence().at(i), kPacketSize), kAnswers.at(i));
     QVERIFY(loader.line.send(configPacket()));
     QVERIFY(loader.line.waitForHangUp());
-    QVERIFY(loader.board.report().hungUp);
-    QCOMPARE(loader.board.report().configReads, 0);
+    QVERIFY(loader.report().hungUp);
+    QCOMPARE(loader.report().configReads, 0);
 }
 
 void TestBoardSimPackets::hangUpInTheAnswer()
 {
     BootLoader loader(quietBootLoader({"hang-up=96@sync"}));
-    QVERIFY(loader.isRunning);
     QCOMPARE(loader.line.exchange(connectPacket(), kPacketSize), kConnectAnswer);
     QCOMPARE(loader.line.exchange(syncPacket(), kPacketSize), kSyncAnswer.left(32));
-    QVERIFY(loader.board.waitFor([](const Report &r) { return r.hungUp; }, kPatience));
+    QVERIFY(loader.await([](const Report &r) { return r.hungUp; }));
 }
 
 void TestBoardSimPackets::connectEndsWhatAFaultExplains()
 {
     BootLoader loader(quietBootLoader({"drop-bytes@sync"}));
-    QVERIFY(loader.isRunning);
     QCOMPARE(loader.line.exchange(connectPacket(), kPacketSize), kConnectAnswer);
     QCOMPARE(loader.line.exchange(syncPacket(), 63).size(), 63);
     QVERIFY(loader.line.send(syncPacket()));
-    QVERIFY(loader.waitForViolation());
-    QVERIFY(!loader.board.report().hasUnexplainedViolation());
+    QVERIFY(loader.awaitViolations());
+    QVERIFY(!loader.report().hasUnexplainedViolation());
 
     QCOMPARE(loader.line.exchange(connectPacket(), kPacketSize), kConnectAnswer);
     QVERIFY(loader.line.send(configPacket()));
-    QVERIFY(
-        loader.board.waitFor([](const Report &r) { return r.violations.size() == 2; }, kPatience));
-    QVERIFY(loader.board.report().hasUnexplainedViolation());
+    QVERIFY(loader.awaitViolations(2));
+    QVERIFY(loader.report().hasUnexplainedViolation());
 }
 
 void TestBoardSimPackets::faultOfAFrameCannotHappenToAPacket()
@@ -530,11 +474,11 @@ void TestBoardSimPackets::faultOfAFrameCannotHappenToAPacket()
     for (const char *fault : {"wrong-head", "wrong-length", "wrong-checksum", "wrong-foot",
                               "no-underscore", "full-params", "nak"}) {
         for (const char *place : kPlaces) {
-            QString complaint;
+            QString error;
             const QString name = QString::fromLatin1(fault);
             const QString where = QString::fromLatin1(place);
-            QVERIFY(!parseFault(name + QLatin1Char('@') + where, complaint));
-            QCOMPARE(complaint, QStringLiteral("fault %1 cannot happen at %2").arg(name, where));
+            QVERIFY(!parseFault(name + QLatin1Char('@') + where, error));
+            QCOMPARE(error, QStringLiteral("fault %1 cannot happen at %2").arg(name, where));
         }
     }
 }

@@ -1,7 +1,5 @@
-#include "assistantline.h"
-#include "boardsimulator.h"
 #include "handmadeframes.h"
-#include "reports.h"
+#include "testboard.h"
 
 #include <QtTest>
 
@@ -9,34 +7,12 @@ using namespace boardsim;
 
 namespace {
 
-constexpr Milliseconds kPatience{10000};
-
-const QByteArray kNak("\x15");
-
-Options quickToNotice()
-{
-    Options options;
-    options.frameGap = Milliseconds(40);
-    return options;
-}
-
 void addChangedCommands(const QByteArray &command)
 {
     for (int i = 0; i < command.size(); ++i)
         QTest::addRow("byte %d", i) << changed(command, i);
     for (int i = 2; i < command.size() - 2; ++i)
         QTest::addRow("byte %d, checksum fits", i) << changedAndSealed(command, i);
-}
-
-QString firstViolation(const Report &report)
-{
-    return report.violations.isEmpty() ? QString() : report.violations.first().text;
-}
-
-int framesFromBoard(const Report &report)
-{
-    return static_cast<int>(std::count_if(report.frames.begin(), report.frames.end(),
-                                          [](const FrameRecord &f) { return !f.toBoard; }));
 }
 
 } // namespace
@@ -51,8 +27,8 @@ private slots:
     void everyByteOfTheStartCommandCounts();
     void badByteIsNamed_data();
     void badByteIsNamed();
-    void offFramesOfATransferAreRefused_data();
-    void offFramesOfATransferAreRefused();
+    void malformedFramesOfATransferAreRefused_data();
+    void malformedFramesOfATransferAreRefused();
     void everyByteOfABlockCounts_data();
     void everyByteOfABlockCounts();
     void earlyEotIsReportedAndTaken();
@@ -75,15 +51,13 @@ void TestBoardSimStrict::everyByteOfTheVersionQueryCounts_data()
 void TestBoardSimStrict::everyByteOfTheVersionQueryCounts()
 {
     QFETCH(QByteArray, frame);
-    BoardSimulator board(quickToNotice());
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
+    TestBoard board(quickToNotice());
 
-    QVERIFY(line.send(frame));
-    QVERIFY(board.waitFor(hasViolation, kPatience));
+    QVERIFY(board.line.send(frame));
+    QVERIFY(board.awaitViolations());
     board.stop();
     QVERIFY(board.report().hasUnexplainedViolation());
-    QCOMPARE(framesFromBoard(board.report()), 0);
+    QCOMPARE(board.sent().size(), 0);
     QCOMPARE(board.report().versionQueries, 0);
 }
 
@@ -96,14 +70,12 @@ void TestBoardSimStrict::everyByteOfTheStartCommandCounts_data()
 void TestBoardSimStrict::everyByteOfTheStartCommandCounts()
 {
     QFETCH(QByteArray, frame);
-    BoardSimulator board(quickToNotice());
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
+    TestBoard board(quickToNotice());
 
-    QVERIFY(line.send(frame));
-    QVERIFY(board.waitFor(hasViolation, kPatience));
+    QVERIFY(board.line.send(frame));
+    QVERIFY(board.awaitViolations());
     board.stop();
-    QCOMPARE(framesFromBoard(board.report()), 0);
+    QCOMPARE(board.sent().size(), 0);
     QCOMPARE(board.report().startCommands, 0);
     QVERIFY(board.report().transfers.isEmpty());
 }
@@ -128,16 +100,14 @@ void TestBoardSimStrict::badByteIsNamed()
 {
     QFETCH(int, offset);
     QFETCH(QString, text);
-    BoardSimulator board(quickToNotice());
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
+    TestBoard board(quickToNotice());
 
-    QVERIFY(line.send(changed(goodVersionQuery(), offset)));
-    QVERIFY(board.waitFor(hasViolation, kPatience));
-    QCOMPARE(firstViolation(board.report()), text);
+    QVERIFY(board.line.send(changed(goodVersionQuery(), offset)));
+    QVERIFY(board.awaitViolations());
+    QCOMPARE(board.violation(), text);
 }
 
-void TestBoardSimStrict::offFramesOfATransferAreRefused_data()
+void TestBoardSimStrict::malformedFramesOfATransferAreRefused_data()
 {
     QTest::addColumn<QVector<QByteArray>>("before"); // good ones
     QTest::addColumn<QByteArray>("frame");
@@ -208,26 +178,22 @@ void TestBoardSimStrict::offFramesOfATransferAreRefused_data()
         << ended << shortBlock(1, "") << text("block number is 1, not 0");
 }
 
-void TestBoardSimStrict::offFramesOfATransferAreRefused()
+void TestBoardSimStrict::malformedFramesOfATransferAreRefused()
 {
     QFETCH(QVector<QByteArray>, before);
     QFETCH(QByteArray, frame);
     QFETCH(QString, text);
 
-    Options options = quickToNotice();
-    options.startInBootLoader = true;
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
+    TestBoard board(inBootLoader(quickToNotice()));
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
     for (const QByteArray &good : before)
-        line.exchange(good, good == before.first() || good == eot() ? 2 : 1);
-    QVERIFY(!hasViolation(board.report()));
+        board.line.exchange(good, good == before.first() || good == eot() ? 2 : 1);
+    QVERIFY(board.report().violations.isEmpty());
 
-    QCOMPARE(line.exchange(frame, 1), kNak);
+    QCOMPARE(board.line.exchange(frame, 1), kNakReply);
     const Report report = board.report();
     QCOMPARE(report.violations.size(), 1);
-    QCOMPARE(firstViolation(report), text);
+    QCOMPARE(board.violation(), text);
     QVERIFY(report.hasUnexplainedViolation());
     QVERIFY(!report.lastTransfer().complete);
 }
@@ -252,51 +218,39 @@ void TestBoardSimStrict::everyByteOfABlockCounts()
     QFETCH(int, offset);
     QFETCH(QString, text);
 
-    Options options;
-    options.startInBootLoader = true;
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
-    QCOMPARE(line.exchange(startFrame("app.bin", "bb8"), 2).size(), 2);
+    TestBoard board(inBootLoader());
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
+    QCOMPARE(board.line.exchange(startFrame("app.bin", "bb8"), 2).size(), 2);
 
-    QCOMPARE(line.exchange(changed(dataBlock(1, sampleImage(1024)), offset), 1), kNak);
+    QCOMPARE(board.line.exchange(changed(dataBlock(1, sampleImage(1024)), offset), 1), kNakReply);
     const Report report = board.report();
-    QVERIFY2(firstViolation(report).startsWith(text), qPrintable(firstViolation(report)));
+    QVERIFY2(board.violation().startsWith(text), qPrintable(board.violation()));
     QCOMPARE(report.lastTransfer().blocksReceived, 0);
 }
 
 void TestBoardSimStrict::earlyEotIsReportedAndTaken()
 {
-    Options options;
-    options.startInBootLoader = true;
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
-    QCOMPARE(line.exchange(startFrame("app.bin", "400"), 2).size(), 2);
-    QCOMPARE(line.exchange(dataBlock(1, sampleImage(1024)), 1).size(), 1);
+    TestBoard board(inBootLoader());
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
+    QCOMPARE(board.line.exchange(startFrame("app.bin", "400"), 2).size(), 2);
+    QCOMPARE(board.line.exchange(dataBlock(1, sampleImage(1024)), 1).size(), 1);
 
     // The extra block of padding is missing.
-    QCOMPARE(line.exchange(eot(), 2),
+    QCOMPARE(board.line.exchange(eot(), 2),
              QByteArray("\x06"
                         "C"));
-    QCOMPARE(firstViolation(board.report()), QStringLiteral("EOT after 1 of 2 blocks"));
+    QCOMPARE(board.violation(), QStringLiteral("EOT after 1 of 2 blocks"));
 }
 
 void TestBoardSimStrict::refusedBlockCanBeSentAgain()
 {
-    Options options;
-    options.startInBootLoader = true;
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
-    QCOMPARE(line.exchange(startFrame("app.bin", "3"), 2).size(), 2);
+    TestBoard board(inBootLoader());
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
+    QCOMPARE(board.line.exchange(startFrame("app.bin", "3"), 2).size(), 2);
 
     const QByteArray block = dataBlock(1, "abc");
-    QCOMPARE(line.exchange(changed(block, 3), 1), kNak);
-    QCOMPARE(line.exchange(block, 1), QByteArray("\x06"));
+    QCOMPARE(board.line.exchange(changed(block, 3), 1), kNakReply);
+    QCOMPARE(board.line.exchange(block, 1), QByteArray("\x06"));
     QCOMPARE(board.report().lastTransfer().image, QByteArray("abc"));
 }
 
@@ -312,7 +266,7 @@ void TestBoardSimStrict::unexpectedBytesAreReported_data()
     QTest::newRow("start frame to the application")
         << false << startFrame("app.bin", "3")
         << QStringLiteral("133 unexpected bytes from 0x01 on");
-    QTest::newRow("byte behind a version query")
+    QTest::newRow("byte after a version query")
         << false << goodVersionQuery() + "x" << one.arg(QStringLiteral("78"));
     QTest::newRow("text to the boot loader")
         << true << QByteArray("hello") << QStringLiteral("5 unexpected bytes from 0x68 on");
@@ -328,14 +282,12 @@ void TestBoardSimStrict::unexpectedBytesAreReported()
 
     Options options = quickToNotice();
     options.startInBootLoader = inBootLoader;
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
+    TestBoard board(options);
 
-    QVERIFY(line.send(bytes));
-    QVERIFY(board.waitFor(hasViolation, kPatience));
+    QVERIFY(board.line.send(bytes));
+    QVERIFY(board.awaitViolations());
     QCOMPARE(board.report().violations.size(), 1);
-    QCOMPARE(firstViolation(board.report()), text);
+    QCOMPARE(board.violation(), text);
 }
 
 void TestBoardSimStrict::cutFrameIsReported_data()
@@ -362,63 +314,50 @@ void TestBoardSimStrict::cutFrameIsReported()
 
     Options options = quickToNotice();
     options.startInBootLoader = inBootLoader;
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
+    TestBoard board(options);
     if (inBootLoader)
-        QCOMPARE(line.receive(1), QByteArray("C"));
+        QCOMPARE(board.line.receive(1), QByteArray("C"));
 
-    QVERIFY(line.send(bytes));
-    QVERIFY(board.waitFor(hasViolation, kPatience));
-    QCOMPARE(firstViolation(board.report()), text);
+    QVERIFY(board.line.send(bytes));
+    QVERIFY(board.awaitViolations());
+    QCOMPARE(board.violation(), text);
     if (inBootLoader)
-        QCOMPARE(line.receive(1), kNak);
+        QCOMPARE(board.line.receive(1), kNakReply);
 }
 
 void TestBoardSimStrict::frameThatIsCutAtTheEndIsReported()
 {
     Options options;
     options.frameGap = Milliseconds(60000);
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
+    TestBoard board(options);
 
     // The answer shows that what is in front of the cut frame has been read, and with it that.
-    QVERIFY(line.send(goodVersionQuery() + goodVersionQuery().left(7)));
-    QCOMPARE(line.receive(36).size(), 36);
+    QVERIFY(board.line.send(goodVersionQuery() + goodVersionQuery().left(7)));
+    QCOMPARE(board.line.receive(36).size(), 36);
     board.stop();
-    QCOMPARE(firstViolation(board.report()), QStringLiteral("frame broke off after 7 of 30 bytes"));
+    QCOMPARE(board.violation(), QStringLiteral("frame broke off after 7 of 30 bytes"));
 }
 
 void TestBoardSimStrict::badFurtherEndFrameIsReported()
 {
-    Options options;
-    options.startInBootLoader = true;
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
+    TestBoard board(inBootLoader());
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
     for (const QByteArray &frame : wholeTransfer("abc"))
-        QVERIFY(!line.exchange(frame, 1).isEmpty());
+        QVERIFY(!board.line.exchange(frame, 1).isEmpty());
 
-    QVERIFY(line.send(shortBlock(0, "app.bin")));
-    QVERIFY(board.waitFor(hasViolation, kPatience));
-    QCOMPARE(firstViolation(board.report()),
-             QStringLiteral("payload of the end frame is not all zeros"));
+    QVERIFY(board.line.send(shortBlock(0, "app.bin")));
+    QVERIFY(board.awaitViolations());
+    QCOMPARE(board.violation(), QStringLiteral("payload of the end frame is not all zeros"));
 }
 
 void TestBoardSimStrict::commandAmongTheDataIsReported()
 {
-    Options options = quickToNotice();
-    options.startInBootLoader = true;
-    BoardSimulator board(options);
-    QVERIFY(board.start());
-    AssistantLine line(board.slaveName());
-    QCOMPARE(line.receive(1), QByteArray("C"));
-    QCOMPARE(line.exchange(startFrame("app.bin", "3"), 2).size(), 2);
+    TestBoard board(inBootLoader(quickToNotice()));
+    QCOMPARE(board.line.receive(1), QByteArray("C"));
+    QCOMPARE(board.line.exchange(startFrame("app.bin", "3"), 2).size(), 2);
 
-    QVERIFY(line.send(goodVersionQuery()));
-    QVERIFY(board.waitFor(hasViolation, kPatience));
+    QVERIFY(board.line.send(goodVersionQuery()));
+    QVERIFY(board.awaitViolations());
     QCOMPARE(board.report().versionQueries, 0);
 }
 

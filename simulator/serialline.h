@@ -1,5 +1,5 @@
-#ifndef BOARDSIM_LINE_H
-#define BOARDSIM_LINE_H
+#ifndef BOARDSIM_SERIALLINE_H
+#define BOARDSIM_SERIALLINE_H
 
 #include "clock.h"
 
@@ -11,43 +11,43 @@
 
 namespace boardsim {
 
-/// Bytes that leave the board in one write.
-struct Write {
+/// Bytes that leave the board in one piece.
+struct Chunk {
     QByteArray bytes;
-    Milliseconds delay{0}; // after the write before it, or after now when nothing waits
+    Milliseconds delay{0}; ///< after the chunk before it, or after now when nothing waits
     QString meaning;
     bool hangUpAfter = false;
 };
 
-/// The two directions of the line, each as slow as the real one: a byte takes ten bit times. It
-/// does not own the descriptor and never blocks; its owner calls it when there is something to
+/// The two directions of the serial line, each as slow as the real one: a byte takes ten bit times.
+/// It does not own the descriptor and never blocks; its owner calls it when there is something to
 /// read and when deadline() has come.
-class Line {
+class SerialLine {
 public:
     /// `baud` 0: as fast as the machine.
-    explicit Line(int baud);
+    explicit SerialLine(int baud);
 
     void setDescriptor(int descriptor) { m_descriptor = descriptor; }
 
-    /// Reads what the other side has written. False when the line is dead.
+    /// Reads what the other side has sent. False when the line is closed or has failed.
     [[nodiscard]] bool read(TimePoint now);
 
     /// Of the bytes read, those that have arrived by `now`.
     QByteArray takeArrived(TimePoint now);
 
-    /// Queues a write; writes keep their order. Returns when its last byte will be out.
-    TimePoint queue(const Write &write, TimePoint now);
+    /// Queues a chunk; chunks keep their order. Returns when its last byte will be out.
+    TimePoint queue(const Chunk &chunk, TimePoint now);
 
-    /// Sends what is due. Returns the writes that went out whole. What finds the line full is lost,
-    /// as on a line where nobody listens.
-    QVector<Write> sendDue(TimePoint now);
+    /// Sends what is due. Returns the chunks that went out whole. What finds the line full is lost,
+    /// as on a line where nobody reads.
+    QVector<Chunk> sendDue(TimePoint now);
 
     /// When there will next be something to take or to send.
     std::optional<TimePoint> deadline() const;
 
 private:
     struct Outgoing {
-        Write write;
+        Chunk chunk;
         TimePoint start; // of its first bit
         int sent = 0;
     };
@@ -70,4 +70,4 @@ private:
 
 } // namespace boardsim
 
-#endif // BOARDSIM_LINE_H
+#endif // BOARDSIM_SERIALLINE_H

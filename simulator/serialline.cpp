@@ -1,9 +1,8 @@
-#include "line.h"
+#include "serialline.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-
 #include <unistd.h>
 
 namespace boardsim {
@@ -14,13 +13,13 @@ constexpr int kBitsPerByte = 10; // start bit, 8 data bits, stop bit
 
 } // namespace
 
-Line::Line(int baud)
+SerialLine::SerialLine(int baud)
 {
     if (baud > 0)
         m_byteTime = std::chrono::nanoseconds(std::chrono::seconds(kBitsPerByte)) / baud;
 }
 
-bool Line::read(TimePoint now)
+bool SerialLine::read(TimePoint now)
 {
     std::array<char, 4096> buffer{};
     for (;;) {
@@ -38,7 +37,7 @@ bool Line::read(TimePoint now)
     }
 }
 
-QByteArray Line::takeArrived(TimePoint now)
+QByteArray SerialLine::takeArrived(TimePoint now)
 {
     QByteArray arrived;
     while (!m_incoming.empty()) {
@@ -53,30 +52,30 @@ QByteArray Line::takeArrived(TimePoint now)
     return arrived;
 }
 
-TimePoint Line::queue(const Write &write, TimePoint now)
+TimePoint SerialLine::queue(const Chunk &chunk, TimePoint now)
 {
-    const TimePoint start = std::max(now, m_outgoingFree) + write.delay;
-    m_outgoing.push_back({write, start});
-    m_outgoingFree = start + durationOf(write.bytes.size());
+    const TimePoint start = std::max(now, m_outgoingFree) + chunk.delay;
+    m_outgoing.push_back({chunk, start});
+    m_outgoingFree = start + durationOf(chunk.bytes.size());
     return m_outgoingFree;
 }
 
-QVector<Write> Line::sendDue(TimePoint now)
+QVector<Chunk> SerialLine::sendDue(TimePoint now)
 {
-    QVector<Write> done;
+    QVector<Chunk> done;
     while (!m_outgoing.empty()) {
         Outgoing &first = m_outgoing.front();
-        const int count = bytesBy(now, first.start, first.write.bytes.size());
+        const int count = bytesBy(now, first.start, first.chunk.bytes.size());
         if (count > first.sent) {
             const auto size = static_cast<size_t>(count - first.sent);
             // Deliberate: a full line drops the bytes, nobody has read them for a long time.
             static_cast<void>(
-                !::write(m_descriptor, first.write.bytes.constData() + first.sent, size));
+                !::write(m_descriptor, first.chunk.bytes.constData() + first.sent, size));
             first.sent = count;
         }
-        if (now < first.start || first.sent < first.write.bytes.size())
+        if (now < first.start || first.sent < first.chunk.bytes.size())
             break;
-        done.append(first.write);
+        done.append(first.chunk);
         m_outgoing.pop_front();
         // What was to follow would reach the other side or not, as the threads run.
         if (done.last().hangUpAfter)
@@ -85,7 +84,7 @@ QVector<Write> Line::sendDue(TimePoint now)
     return done;
 }
 
-std::optional<TimePoint> Line::deadline() const
+std::optional<TimePoint> SerialLine::deadline() const
 {
     std::optional<TimePoint> next;
     if (!m_incoming.empty())
@@ -95,7 +94,7 @@ std::optional<TimePoint> Line::deadline() const
     return next;
 }
 
-int Line::bytesBy(TimePoint now, TimePoint start, int size) const
+int SerialLine::bytesBy(TimePoint now, TimePoint start, int size) const
 {
     if (now < start)
         return 0;

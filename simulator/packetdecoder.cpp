@@ -1,6 +1,4 @@
-#include "packethandler.h"
-
-#include "hextext.h"
+#include "packetdecoder.h"
 
 #include <QVector>
 #include <QtEndian>
@@ -18,9 +16,9 @@ constexpr int kFieldSize = 4; // of code, number and the one parameter there is
 
 struct PacketRule {
     Step step;
-    quint32 code;
-    quint32 number;
-    quint32 param;
+    std::uint32_t code;
+    std::uint32_t number;
+    std::uint32_t param;
     const char *name;
 };
 
@@ -35,16 +33,16 @@ const QVector<PacketRule> &sequence()
     return rules;
 }
 
-QByteArray littleEndian(quint32 value)
+QByteArray littleEndian(std::uint32_t value)
 {
     QByteArray bytes(kFieldSize, '\0');
     qToLittleEndian(value, bytes.data());
     return bytes;
 }
 
-quint32 fieldAt(const QByteArray &packet, int offset)
+std::uint32_t fieldAt(const QByteArray &packet, int offset)
 {
-    return qFromLittleEndian<quint32>(packet.constData() + offset);
+    return qFromLittleEndian<std::uint32_t>(packet.constData() + offset);
 }
 
 /// Index in the sequence of the packet that begins with `start`, up to its whole code; -1: none.
@@ -63,75 +61,66 @@ QString name(int index)
     return QString::fromLatin1(sequence().at(index).name);
 }
 
-QStringList packetFaults(const QByteArray &packet, const PacketRule &rule)
+QStringList mismatches(const QByteArray &packet, const PacketRule &rule)
 {
-    QStringList faults;
-    const quint32 number = fieldAt(packet, kNumberOffset);
+    QStringList texts;
+    const std::uint32_t number = fieldAt(packet, kNumberOffset);
     if (number != rule.number)
-        faults << QStringLiteral("packet number is %1, not %2").arg(number).arg(rule.number);
-    const quint32 param = fieldAt(packet, kParamOffset);
+        texts << QStringLiteral("packet number is %1, not %2").arg(number).arg(rule.number);
+    const std::uint32_t param = fieldAt(packet, kParamOffset);
     if (param != rule.param)
-        faults << QStringLiteral("parameter is %1, not %2").arg(param).arg(rule.param);
+        texts << QStringLiteral("parameter is %1, not %2").arg(param).arg(rule.param);
     for (int i = kParamOffset + kFieldSize; i < kPacketSize; ++i) {
         if (packet.at(i) != '\0')
-            faults << QStringLiteral("zero byte %1 is 0x%2, not 0x00")
-                          .arg(i)
-                          .arg(hexByte(static_cast<quint8>(packet.at(i))));
+            texts << QStringLiteral("zero byte %1 is 0x%2, not 0x00")
+                         .arg(i)
+                         .arg(hexByte(byteAt(packet, i)));
     }
-    return faults;
+    return texts;
 }
 
 } // namespace
 
-PacketHandler::PacketHandler(quint32 deviceId, Report &report)
-    : m_deviceId(deviceId)
-    , m_report(report)
+PacketDecoder::PacketDecoder(Report &report)
+    : m_report(report)
 {
 }
 
-std::optional<Claim> PacketHandler::claim(const QByteArray &start) const
+std::optional<FrameMatch> PacketDecoder::match(const QByteArray &start) const
 {
     const int index = indexOf(start);
     if (index < 0)
         return std::nullopt;
     const int length = start.size() < kFieldSize ? 0 : kPacketSize;
-    return Claim{length, Place{sequence().at(index).step}};
+    return FrameMatch{length, Place{sequence().at(index).step}};
 }
 
-Verdict PacketHandler::receive(const QByteArray &frame)
+DecodedFrame PacketDecoder::decode(const QByteArray &frame)
 {
     const int index = indexOf(frame);
     const PacketRule &rule = sequence().at(index);
     const bool isConnect = rule.step == Step::Connect;
 
-    Verdict verdict;
-    verdict.meaning = name(index);
-    verdict.violations = packetFaults(frame, rule);
+    QStringList violations = mismatches(frame, rule);
     if (!isConnect && index != m_next)
-        verdict.violations
-            << QStringLiteral("%1 where the %2 should come").arg(name(index), name(m_next));
-    if (!verdict.violations.isEmpty()) {
-        verdict.meaning.prepend(QStringLiteral("bad "));
-        return verdict;
-    }
+        violations << QStringLiteral("%1 where the %2 should come").arg(name(index), name(m_next));
+    if (!violations.isEmpty())
+        return {QStringLiteral("bad ") + name(index), violations};
 
     if (isConnect)
         ++m_report.connects;
     if (rule.step == Step::Config)
         ++m_report.configReads;
     m_next = (index + 1) % sequence().size();
-    verdict.opensExchange = isConnect;
-    verdict.answer = Answer{Answer::Kind::Packet, answerTo(frame, rule.step),
-                            verdict.meaning + QStringLiteral(" answer")};
-    return verdict;
+    return {name(index), {}, DecodedFrame::Outcome::Accepted};
 }
 
-QByteArray PacketHandler::answerTo(const QByteArray &packet, Step step) const
+QByteArray packetReply(const QByteArray &packet, Step step, std::uint32_t deviceId)
 {
-    QByteArray answer = packet.left(kParamOffset);
+    QByteArray reply = packet.left(kParamOffset);
     if (step == Step::DeviceId)
-        answer += littleEndian(m_deviceId);
-    return answer.leftJustified(kPacketSize, '\0');
+        reply += littleEndian(deviceId);
+    return reply.leftJustified(kPacketSize, '\0');
 }
 
 } // namespace boardsim
