@@ -3,7 +3,6 @@
 #include <QFile>
 
 #include <array>
-
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>

@@ -4,11 +4,10 @@
 #include "handmadeexchanges.h"
 #include "handmadeframes.h"
 
-#include <QtTest>
-
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QtTest>
 
 #include <csignal>
 #include <memory>
