@@ -1,10 +1,10 @@
-"""Runs one fact: run_fact.py SCRIPT FACT [PROGRAM]
+"""Runs one fact, a function that raises when it does not hold.
 
-A fact is a function of SCRIPT, and raises when it does not hold. With the update assistant of a build
-tree it runs on the machine that sandbox/run makes, and gets a Machine; without, a folder of its own.
-The exit status is 0 or 1, or 77 when the fact is skipped.
+With the program of a build tree it runs on the machine that sandbox/run makes, and gets a Machine;
+without, a folder of its own. The exit status is 0 or 1, or 77 when the fact is skipped.
 """
 
+import argparse
 import importlib
 import pathlib
 import sys
@@ -27,15 +27,24 @@ def run_on_machine(fact, program):
             raise
 
 
-def main(script, fact, program=None):
-    sys.path.insert(0, str(pathlib.Path(script).parent))
-    function = getattr(importlib.import_module(pathlib.Path(script).stem), fact)
+def parse_arguments():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("script", type=pathlib.Path)
+    parser.add_argument("fact", help="name of the function in the script")
+    parser.add_argument("program", type=pathlib.Path, nargs="?", help="update-assistant in a build tree")
+    return parser.parse_args()
+
+
+def main():
+    arguments = parse_arguments()
+    sys.path.insert(0, str(arguments.script.parent))
+    fact = getattr(importlib.import_module(arguments.script.stem), arguments.fact)
     try:
-        if program:
-            run_on_machine(function, pathlib.Path(program))
+        if arguments.program:
+            run_on_machine(fact, arguments.program)
         else:
             with tempfile.TemporaryDirectory(prefix="fact.", dir="/tmp") as folder:
-                function(pathlib.Path(folder))
+                fact(pathlib.Path(folder))
     except unittest.SkipTest as reason:
         print(f"skipped: {reason}")
         return 77
@@ -46,6 +55,4 @@ def main(script, fact, program=None):
 
 
 if __name__ == "__main__":
-    if sys.argv[1:] == ["--help"] or len(sys.argv) not in (3, 4):
-        sys.exit(__doc__)
-    sys.exit(main(*sys.argv[1:]))
+    sys.exit(main())

@@ -7,7 +7,7 @@ import signal
 from facts import same, start_and_await_screen
 from machine.paths import CALLS, PID_FILE
 from machine.pictures import GREEN, WHITE, WHOLE, has_colour, signature
-from machine.watch import text_of
+from machine.watch import WAIT_S, text_of
 
 
 def firstStartRecordsItsPid(machine):
@@ -20,7 +20,7 @@ def secondStartEndsTheFirst(machine):
     first = start_and_await_screen(machine)
     second = start_and_await_screen(machine)
     assert machine.console.printed("enter kill")
-    same(-signal.SIGKILL, first.wait())
+    same(-signal.SIGKILL, first.wait(WAIT_S))
     assert machine.program.is_running
     same(str(second.pid), text_of(PID_FILE))
 
@@ -48,7 +48,7 @@ def folderInPlaceOfThePidFileIsLeftAlone(machine):
 
 def garbageInThePidFileEndsTheOwnGroup(machine):
     PID_FILE.write_text("nobody\n", encoding="ascii")
-    same(-signal.SIGKILL, machine.program.start().wait())
+    same(-signal.SIGKILL, machine.program.start().wait(WAIT_S))
     assert machine.console.printed("enter kill")
 
 

@@ -8,7 +8,7 @@ import signal
 from facts import FORCE, await_update_screen, install_calls, opkg, output, same, start_and_await_screen
 from machine.paths import PID_FILE, PROGRAM_LOG, PROJECT, ROOT, STAGED, STICK
 from machine.processes import EMULATOR
-from machine.watch import is_running, same_content, text_of
+from machine.watch import WAIT_S, is_running, same_content, text_of
 
 BASE = "good/10-machine-base_1.2.0.ipk"
 VERSION = re.search(r"^ *VERSION ([0-9.]*)$", text_of(PROJECT / "CMakeLists.txt"), re.MULTILINE)[1]
@@ -170,7 +170,7 @@ def startScriptStartsTheInstalledProgram(machine):
 def missingDisplayIsSaid(machine):
     def ends_by_abort(message, **variables):
         machine.environment.update(variables)
-        same(-signal.SIGABRT, machine.program.start().wait())
+        same(-signal.SIGABRT, machine.program.start().wait(WAIT_S))
         assert machine.console.printed(message)
         assert message in text_of(PROJECT / "docs/porting.md")
 
@@ -199,7 +199,7 @@ def programUpdatesItselfFromTheStick(machine):
 
     second = start_and_await_screen(machine)
     assert machine.console.printed("enter kill")
-    same(-signal.SIGKILL, first.wait())
+    same(-signal.SIGKILL, first.wait(WAIT_S))
     assert runs_from_the_package(second.pid)
     same(str(second.pid), text_of(PID_FILE))
 
