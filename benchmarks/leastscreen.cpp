@@ -2,8 +2,8 @@
 #include <QQmlApplicationEngine>
 #include <QUrl>
 
-// The least that a program with a screen of the update screen's kind can be: its start and its
-// memory are what those of the update screen are compared with.
+// The smallest program with a screen like the update screen. Its start time and its memory are the
+// reference for those of the update screen.
 int main(int argc, char **argv)
 {
     QCoreApplication::setAttribute(Qt::AA_EnableHighDpiScaling, true);

@@ -27,10 +27,10 @@ enum class AtEnd {
 
 constexpr int kFinalAcks = 12;
 
-/// Puts the line back to its start. The script must live until the next call.
+/// Resets the serial line to the start of `script`, which must live until the next call.
 void beginLine(const std::uint8_t *script, std::size_t size, AtEnd atEnd);
 
-/// What SerialPort::Open is to be given for the line; the product's own device path too.
+/// The port name of the line for SerialPort::Open; the product's own device path works too.
 constexpr char kLineName[] = "/dev/ttymxc1";
 
 /// All bytes that the product has read.
