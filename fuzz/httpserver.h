@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-/// Sends raw bytes as the answer to every request on a loopback port, in a thread of its own.
+/// Sends raw bytes as the reply to every request on a loopback port, in a thread of its own.
 class HttpServer {
 public:
     HttpServer();

@@ -41,7 +41,7 @@ constexpr Command kReadConfig  {"device ack error:CMD_READ_CONFIG",  0xA2, 5, 0}
 
 constexpr int kConnectAttempts = 11;
 constexpr long kRetryPauseNs = 100000000; // 100 ms
-constexpr int kReportedLine = 734;        // a fixed label in the retry line
+constexpr int kReportedLine = 734;        // a fixed number in the output line
 
 Packet packetFor(const Command &command)
 {

@@ -19,7 +19,7 @@ constexpr int kAnswerMax = 100; // a longer reply cannot be received whole
 constexpr int kBlockSize = 64;
 constexpr int kBlockCapacity = 128;              // of the caller's buffer
 constexpr unsigned long kBlockClockTicks = 1000; // processor time, not milliseconds
-constexpr int kTimeOutLabel = 232;               // a fixed number in the time-out line
+constexpr int kTimeOutLabel = 232;               // a fixed number in the output line
 
 constexpr unsigned kVersionParams = 50; // parameter bytes that are searched for the version
 

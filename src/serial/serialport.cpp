@@ -157,7 +157,7 @@ int SerialPort::Read(void *buffer, int length)
             continue;
         const auto wanted = static_cast<std::size_t>(std::max(length - total, 0));
         const ssize_t count = read(m_fd, bytes + total, wanted);
-        // After a hang-up the line is always readable without a byte: the passes run out.
+        // After a hang-up the port is always readable without a byte: the passes run out.
         if (count > 0) {
             if (total == 0)
                 idle = 0;
