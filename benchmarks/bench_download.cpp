@@ -5,7 +5,7 @@
 
 #include <cstdio>
 
-// bench_download URL FILE: fetches with the bridge, as a program of its own, and prints its peak
+// bench_download URL FILE: downloads with the bridge in a process of its own, and prints its peak
 // memory in kilobytes.
 int main(int argc, char **argv)
 {

@@ -5,9 +5,9 @@
 #include <poll.h>
 #include <unistd.h>
 
-// Carries a YModem transfer between two lines: the sender's is descriptor 0, the receiver's 1.
-// Writes to descriptor 2 how many nanoseconds it took: from the start frame to the end of the data,
-// which answers the acknowledgement of the last block. Ends when a line hangs up.
+// Relays a YModem transfer between two serial lines: the sender is at descriptor 0, the receiver
+// at 1. Writes the duration in nanoseconds to descriptor 2, from the start frame to EOT, which
+// follows the ACK of the last block. Ends when one of the lines hangs up.
 
 namespace {
 

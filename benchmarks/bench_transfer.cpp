@@ -1,6 +1,7 @@
 #include "fileio.h"
 
-// Sends the firmware, which is in its place, to the board on the line; the status says how it went.
+// Runs updateMcu() once: sends the firmware at its fixed path over the serial line. The exit status
+// is 0 on success.
 int main()
 {
     return FileIO().updateMcu() == 0 ? 0 : 1;

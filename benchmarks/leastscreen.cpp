@@ -2,8 +2,8 @@
 #include <QQmlApplicationEngine>
 #include <QUrl>
 
-// The least that a program with a screen of the update screen's kind can be: its memory is what
-// that of the update screen is compared with.
+// The smallest program with a screen like the update screen. Its memory is the reference for that of
+// the update screen.
 int main(int argc, char **argv)
 {
     QCoreApplication::setAttribute(Qt::AA_EnableHighDpiScaling, true);

@@ -4,8 +4,8 @@
 #include <QByteArray>
 #include <QFile>
 
-/// Peak resident memory of this process in kilobytes, 0 when the system does not tell. What wait4()
-/// tells of a process has the memory of the one that started it in it.
+/// Peak resident memory of this process in kilobytes, 0 when the system does not report it. Not
+/// taken from wait4(), whose figure includes the memory of the process that started this one.
 inline int peakMemoryKb()
 {
     QFile status(QStringLiteral("/proc/self/status"));

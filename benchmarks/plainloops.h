@@ -3,8 +3,7 @@
 
 #include <cstdint>
 
-// What the program's functions are compared with. Compiled as they stand: not vectorised nor
-// unrolled.
+// References for functions of the program. Compiled without vectorising and loop unrolling.
 
 /// The sum of a frame, a byte at a time.
 std::uint8_t plainSum(const std::uint8_t *frame, unsigned length);

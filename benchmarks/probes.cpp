@@ -14,11 +14,11 @@
 #include <unistd.h>
 #include <utility>
 
-// Looks into a program that knows nothing of it: QT_QPA_GENERIC_PLUGINS=KEY:FILE loads it.
+// A plugin that observes an unmodified program: QT_QPA_GENERIC_PLUGINS=KEY:FILE loads it.
 
 namespace {
 
-/// Nanoseconds of the clock's own beginning.
+/// Nanoseconds since the epoch of the clock.
 template <typename Clock>
 long long nanoseconds(std::chrono::time_point<Clock> time)
 {
@@ -35,8 +35,8 @@ FILE *openReport(const QString &path)
     return report;
 }
 
-/// Writes when, by the monotonic clock, the first frame was shown, and the peak memory of a process
-/// that has settled behind it, and ends the program.
+/// Writes the time of the first frame (monotonic clock), and the peak memory once the process has
+/// become idle after that frame. Then ends the program.
 class FirstFrame : public QObject {
     using Clock = std::chrono::steady_clock;
 
@@ -79,8 +79,8 @@ private:
     bool m_shown = false;
 };
 
-/// Asks the GUI thread for a sign of life every millisecond. Writes, a line each, from when until
-/// when, by the clock of `date`, it gave none for longer than two.
+/// Posts an event to the GUI thread every millisecond. Writes one output line for each stall of
+/// more than two milliseconds: its start and its end, by the clock of `date`.
 class Stalls : public QObject {
     using Clock = std::chrono::system_clock;
 

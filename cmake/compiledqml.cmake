@@ -1,7 +1,8 @@
 # assistant_compile_qml(SOURCES COLLECTION NAMES...)
 #
-# Sets SOURCES to C++ files with the compiled form of each NAME.qml beside COLLECTION, the .qrc file
-# that has it under the root. They only hold the bytes: see src/ui/compiledscreens.cpp.
+# Sets SOURCES to C++ files with the compiled form of each NAME.qml. The QML files are in the folder
+# of COLLECTION, a .qrc file that places them at the resource root. The C++ files only hold the
+# bytes; src/ui/compiledscreens.cpp gives them to the QML engine.
 function(assistant_compile_qml sources collection)
     get_target_property(rcc Qt5::rcc IMPORTED_LOCATION)
     get_filename_component(tools ${rcc} DIRECTORY)

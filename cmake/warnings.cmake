@@ -1,5 +1,5 @@
-# What every target of this project is compiled with; nothing here reaches a
-# project that links assistant_core.
+# Compile options of every target of this project. They do not apply to a project
+# that links assistant_core.
 function(assistant_compile_options target)
     set_target_properties(${target} PROPERTIES
         CXX_STANDARD 17 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF)
@@ -13,7 +13,7 @@ function(assistant_compile_options target)
             -Wheader-hygiene -Wloop-analysis -Wmissing-variable-declarations -Wnewline-eof
             -Wshadow-all -Wsuggest-override -Wthread-safety -Wundef -Wunreachable-code-aggressive
             -Wzero-as-null-pointer-constant
-            # QSKIP() calls a variadic macro with nothing behind its last named argument.
+            # QSKIP() calls a variadic macro with nothing after its last named argument.
             -Wno-gnu-zero-variadic-macro-arguments)
     endif()
     if(UPDATE_ASSISTANT_WERROR)
@@ -22,7 +22,7 @@ function(assistant_compile_options target)
     target_compile_definitions(${target} PRIVATE
         QT_NO_CAST_FROM_ASCII QT_NO_CAST_TO_ASCII QT_NO_URL_CAST_FROM_STRING
         QT_NO_FOREACH _FILE_OFFSET_BITS=64
-        QT_NO_VERSION_TAGGING) # else a program for x86 asks for the very Qt that it is built with
+        QT_NO_VERSION_TAGGING) # else a program for x86 requires the Qt version of its build
     if(UPDATE_ASSISTANT_SANITIZE)
         set(sanitizers -fsanitize=address,undefined -fno-sanitize-recover=all
             -fno-omit-frame-pointer)
@@ -30,8 +30,8 @@ function(assistant_compile_options target)
         target_link_options(${target} PRIVATE ${sanitizers})
     endif()
     if(UPDATE_ASSISTANT_COVERAGE)
-        # The counters live in a mapped file, since the program and many tests end by a signal.
-        # Everything is counted, so that each program has a file that fits it.
+        # The counters are in a mapped file, since a signal ends the program and many tests. Every
+        # target is counted, so that the counters of each program match its file.
         target_compile_options(${target} PRIVATE -fprofile-instr-generate -fcoverage-mapping
             "SHELL:-mllvm -runtime-counter-relocation")
         target_link_options(${target} PUBLIC -fprofile-instr-generate)

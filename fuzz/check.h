@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-/// What must hold after an input; the fuzzer takes the abort for a find.
+/// Aborts when the condition is false; the fuzzer reports the abort as an error.
 #define CHECK(condition)                                                                           \
     do {                                                                                           \
         if (!(condition)) {                                                                        \

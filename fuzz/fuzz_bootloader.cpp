@@ -4,7 +4,7 @@
 #include "quiet.h"
 #include "serialport.h"
 
-// Answers to the boot-loader commands. The input is the line's script.
+// Replies to the boot-loader commands. The input is the serial line's script (line.h).
 
 int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/)
 {

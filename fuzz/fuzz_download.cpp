@@ -9,9 +9,14 @@
 #include <QFile>
 #include <QTemporaryDir>
 
-// Answers to the downloader: byte 0, bits 0 to 1, cuts the rest into pieces; bit 2 follows
-// redirects, a few; bit 3 starts by `running`; bit 4 starts again when the first transfer ends;
-// bit 5 stops after the first news; bit 6 destroys the object in the middle.
+// HTTP replies to the downloader. Bits of byte 0:
+//
+//   0 to 1   into how many pieces the rest is cut
+//   2        follow redirects (a few)
+//   3        start by setting `running`
+//   4        start again when the first transfer ends
+//   5        stop at the first progress signal
+//   6        destroy the object during the transfer
 
 namespace {
 

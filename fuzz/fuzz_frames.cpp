@@ -6,7 +6,7 @@
 #include <cstring>
 #include <vector>
 
-// Frames, one after the other, against a plain model of what the records hold.
+// Frames, one after the other. The records are compared with a simple model.
 //
 //   byte 0        bit 0: record and analysis of V4; bit 1: descriptor of V4; bit 2: checksum first
 //   byte 1        n, up to the longest frame
@@ -103,7 +103,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
         data += 2 + count;
         size -= 2 + count;
 
-        // A checksum is only asked for where the buffer holds the whole frame.
+        // setCrc() is called only when the buffer holds the whole frame.
         if (crcFirst && frame[1] <= frame.size()) {
             const bool sound = framed(frame, protocol);
             Frame expected = frame;
@@ -121,7 +121,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
         compare(io.frameRecordV3(), v3);
         compare(io.frameRecordV4(), v4);
 
-        // The getters, with either descriptor, into buffers of just the size they may fill.
+        // The getters, with either descriptor, into buffers of exactly the size that they may fill.
         for (const Protocol &descriptor : {io.protocolV3(), io.protocolV4()}) {
             Frame params(v3.params.size());
             CHECK(io.getParamV3(params.data(), descriptor) == paramCount(v3, descriptor));

@@ -9,10 +9,11 @@
 #include <string>
 #include <vector>
 
-// Answers to the handshakes.
+// Replies to the handshakes.
 //
-//   byte 0   0F and below: V3, else V4; bit 0: the rest is a frame to be made sound, not a script
-//   rest     the line's script (line.h), or the frame
+//   byte 0   0F and below: V3, else V4; bit 0: the rest is a frame, not a script
+//   rest     the serial line's script (line.h), or the frame, whose head, length, foot and checksum
+//            are made correct
 
 namespace {
 

@@ -8,8 +8,9 @@
 #include <QElapsedTimer>
 #include <QTime>
 
-// Answers to the blocking requests: byte 0, bits 0 to 1, cuts the rest into pieces; bit 2 posts;
-// bit 3 asks twice. The wait's clock runs 100 times as fast as the wall's.
+// HTTP replies to the blocking requests. Byte 0: bits 0 to 1 say into how many pieces the rest is
+// cut, bit 2 sends a POST, bit 3 sends two requests. The clock of the wait runs 100 times as fast
+// as the real one.
 
 namespace {
 
@@ -20,7 +21,7 @@ HttpServer *server = nullptr;
 
 } // namespace
 
-/// What QTime::currentTime() is linked to.
+/// Replaces QTime::currentTime().
 QTime fastTime() __asm__("__wrap__ZN5QTime11currentTimeEv");
 QTime fastTime()
 {
@@ -42,7 +43,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     if (size < 1)
         return 0;
     realTime.start();
-    // One for each input: its connections go with it.
+    // A new one for each input, so that no connection is left over.
     LoopbackManager manager(server->port());
     QuickDownloadMaster::instance()->setNetworkAccessManager(&manager);
     server->answer(piecesOfAnswer(data, size), 2);

@@ -8,7 +8,8 @@
 #include <sys/utsname.h>
 #include <vector>
 
-// The kernel's build stamp: byte 0 even, as uname() tells it; odd, handed over as it stands.
+// The kernel's build stamp. Byte 0 even: uname() returns the rest; odd: the rest is passed
+// directly.
 
 namespace {
 

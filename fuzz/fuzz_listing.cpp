@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-// What a listing command prints, and the pattern it is made from.
+// The output of the `ls` command, and the pattern that it is called with.
 //
 //   up to the first zero byte   the pattern
 //   rest                        what the command prints
@@ -17,7 +17,7 @@ namespace {
 std::string printed;
 std::string command;
 
-/// The pieces that reads of up to `pieceSize` - 1 characters make of a text, by a plain model.
+/// A simple model: the pieces of a text when up to `pieceSize` - 1 characters are read at a time.
 QStringList piecesOf(const std::string &text, std::size_t pieceSize)
 {
     QStringList pieces;

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <vector>
 
-// Blocks, collected into a buffer of exactly the documented size. The input is the line's script.
+// RcvData() with a buffer of exactly the documented size. The input is the serial line's script.
 
 int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/)
 {
@@ -23,7 +23,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     std::vector<std::uint8_t> buffer(128);
     const int total = io.RcvData(buffer.data());
     const std::vector<std::uint8_t> &taken = takenFromLine();
-    // All that came, as far as it fits, unless an error was counted.
+    // All received bytes that fit, unless an error was added to the total.
     if (total >= 0 && static_cast<std::size_t>(total) == taken.size()) {
         const std::size_t kept = std::min(taken.size(), buffer.size());
         CHECK(std::equal(buffer.data(), buffer.data() + kept, taken.data()));

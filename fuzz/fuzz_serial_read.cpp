@@ -11,7 +11,7 @@
 //
 //   byte 0   even: Read, odd: read_uart_port
 //   byte 1   length, at least 4
-//   rest     the line's script
+//   rest     the serial line's script (line.h)
 
 int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/)
 {

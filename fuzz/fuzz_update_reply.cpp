@@ -5,7 +5,7 @@
 
 #include <vector>
 
-// Replies to the command that starts an update. The input is the line's script.
+// Replies to the command that starts an update. The input is the serial line's script (line.h).
 
 namespace {
 

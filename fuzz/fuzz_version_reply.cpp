@@ -3,8 +3,8 @@
 #include "line.h"
 #include "quiet.h"
 
-// Replies to the version query. The input is the line's script. The query waits for ever for a
-// silent board, so the line fails in the end.
+// Replies to the version query. The input is the serial line's script. The query waits for a silent
+// board without a time-out, so after the script every wait fails.
 
 int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/)
 {

@@ -11,9 +11,9 @@
 #include <unistd.h>
 #include <vector>
 
-// Control bytes of the boot loader during a transfer. The input is the line's script; in the end
-// the board takes the rest of the image, so that whatever came before, all of it must have been
-// sent, in order. Needs the fixed directory of the simulated machine (sandbox/run).
+// Control bytes of the boot loader during a transfer. The input is the serial line's script. After
+// the script the board acknowledges every frame, so the whole image must have been sent in order,
+// whatever came before. Needs the fixed directory of the simulated machine (sandbox/run).
 
 namespace {
 
@@ -55,15 +55,15 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     const int image = dup(STDIN_FILENO);
     close(image);
     const int result = io.updateMcu();
-    // A transfer that ended early has not closed its image, and never will.
+    // A transfer that ended early leaves its image file open.
     close(image);
     const std::vector<std::uint8_t> &taken = takenFromLine();
     CHECK(result == (taken.empty() ? -1 : 0) || lineFailed());
     std::vector<std::uint8_t> sent = writtenToLine();
-    // Ten failures in a row end a transfer early, with whatever was sent.
+    // Ten failed reads in a row end a transfer early.
     if (lineFailed())
         return 0;
-    // So do ten silent seconds.
+    // So do ten seconds of silence.
     for (int block = 0; block < 4 && !sent.empty(); ++block)
         takeFrame(sent, block == 0 ? 0x01 : 0x02, block, block == 0 ? kSmallFrame : kLargeFrame);
     if (!sent.empty())

@@ -61,7 +61,7 @@ void HttpServer::serve()
 
 void HttpServer::serveConnection(int connection)
 {
-    // Pieces go out one by one, and nothing waits for the closed connection to age.
+    // Sends each piece at once.
     const int on = 1;
     setsockopt(connection, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     std::string request;

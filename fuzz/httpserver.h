@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-/// Sends raw bytes as the answer to every request on a loopback port, in a thread of its own.
+/// Sends raw bytes as the reply to every request on a loopback port, in a thread of its own.
 class HttpServer {
 public:
     HttpServer();
@@ -19,8 +19,8 @@ public:
     HttpServer &operator=(const HttpServer &) = delete;
 
     std::uint16_t port() const { return m_port; }
-    /// The next `count` requests get these pieces, a write each; later ones get nothing. Every
-    /// connection is closed behind its answer.
+    /// The next `count` requests get these pieces, one write each; later ones get nothing. Every
+    /// connection is closed after its reply.
     void answer(std::vector<std::string> pieces, int count);
 
 private:

@@ -31,7 +31,7 @@ constexpr std::uint8_t kFailingRead = 0xF8;
 constexpr std::uint8_t kTheRest = 0xFC;
 constexpr int kWaitsPerStep = 5;
 constexpr std::uint8_t kAck = 0x06;
-constexpr clock_t kTicksPerCall = 100; // of the clock that the product looks at
+constexpr clock_t kTicksPerCall = 100; // of the clock() that the product reads
 constexpr std::size_t kMostWritten = 1U << 20;
 
 enum class Ready { Nothing, Bytes, Failure };
@@ -127,7 +127,7 @@ int lineDescriptor = -1;
 
 void beginLine(const std::uint8_t *script, std::size_t size, AtEnd atEnd)
 {
-    // One descriptor for all that is opened as the line: its number is what counts.
+    // One descriptor for every open of the serial line: only its number matters.
     if (lineDescriptor < 0)
         lineDescriptor = __real_open("/dev/null", O_RDWR | O_CLOEXEC);
     line = Line{};

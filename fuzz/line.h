@@ -11,14 +11,14 @@
 //
 // A script is the fuzzer's input:
 //
-//   byte       what the line does next
+//   byte       what the serial line does next
 //   00 .. BF   that many of the bytes that follow can be read; 00: a hang-up, readable but empty
 //   C0 .. EF   nothing comes for 5, 10, ... 240 waits
 //   F0 .. F7   one wait fails
 //   F8 .. FB   one read fails
 //   FC .. FF   all bytes that follow can be read
 
-/// What the line does for ever when the script has ended.
+/// What the serial line does after the end of the script.
 enum class AtEnd {
     Silence,
     Failure,     ///< every wait fails
@@ -27,10 +27,10 @@ enum class AtEnd {
 
 constexpr int kFinalAcks = 12;
 
-/// Puts the line back to its start. The script must live until the next call.
+/// Resets the serial line to the start of `script`, which must live until the next call.
 void beginLine(const std::uint8_t *script, std::size_t size, AtEnd atEnd);
 
-/// What SerialPort::Open is to be given for the line; the product's own device path too.
+/// The port name of the serial line for SerialPort::Open; the product's own device path works too.
 constexpr char kLineName[] = "/dev/ttymxc1";
 
 /// All bytes that the product has read.

@@ -6,6 +6,6 @@ set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 set(DEBIAN_ARCHITECTURE armhf)
 set(CMAKE_CXX_COMPILER ${CMAKE_LIBRARY_ARCHITECTURE}-g++)
 
-# Programs are started through the emulator by its name: nothing is registered with the kernel. The
-# folder has what lies at the same path for both processors: an ARM program sees its own there.
+# The emulator is named explicitly, so nothing has to be registered with the kernel. -L names a folder
+# with the ARM version of files whose path is the same for both processors.
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm-static -L /usr/lib/arm-guest)

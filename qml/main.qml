@@ -32,7 +32,7 @@ Window {
     function getPkgs() {
         ipkPkgName = [];
         ipkList = fileIO.getIpkList("/tmp/ota/*.ipk");
-        // Deliberate: never reset, nor are step and progress. A second start goes on from them.
+        // Deliberate: formOta, step and progress are never reset. A second start continues from them.
         // (tst_main::secondStartGoesOnFromTheFirst)
         if (ipkList.length > 0)
             formOta = true;
@@ -45,7 +45,7 @@ Window {
             ipkListState[i] = "wait";
             names.push(ipkList[i].substring(ipkList[i].lastIndexOf("/") + 1));
         }
-        ipkPkgName = names; // at once, so that the list is built once
+        ipkPkgName = names; // one assignment, so that the list is built once
     }
 
     function startOta() {
@@ -62,15 +62,15 @@ Window {
         }
     }
 
-    // Copies the packages off the stick, so that it may be pulled out, and installs the copies.
+    // Copies the packages from the stick, so that it may be removed, and installs the copies.
     function stageAndInstall() {
         if (!formOta) {
             fileIO.exe("mkdir /tmp/ota");
             fileIO.exe("cp /mnt/nand_disk/update_ipk/*.ipk /tmp/ota/ -rf");
         }
         ipkList = fileIO.getIpkList("/tmp/ota/*.ipk");
-        // Deliberate: unguarded. With nothing staged the command names "undefined", the package
-        // manager fails, and that shows the red texts.
+        // Deliberate: no check for an empty list. The command then names "undefined", the package
+        // manager fails, and the red texts appear.
         // (tst_main::failedCopyInstallsUndefined)
         upgradeIpk(ipkList[0], 0);
         progress.value = 0;
@@ -100,8 +100,8 @@ Window {
         upgradeIpk(ipkList[index + 1], index + 1);
     }
 
-    // Returns whether the control board is up to date. A board without a version leaves the tips
-    // as they are.
+    // Returns whether the update of the control board counts as successful. A board without a
+    // version text leaves the tips as they are.
     function upgradeCtrlUnit() {
         var version = fileIO.getMcuVersion();
         if (version === "")
@@ -110,7 +110,7 @@ Window {
         var ret;
         if (version.indexOf("V4") !== -1) {
             fileIO.exe("rm /root/*.txt");
-            // Deliberate: its result is dropped; only that of the transfer is shown.
+            // Deliberate: the result is ignored; only that of the transfer is shown.
             // (tst_main::startResultIsIgnored)
             fileIO.startMcuSoftwareUpdate();
             ret = fileIO.updateMcu();
@@ -256,20 +256,20 @@ Window {
         font.pixelSize: 14
     }
 
-    // Moves and clips the rows when there are more than the room down to the progress takes.
+    // Scrolls and clips the rows when they do not fit above the progress bar.
     Flickable {
         id: packageView
 
         readonly property int rowHeight: 14
         readonly property int pitch: rowHeight + packageList.spacing
-        // A text is higher than its row: as high as the progress' label, which is of the same size.
+        // A text is higher than its row: as high as the label, which has the same font size.
         readonly property int overhang: Math.max(0, Math.ceil(label.height) - rowHeight)
         readonly property int current: Math.min(root.step + 1, rows.count - 1)
         property bool isLate: false
 
         // Brings the row that is being installed to the middle.
         function follow() {
-            isLate = moving; // the user has the list in hand
+            isLate = moving; // the user is dragging the list
             if (isLate)
                 return;
             var middle = overhang + current * pitch - (height - rowHeight) / 2;
@@ -329,7 +329,7 @@ Window {
         }
     }
 
-    // Shows which part of the list is in view; on the left, since long names end anywhere.
+    // Shows which part of the list is visible. On the left, since long names end anywhere on the right.
     Rectangle {
         id: scrollTrack
 

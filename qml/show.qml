@@ -25,7 +25,7 @@ Item {
         font.pixelSize: 24
         text: qsTr("升级中，请稍后")
 
-        // Deliberate: no way back; any other mode keeps the texts that stand.
+        // Deliberate: no way back; any other mode leaves the texts unchanged.
         // (tst_show::successStays)
         onModeChanged: {
             if (mode !== "2")

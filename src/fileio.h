@@ -94,11 +94,12 @@ public:
 
     // Kernel build date - fileio_kernel.cpp
 
-    /// Whether the text that the last readKernelData() stored is the reference build's.
+    /// True when the text stored by the last readKernelData() is that of the reference build.
     bool isNewKernel() const;
     /// The running kernel's build date, "2021-09-16 19:25:17", or "Invalid".
     QString readKernelData();
-    /// Stores the date of a build stamp such as "Thu Sep 16 19:25:17 CST 2021"; not null.
+    /// Stores the date of a build stamp such as "Thu Sep 16 19:25:17 CST 2021".
+    /// `stamp` is not null.
     void ConvKernelCompileDate(char *stamp);
 
     // Shell commands - fileio_shell.cpp
@@ -108,18 +109,19 @@ public:
 
     // Control board - fileio_board.cpp
 
-    /// Writes `length` bytes, waits 25 ms and reads an answer of up to 64 bytes into `reply`.
-    /// Returns the port's read count: 0 without an answer, -1 on a closed port.
+    /// Writes `length` bytes, waits 25 ms and reads up to 64 bytes into `reply`. Returns the port's
+    /// read count: 0 without a reply, -1 on a closed port.
     [[nodiscard]] int serialIoctl(unsigned char *command, unsigned char length,
                                   unsigned char *reply);
 
     // Boot-loader commands - fileio_bootloader.cpp
 
     /// Connects to the board's boot loader and reads its device id and configuration, on the open
-    /// line. Returns 1 when it answered every packet, -1 otherwise. Connecting takes up to 13 s
-    /// with a silent board, 11 attempts of 1 s with their pauses, and up to 23 s with one whose
-    /// answers begin just within that second and stay short, since a begun answer is waited for
-    /// once more as long. Each of the three packets that follow takes up to 2 s more: 30 s in all.
+    /// serial line. Returns 1 when the board has replied to every packet, -1 otherwise.
+    ///
+    /// Blocks up to 13 s with a silent board: 11 connect attempts of 1 s, with pauses. Blocks up to
+    /// 24 s when each reply begins late and is too short, since Read waits another second after the
+    /// first byte. Blocks up to 30 s when the last attempt succeeds and every later reply is late.
     [[nodiscard]] int sendCmdFromConnect2Config();
 
     // Machine protocol - fileio_protocol.cpp
@@ -134,11 +136,11 @@ public:
     /// or, with `buf` untouched, FRAME_BAD. `buf` holds as many bytes as its length byte says.
     [[nodiscard]] int setCrc(unsigned char *buf, Protocol protocol);
 
-    /// Checks the received frame in `buf` and takes it into the version's record. Returns a
-    /// `FrameStatus`. FRAME_BAD leaves the record alone; FRAME_SUM_BAD has replaced its head,
-    /// length and foot. A length byte beyond `frame_max_len` is FRAME_BAD, so that no more than
-    /// that is ever read; `buf` holds as many bytes as its length byte says up to there. V3 prints
-    /// six lines first, with 0 for a foot that it must not read.
+    /// Checks the received frame in `buf` and stores it in the version's record. Returns a
+    /// `FrameStatus`. FRAME_BAD leaves the record unchanged; FRAME_SUM_BAD has replaced its head,
+    /// length and foot. A length byte above `frame_max_len` is FRAME_BAD, so at most that many
+    /// bytes are read. V3 first prints six output lines; it prints 0 for the foot when the length
+    /// byte is 0 or above `frame_max_len`.
     [[nodiscard]] int analyzeV3(unsigned char *buf, Protocol protocol);
     [[nodiscard]] int analyzeV4(unsigned char *buf, Protocol protocol);
 
@@ -153,25 +155,25 @@ public:
 
     // Handshake - fileio_handshake.cpp (the spelling is interface and kept)
 
-    /// One request to the board's application and its answer, on the open line. Returns the port's
-    /// read count, or -1 when the frame judged at the end is bad. `mcuVersion` takes the version
-    /// text on success.
+    /// Sends one request to the board's application and reads the reply, on the open serial line.
+    /// Returns the port's read count, or -1 when the frame checked at the end is bad. On success
+    /// `mcuVersion` holds the version text.
     [[nodiscard]] int handsharkeV3();
     [[nodiscard]] int handsharkeV4();
-    /// Writes `len` bytes and reads up to 100 into `rx`. The wait is accepted and ignored. Returns
-    /// the port's read count.
+    /// Writes `len` bytes and reads up to 100 bytes into `rx`. `wait` is ignored. Returns the
+    /// port's read count.
     [[nodiscard]] int serialIoctl(unsigned char *tx, unsigned char len, unsigned char *rx,
                                   int wait);
-    /// Collects a block of 64 bytes into `buf`, which holds 128. Every byte goes to the place that
-    /// the total counted before it names; only what falls outside is dropped. Returns the total
-    /// when it is exactly 64, or after about 1 ms of processor time. A failed wait counts as -1, a
-    /// failed read as 65535.
+    /// Collects a block of 64 bytes into `buf`, which holds 128 bytes. Each piece is stored at the
+    /// offset that equals the total before it; bytes outside `buf` are dropped. Returns the total
+    /// when it is exactly 64, or after about 1 ms of processor time. A failed wait adds -1 to the
+    /// total, a failed read 65535.
     [[nodiscard]] int RcvData(unsigned char *buf);
     void setLocalVersion(QString version);
 
     // State, for native callers - fileio.cpp
 
-    /// The line to the control board; owned by this object, never null.
+    /// The serial line to the control board; owned by this object, never null.
     SerialPort *serialPort() const;
     const Protocol &protocolV3() const;
     const Protocol &protocolV4() const;
@@ -208,7 +210,7 @@ signals:
 
     // Shell commands - fileio_shell.cpp
 
-    /// `result` is the raw wait status, -1 when no shell could be started. Comes from the worker's
+    /// `result` is the raw wait status, -1 when no shell could be started. Emitted from the worker
     /// thread.
     void threadExeFinish(int result, int index);
 
@@ -233,9 +235,9 @@ private slots:
 public:
     // Blocking HTTP requests - fileio_http.cpp
 
-    /// Sends the request and waits up to about 0.9 s, with the event loop turning, for the first
-    /// piece of the answer's body. Returns the piece read last (UTF-8, up to its first NUL), or
-    /// an empty text without one or while `running` is true.
+    /// Sends the request and waits up to about 0.9 s for the first piece of the reply's body; the
+    /// event loop runs meanwhile. Returns the piece read last (UTF-8, up to its first NUL). Returns
+    /// an empty text when none came, or when `running` is true.
     Q_INVOKABLE QString httpGet(QString url);
     Q_INVOKABLE QString httpPost(QString url, QString data);
 
@@ -244,11 +246,11 @@ public:
     /// MD5 of the joined strings, 32 lower-case hexadecimal digits. Up to 255 strings; with more
     /// it never returns.
     Q_INVOKABLE QString md5(QStringList);
-    /// What `ls` prints for the shell pattern `dir`, a line an entry; lines over 199 characters
-    /// make several. Empty when nothing matches or no shell could be started.
+    /// The output of `ls` for the shell pattern `dir`, one entry per output line; a line of more
+    /// than 199 characters makes several. Empty when nothing matches or no shell could be started.
     Q_INVOKABLE QStringList getIpkList(QString dir);
     Q_INVOKABLE bool exists(QString file) const;
-    /// Replaces `dest_file` by a copy of `src_file`. A failed copy leaves no file there.
+    /// Replaces `dest_file` with a copy of `src_file`. A failed copy leaves no file there.
     Q_INVOKABLE bool copy(QString dest_file, QString src_file) const;
 
     // Shell commands - fileio_shell.cpp
@@ -256,19 +258,19 @@ public:
     /// Runs `cmd` with the shell, however long it takes. Returns the raw wait status (the exit
     /// code times 256, or the signal), -1 when no shell could be started.
     Q_INVOKABLE int exe(QString cmd) const;
-    /// Runs `cmd` on a detached thread of its own; threadExeFinish() tells the outcome.
+    /// Runs `cmd` on a detached thread of its own; threadExeFinish() reports the result.
     Q_INVOKABLE void threadExe(QString cmd, int index);
 
     // Control board - fileio_board.cpp
 
-    /// Tells the board to enter its boot loader. Returns 0 when it agreed, -1 without an answer,
-    /// -2 for a malformed one, -3 for one with a wrong sum.
+    /// Tells the board to enter its boot loader. Returns 0 when the reply is accepted, -1 without a
+    /// reply, -2 for a malformed one, -3 for a wrong sum.
     Q_INVOKABLE int startMcuSoftwareUpdate();
-    /// Sends the firmware to the board's boot loader. Returns 0 when the board said anything at
-    /// all, -1 when it did not or there is no firmware. Takes about a second a frame.
+    /// Sends the firmware to the board's boot loader. Returns 0 when the board has sent at least
+    /// one byte, -1 when it has sent none or there is no firmware. Takes about a second per frame.
     Q_INVOKABLE int updateMcu();
-    /// The board's version text, empty when the line cannot be opened. Waits for ever for a board
-    /// that is silent.
+    /// The board's version text, empty when the serial line cannot be opened. Waits for a silent
+    /// board without a time-out.
     Q_INVOKABLE QString getMcuVersion();
     /// Full paths of the firmware images on the machine.
     Q_INVOKABLE QStringList getMcuBin();

@@ -23,7 +23,7 @@ constexpr int kListingLineSize = 100;
 
 void FileIO::openBoardLine()
 {
-    // Deliberate: a line that does not open is not reported here; every Read on it returns -1.
+    // Deliberate: no error result when the port does not open; every Read on it returns -1.
     // (tst_mcuversion::missingLineIsEmpty)
     static_cast<void>(m_serialPort->Open(kBoardDevice, kBoardBaud));
     static_cast<void>(m_serialPort->SetTimeout(kBoardTimeoutMs));
@@ -32,13 +32,14 @@ void FileIO::openBoardLine()
 QString FileIO::getMcuVersion()
 {
     openBoardLine();
-    // A query that was not written has no answer, which is waited for like that of a silent board.
+    // If the write fails, no reply comes, and the loop below waits as for a silent board.
     static_cast<void>(m_serialPort->Write(kVersionQuery.data(), kVersionQuery.size()));
     unsigned char reply[kVersionReplySize] = {};
     constexpr int wanted = sizeof reply;
     int count = 0;
-    // Deliberate: no limit in all. While the line is open, a silent board is waited for, and every
-    // attempt starts over at the head of the buffer. (tst_mcuversion::silentBoardIsWaitedFor)
+    // Deliberate: no overall time-out. While the serial line is open, the loop waits for a silent
+    // board, and each attempt fills the buffer from its start.
+    // (tst_mcuversion::silentBoardIsWaitedFor)
     do {
         count = m_serialPort->Read(reply, wanted);
     } while (count < wanted && count != -1);
@@ -75,12 +76,12 @@ int FileIO::startMcuSoftwareUpdate()
 
 int FileIO::updateMcu()
 {
-    // Deliberate: never released, nor is its file. No test can hold that: the sanitizer's
-    // suppressions name both.
+    // Deliberate: neither the sender nor its file is released. No test can check that: the leak
+    // sanitizer is told to ignore both (tests/lsan.supp).
     auto *const sender = new CYModem();
     openBoardLine();
     if (sender->load_file(QString::fromLatin1(kFirmwareFile)) < 1) {
-        // Deliberate: the line stays open; the next operation's Open replaces the descriptor.
+        // Deliberate: the serial line stays open; the next Open replaces the descriptor.
         // (tst_transfer::missingFirmwareLeavesTheLineOpen)
         std::printf("[error]: Ymodem loading file failed.\n");
         return -1;
@@ -89,7 +90,7 @@ int FileIO::updateMcu()
 
     const bool answered = runYModemTransfer(*sender, *m_serialPort);
     m_serialPort->Close();
-    // Deliberate: any byte counts as success; a refusal or a missing last ACK is no error.
+    // Deliberate: any byte counts as success; a NAK or a missing last ACK is no error.
     // (tst_transfer::anyByteCountsAsSuccess)
     return answered ? 0 : -1;
 }
@@ -119,7 +120,7 @@ void FileIO::closeSerial()
 
 int FileIO::serialIoctl(unsigned char *command, unsigned char length, unsigned char *reply)
 {
-    // A command that was not written has no answer, and that is what callers are told.
+    // If the write fails, no reply comes, and callers get the result for that.
     static_cast<void>(m_serialPort->Write(command, length));
     usleep(kAnswerPauseUs);
     return m_serialPort->Read(reply, kBoardReplySize);

@@ -14,7 +14,7 @@ namespace {
 
 // Packets of the boot loader, 64 bytes both ways, integers little-endian, no checksum.
 //
-//   offset  width  request         answer
+//   offset  width  request         reply
 //   0       4      command code
 //   4       4      packet number
 //   8       56     parameters      device id at 8, width 4
@@ -25,7 +25,7 @@ constexpr std::size_t kDeviceIdOffset = 8;
 using Packet = std::array<std::uint8_t, kBoardReplySize>;
 
 struct Command {
-    const char *failure; // what is printed when the answer is no whole packet
+    const char *failure; // printed when the reply is not a whole packet
     std::uint32_t code;
     std::uint32_t number;
     std::uint32_t param;
@@ -41,7 +41,7 @@ constexpr Command kReadConfig  {"device ack error:CMD_READ_CONFIG",  0xA2, 5, 0}
 
 constexpr int kConnectAttempts = 11;
 constexpr long kRetryPauseNs = 100000000; // 100 ms
-constexpr int kReportedLine = 734;        // a fixed label in the retry line
+constexpr int kReportedLine = 734;        // a fixed number in the output line
 
 Packet packetFor(const Command &command)
 {

@@ -12,7 +12,7 @@
 namespace {
 
 constexpr qint64 kBytesPerKilobyte = 1000;       // not 1024
-constexpr qint64 kUnwrittenBytes = 256LL * 1024; // a server faster than the disk waits beyond it
+constexpr qint64 kUnwrittenBytes = 256LL * 1024; // a server that is faster than the disk waits
 
 struct ReplyConnection {
     const char *signal;
@@ -121,7 +121,7 @@ void FileIO::setOverwrite(bool overwrite)
 
 void FileIO::start(QUrl url)
 {
-    // Deliberate: only an object that the engine itself makes is ever complete, so in this program
+    // Deliberate: only an object created by the QML engine becomes complete, so in this program
     // downloads never begin. (tst_download::incompleteObjectNeverStarts)
     if (!m_complete)
         return;
@@ -177,7 +177,7 @@ void FileIO::onReadyRead()
 {
     if (!m_reply)
         return;
-    // Taken even without a file: the transfer would stall, and never end, on a full buffer.
+    // Read even without a file: with a full buffer the transfer would never end.
     const QByteArray piece = m_reply->readAll();
     if (m_saveFile)
         m_saveFile->write(piece);
@@ -192,15 +192,15 @@ void FileIO::onDownloadProgress(qint64 bytesReceived, qint64 bytesTotal)
                 static_cast<int>(bytesTotal / kBytesPerKilobyte));
     if (!self)
         return;
-    // Deliberate: unguarded, so an unknown total (-1) makes it negative and 0 makes it no number.
+    // Deliberate: no check of the total. -1 (unknown) makes the progress negative, 0 makes it NaN.
     // (tst_download::unknownTotalMakesProgressNegative)
     setProgress(static_cast<double>(bytesReceived) / static_cast<double>(bytesTotal));
 }
 
 void FileIO::onFinished()
 {
-    // Handlers of the signals below may start the next transfer, and what they made is not ours, or
-    // delete this object.
+    // A handler of the signals below may delete this object, or start the next transfer, whose
+    // reply and file must not be touched here.
     const QPointer<FileIO> self(this);
     const QPointer<QNetworkReply> endedReply = m_reply;
     const QPointer<QSaveFile> endedFile = m_saveFile;
@@ -227,7 +227,7 @@ void FileIO::onFinished()
             start(target);
             return;
         }
-        // Deliberate: not cancelled, so the release below commits the redirect's own body.
+        // Deliberate: not cancelled, so shutdownSaveFile() below commits the redirect's own body.
         // (tst_download::refusedRedirectCommitsItsBody)
         emit error(ErrorNetwork, QStringLiteral("Re-directs not allowed"));
     } else if (commitSaveFile()) {
@@ -267,7 +267,7 @@ void FileIO::shutdownSaveFile()
 {
     if (!m_saveFile)
         return;
-    static_cast<void>(commitSaveFile()); // what is not committed goes with the object
+    static_cast<void>(commitSaveFile()); // else deleting it discards the file
     delete m_saveFile;
     m_saveFile = nullptr;
 }
@@ -288,7 +288,7 @@ bool FileIO::openSaveFile(const QString &path)
 
 bool FileIO::commitSaveFile()
 {
-    // A commit does not tell when what was still buffered could not be written.
+    // commit() alone does not report that buffered data could not be written.
     return m_saveFile && m_saveFile->isOpen() && m_saveFile->flush() && m_saveFile->commit();
 }
 

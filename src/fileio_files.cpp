@@ -25,11 +25,11 @@ QByteArray withoutDoubledPercent(QByteArray text)
 QString FileIO::md5(QStringList list)
 {
     QCryptographicHash hash(QCryptographicHash::Md5);
-    // Deliberate: an 8-bit index, which wraps before it reaches 256, so that a longer list never
-    // returns. (tst_files::md5Of256EntriesDoesNotReturn)
+    // Deliberate: an 8-bit index, which wraps to 0 before it reaches 256, so that the call never
+    // returns for a longer list. (tst_files::md5Of256EntriesDoesNotReturn)
     // NOLINTNEXTLINE(bugprone-too-small-loop-variable)
     for (std::uint8_t i = 0; i < list.size(); ++i) {
-        // By way of a C string, which cuts the entry at its first NUL character.
+        // Converted through a C string, which cuts the entry at its first NUL character.
         const QString entry = QString::fromUtf8(list.at(i).toUtf8().constData());
         hash.addData(entry.toUtf8());
     }
@@ -57,8 +57,8 @@ bool FileIO::exists(QString file) const
 
 bool FileIO::copy(QString dest_file, QString src_file) const
 {
-    // Deliberate: destination first, unlike the library's own order; scripts pass them so. The old
-    // file goes before the copy is tried, so a failed copy leaves none.
+    // Deliberate: the destination is the first argument, unlike in QFile::copy(); scripts pass it
+    // so. The old file is removed before the copy is tried, so a failed copy leaves no file.
     // (tst_files::failedCopyRemovesTheDestination)
     if (QFile::exists(dest_file))
         static_cast<void>(QFile::remove(dest_file));

@@ -14,14 +14,14 @@
 namespace {
 
 constexpr std::uint8_t kHandshakeCommand = 15;
-constexpr int kAnswerMax = 100; // a longer answer cannot be received whole
+constexpr int kAnswerMax = 100; // a longer reply cannot be received whole
 
 constexpr int kBlockSize = 64;
 constexpr int kBlockCapacity = 128;              // of the caller's buffer
 constexpr unsigned long kBlockClockTicks = 1000; // processor time, not milliseconds
-constexpr int kTimeOutLabel = 232;               // a fixed number in the time-out line
+constexpr int kTimeOutLabel = 232;               // a fixed number in the output line
 
-constexpr unsigned kVersionParams = 50; // parameter bytes in which the version is looked for
+constexpr unsigned kVersionParams = 50; // parameter bytes that are searched for the version
 
 void printBytes(const char *label, const unsigned char *bytes, int count)
 {
@@ -34,8 +34,8 @@ void printStatus(int checkpoint, const FileIO &io)
     qDebug("m_frame_state %d : %d", checkpoint, io.frameStatus());
 }
 
-/// Sums and checks the request as it stands; the checks decide nothing. V3 prints the status at
-/// this checkpoint and the next.
+/// Writes the request's checksum and checks the request. The result changes nothing; V3 prints it
+/// as this checkpoint and the next.
 void checkRequest(FileIO &io, std::uint8_t *frame, const Protocol &protocol, int checkpoint)
 {
     static_cast<void>(io.setCrc(frame, protocol));
@@ -48,7 +48,7 @@ void checkRequest(FileIO &io, std::uint8_t *frame, const Protocol &protocol, int
     printStatus(checkpoint + 1, io);
 }
 
-/// Fills the request in step by step and checks it after each.
+/// Fills in the request step by step and checks it after each step.
 void buildRequest(FileIO &io, std::uint8_t *frame, const Protocol &protocol)
 {
     const auto length = static_cast<std::uint8_t>(protocol.frame_min_len + protocol.param_len);
@@ -65,7 +65,7 @@ void buildRequest(FileIO &io, std::uint8_t *frame, const Protocol &protocol)
     checkRequest(io, frame, protocol, 7);
 }
 
-/// Copies what lies within the block of a piece that was received at `position` of it.
+/// Copies a received piece to `position` of the block. Bytes outside the block are dropped.
 void keepWhatFits(const unsigned char *piece, int count, unsigned char *block, int position)
 {
     const int begin = std::max(position, 0);
@@ -74,16 +74,16 @@ void keepWhatFits(const unsigned char *piece, int count, unsigned char *block, i
         std::copy(piece + (begin - position), piece + (end - position), block + begin);
 }
 
-/// The text behind the first underscore of the parameters, up to its terminating zero.
+/// The text after the first underscore of the parameters, up to its terminating zero.
 QString versionText(const unsigned char *params, unsigned count)
 {
-    // Two zero bytes more than are looked at, so that a text without a zero byte ends, and what
-    // lies one behind its end is empty.
+    // Two zero bytes more than are searched: the first terminates a text without a zero byte, the
+    // second makes the text after that terminator empty.
     char text[kVersionParams + 2] = {};
     std::memcpy(text, params, std::min(count, kVersionParams));
     const char *const end = text + std::strlen(text);
-    // Deliberate: without an underscore it starts behind the terminating zero, which is the empty
-    // text unless the parameters go on there. (tst_handshake::textWithoutUnderscoreIsEmpty)
+    // Deliberate: without an underscore the version starts after the terminating zero. It is empty
+    // unless more parameters follow there. (tst_handshake::textWithoutUnderscoreIsEmpty)
     return QString::fromLatin1(std::find(static_cast<const char *>(text), end, '_') + 1);
 }
 
@@ -101,7 +101,7 @@ int FileIO::handsharkeV3()
     const int count =
         serialIoctl(sent, static_cast<unsigned char>(length), received, protocol.frame_max_len);
     qDebug() << "serialIoctl len:" << count;
-    // Deliberate: shown and judged is the frame that was sent; the answer is never looked at.
+    // Deliberate: prints and checks the request that was sent; the reply is not examined.
     // (tst_handshake::v3JudgesItsOwnRequest)
     printBytes("rx_buf[", frame, protocol.frame_max_len);
     static_cast<void>(analyzeV3(frame, protocol));
@@ -154,7 +154,7 @@ void FileIO::takeVersion(const unsigned char *params, unsigned count)
 
 int FileIO::serialIoctl(unsigned char *tx, unsigned char len, unsigned char *rx, int /*wait*/)
 {
-    // A request that was not written has no answer, and that is what callers are told.
+    // If the write fails, no reply comes, and callers get the result for that.
     static_cast<void>(m_serialPort->Write(tx, len));
     return m_serialPort->Read(rx, kAnswerMax);
 }
@@ -165,14 +165,14 @@ int FileIO::RcvData(unsigned char *buf)
     int total = 0;
     // Unsigned, since the count may wrap.
     const auto start = static_cast<unsigned long>(clock());
-    // Deliberate: set once; what select() leaves in it is all that later reads wait.
+    // Deliberate: set once. select() reduces it, and later reads wait only for the remainder.
     // (tst_rcvdata::waitCarriesOver)
     timeval wait{1, 100000};
     for (;;) {
-        // Deliberate: always asks for a whole block, so only pieces that add up to exactly 64 end
-        // early. (tst_rcvdata::passing64RunsIntoTheTimeOut)
+        // Deliberate: always asks for a whole block, so the loop ends early only when the pieces
+        // add up to exactly 64. (tst_rcvdata::passing64RunsIntoTheTimeOut)
         const int count = m_serialPort->read_uart_port(piece, kBlockSize, &wait);
-        if (count <= kBlockSize) // a failed read counts more, and brings nothing
+        if (count <= kBlockSize) // a failed read is 65535, without bytes
             keepWhatFits(piece, count, buf, total);
         total += count;
         if (count < 0)

@@ -45,15 +45,15 @@ QString FileIO::httpPost(QString url, QString data)
 
 QString FileIO::awaitReplyText(QNetworkReply *reply)
 {
-    // Deliberate: an earlier reply is neither released nor disconnected, and its late answer is
-    // read from the newer one. (tst_http::lateAnswerReadsTheNewerReply)
+    // Deliberate: an earlier reply is neither released nor disconnected. When its data comes late,
+    // the slot reads from the newer reply. (tst_http::lateAnswerReadsTheNewerReply)
     m_reply = reply;
     connect(reply, SIGNAL(readyRead()), SLOT(onReadyReadReply()));
     const QPointer<FileIO> self(this);
     for (std::uint8_t pause = 0; m_replyText.isEmpty() && pause != kAnswerPauses; ++pause) {
         delay_ms(kPauseMs);
         if (!self)
-            return QLatin1String(""); // what ran meanwhile has deleted this object
+            return QLatin1String(""); // a handler has deleted this object
     }
     return m_replyText;
 }
@@ -62,7 +62,7 @@ void FileIO::onReadyReadReply()
 {
     if (!m_reply)
         return;
-    // By way of a C string, which cuts the piece at its first NUL byte.
+    // Converted through a C string, which cuts the piece at its first NUL byte.
     m_replyText = QString::fromUtf8(m_reply->readAll().constData());
 }
 

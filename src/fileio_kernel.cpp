@@ -59,7 +59,7 @@ bool FileIO::isNewKernel() const
     // Deliberate: equality. A later build is not new either.
     // (tst_kernel::onlyTheReferenceBuildIsNew)
     const bool isNew = m_kernelDate == QLatin1String(kReferenceBuild);
-    // Deliberate: no line feed; the text waits in the buffer for the next line.
+    // Deliberate: no line feed; the text stays in stdout's buffer until the next output line.
     // (tst_kernel::answerHasNoLineFeed)
     std::printf("[info]: %s -> %s", "isNewKernel", isNew ? "Yes" : "No");
     return isNew;

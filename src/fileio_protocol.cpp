@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr int kCheckedParamByte = 37; // its offset in the frame is printed, for checking by eye
+constexpr int kCheckedParamByte = 37; // its offset in the frame is printed
 
 template <typename Record>
 unsigned copySource(unsigned char *dst, const unsigned char *src, const Record &record)
@@ -27,9 +27,9 @@ unsigned copyParams(unsigned char *out, const Protocol &protocol, const Record &
     return count;
 }
 
-/// The six lines that precede a V3 analysis.
+/// Prints the six output lines that precede a V3 analysis.
 ///
-/// Deliberate: the texts do not all name what they show, and are kept so.
+/// Deliberate: some labels do not name the value that follows them.
 /// (tst_frames::v3PrintsSixLines)
 void printFraming(const unsigned char *buf, const Protocol &protocol)
 {

@@ -47,8 +47,8 @@ bool killPid(QString pidFilePath)
     QFile file(pidFilePath);
     if (!file.open(QIODevice::ReadOnly))
         return true;
-    // Deliberate: text that is no number gives 0, so `kill` hits the caller's process group, and
-    // the id is not compared with our own. The machine relies on the shell's `kill` alone.
+    // Deliberate: text that is not a number gives 0, and `kill -9 0` kills the caller's process
+    // group. The id is not compared with our own. The machine relies on the shell's `kill` alone.
     // (tst_launch::killPidOfGarbageKillsTheGroup)
     const int pid = file.readAll().toInt(nullptr, 10);
     file.close();
@@ -66,8 +66,8 @@ void stopPreviousInstance(const QString &pidFilePath)
 
 void recordProcessId(QFile &pidFile)
 {
-    // Deliberate: no truncation, so the tail of a longer old id stays behind the new one. The next
-    // start reads whatever stands there. (tst_launch::shorterPidKeepsTheOldTail)
+    // Deliberate: no truncation, so the last digits of a longer old id remain after the new id.
+    // The next start reads all of them. (tst_launch::shorterPidKeepsTheOldTail)
     if (!pidFile.open(QIODevice::ReadWrite | QIODevice::Text))
         return;
     const auto pid = static_cast<qint64>(getpid());
@@ -96,8 +96,8 @@ int runStatusScreen(int &argc, char **argv)
     QGuiApplication app(argc, argv);
     QQuickView view;
     view.setSource(screenUrl(kStatusScreen));
-    // The application has taken its own options out of argv by now; with none left this is null,
-    // which makes an empty mode.
+    // QGuiApplication has removed its own options from argv. When no argument is left, argv[1] is
+    // null and the mode is empty.
     setStatusMode(view, QString::fromUtf8(argv[1]));
     view.show();
     return QGuiApplication::exec();

@@ -16,7 +16,7 @@ bool killPid(QString pidFilePath);
 /// Kills the instance named in the pid file, if there is such a file.
 void stopPreviousInstance(const QString &pidFilePath);
 
-/// Writes this process's id into `pidFile` and closes it. A file that cannot be opened is left.
+/// Writes this process's id into `pidFile` and closes it. Does nothing when it cannot be opened.
 void recordProcessId(QFile &pidFile);
 
 /// Shows the update screen. Returns the event loop's exit code, or -1 without entering the loop

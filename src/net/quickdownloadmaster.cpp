@@ -54,7 +54,8 @@ void QuickDownloadMaster::setNetworkAccessManager(QNetworkAccessManager *manager
 {
     QNetworkAccessManager *const own = m_ownsManager ? m_manager.data() : nullptr;
     m_ownsManager = false;
-    // Deliberate: the own manager handed in is deleted all the same, and stays held.
+    // Deliberate: a manager that this object made is deleted even when it is passed in; the pointer
+    // to it is kept.
     // (tst_quickdownloadmaster::ownManagerHandedInIsDeletedAndStillHeld)
     m_deletedManager = own && manager == own ? manager : nullptr;
     m_manager = m_deletedManager ? nullptr : manager;

@@ -8,13 +8,13 @@
 
 namespace {
 
-constexpr unsigned kSumStart = 1; // the byte behind the head
+constexpr unsigned kSumStart = 1; // the byte after the head
 constexpr unsigned kTail = 2;     // checksum and foot
 constexpr std::uint64_t kEveryOtherByte = 0x00FF00FF00FF00FF;
 constexpr std::uint64_t kAllIntoTheTop = 0x0001000100010001;
 
-// Deliberate: the words of each pair are swapped. Reading them in line looks right, but callers
-// hold the words in this order. (tst_frames::blockWordsOfEachPairAreSwapped)
+// Deliberate: the words of each pair are swapped. Reading them in order looks right, but callers
+// rely on this order. (tst_frames::blockWordsOfEachPairAreSwapped)
 void recordBlock(const std::uint8_t *block, std::uint32_t (&words)[4])
 {
     words[0] = qFromLittleEndian<std::uint32_t>(block + 4);

@@ -3,8 +3,8 @@
 
 #include "protocol.h"
 
-// Frames of the machine protocol. Both versions share one grammar; L is the value of the length
-// byte, the whole frame's length.
+// Frames of the machine protocol. Both versions have the same structure; L is the value of the
+// length byte, which is the length of the whole frame.
 //
 //   V3     V4     width    content
 //   0      0      1        head, kFrameMark
@@ -29,9 +29,9 @@ std::uint8_t frameSum(const std::uint8_t *frame, unsigned length);
 /// Whether head, length and foot are right. Reads no more than the length byte promises.
 [[nodiscard]] bool isFramed(const std::uint8_t *frame, const Protocol &protocol);
 
-/// Checks the frame and takes it into the version's record. FRAME_BAD leaves the record alone;
-/// FRAME_SUM_BAD has replaced its head, length and foot; FRAME_OK all of it, but for parameter
-/// bytes beyond the frame's own. Reads no more than `frame_max_len` bytes.
+/// Checks the frame and stores it in the version's record. FRAME_BAD leaves the record unchanged.
+/// FRAME_SUM_BAD has replaced its head, length and foot. FRAME_OK has replaced everything, except
+/// parameter bytes beyond those of the frame. Reads no more than `frame_max_len` bytes.
 [[nodiscard]] FrameStatus analyzeFrame(const std::uint8_t *frame, const Protocol &protocol,
                                        FrameRecordV3 &record);
 [[nodiscard]] FrameStatus analyzeFrame(const std::uint8_t *frame, const Protocol &protocol,

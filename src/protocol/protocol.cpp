@@ -8,7 +8,7 @@ struct LayoutRow {
     std::uint8_t v4;
 };
 
-// The layout of both versions. The three fields that only the defaults give stand apart, below.
+// The layout of both versions. protocolDefaults() sets param_len, frame_head and frame_foot.
 // clang-format off
 constexpr LayoutRow kLayout[] = {
     // field                      V3   V4

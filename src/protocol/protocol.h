@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
-// The framed machine protocol in its versions V3 and V4: what differs between the versions
-// stands in a descriptor. The field names are interface and kept as they are.
+// The framed machine protocol, versions V3 and V4. A descriptor holds what differs between the
+// versions. The field names are interface and kept as they are.
 
 constexpr std::uint8_t kFrameMark = 0xE7; // head and foot of every frame on the serial line
 
@@ -51,7 +51,7 @@ struct Protocol {
 };
 static_assert(sizeof(Protocol) == 30, "thirty single bytes, copied whole");
 
-/// The machine's parameter block. The frame code copies it whole and looks at none of it.
+/// The machine's parameter block. The frame code copies it whole and does not examine it.
 struct MachineParam {
     std::uint8_t bytes[42];
 };

@@ -2,7 +2,7 @@
 
 namespace {
 
-constexpr int kReplyMax = 128; // a longer answer counts as none
+constexpr int kReplyMax = 128; // a longer reply counts as none
 
 } // namespace
 

@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-// Command frames for the control board, and what its answers look like.
+// Command frames for the control board, and their replies.
 //
 //   offset      width  content
 //   0           1      head, kFrameMark
@@ -71,12 +71,12 @@ static_assert(boardFrameIsSound(kVersionQuery), "length byte or checksum is wron
 static_assert(boardFrameIsSound(kUpdateStart), "length byte or checksum is wrong");
 
 constexpr std::size_t kVersionReplySize = 36;
-constexpr std::size_t kVersionTextOffset = 16; // ASCII, to a zero byte or to the last byte but one
+constexpr std::size_t kVersionTextOffset = 16; // text, up to a zero byte or byte 34
 
-/// Room for an answer that `serialIoctl` reads; a shorter one is normal.
+/// Most bytes of a reply that `serialIoctl` reads. Shorter replies are normal.
 constexpr int kBoardReplySize = 64;
 
-/// What the board's answer to kUpdateStart says.
+/// Result of the check of the board's reply to kUpdateStart.
 enum StartReply : int {
     START_ACCEPTED = 0,
     START_NO_REPLY = -1,
@@ -84,8 +84,8 @@ enum StartReply : int {
     START_SUM_BAD = -3,
 };
 
-/// Judges the `count` bytes of an answer; a count of below 1 or over 128 is none, and `reply` is
-/// not read then.
+/// Checks the `count` bytes of a reply. A count below 1 or above 128 means that there is no reply;
+/// `reply` is not read then.
 [[nodiscard]] StartReply judgeStartReply(const std::uint8_t *reply, int count);
 
 #endif // BOARDFRAMES_H

@@ -26,7 +26,7 @@ constexpr std::uint32_t kPolynomial = 0x1021;
 
 using CrcTable = std::array<std::uint16_t, 256>;
 
-/// For each byte, what it makes of an empty CRC register.
+/// The CRC of each single byte.
 constexpr CrcTable crcTable()
 {
     CrcTable table{};
@@ -60,8 +60,8 @@ std::uint16_t CYModem::UpdateCRC16(std::uint16_t crc, std::uint8_t byte)
 
 std::uint16_t CYModem::attach_crc(const std::uint8_t *payload, std::uint16_t length, int position)
 {
-    // What UpdateCRC16() gives after the payload and two zero bytes, which its register needs since
-    // it takes message bits in at its low end; a byte at a time, for a transfer waits for it.
+    // The same result as UpdateCRC16() over the payload and two zero bytes (its register takes the
+    // message bits in at its low end). Works byte by byte, because the transfer waits for it.
     std::uint16_t crc = 0;
     for (int i = 0; i < length; ++i)
         crc = static_cast<std::uint16_t>(crc << 8 ^ kCrcTable[(crc >> 8) ^ payload[i]]);
@@ -92,7 +92,7 @@ int CYModem::send_start_frame(SerialPort *port)
     startFrame(kSoh, 0);
     const QByteArray name = m_name.toUtf8();
     // Deliberate: as many bytes as the name has characters, which cuts a name that is not ASCII.
-    // What passes the payload's end is overwritten by the CRC or not sent.
+    // Bytes beyond the payload are overwritten by the CRC or not sent.
     // (tst_cymodem::nameIsCopiedByItsCharacterCount)
     const int nameSize = std::min({m_name.size(), name.size(), kSmallPayload});
     std::memcpy(m_frame + kHeadSize, name.constData(), static_cast<std::size_t>(nameSize));
@@ -110,7 +110,7 @@ int CYModem::send_start_frame(SerialPort *port)
 int CYModem::send_data_frame(SerialPort *port)
 {
     if (m_eotSent) {
-        static_cast<void>(send_end_frame(port)); // comes again at the next request
+        static_cast<void>(send_end_frame(port)); // sent again at the next request
         return 0;
     }
     if (!m_file || !m_file->isOpen()) {

@@ -9,8 +9,8 @@ class QFile;
 class SerialPort;
 
 /// Sends one firmware file to the control board's boot loader with the YModem batch protocol, one
-/// frame a call. It neither waits nor reads: the caller answers each request of the receiver with
-/// one send and then calls index_added(). The lower-case names are interface and kept.
+/// frame per call. It neither waits nor reads: for each request of the receiver the caller sends
+/// one frame and then calls index_added(). The lower-case names are interface and kept.
 ///
 ///   frame        bytes  content
 ///   start        133    SOH 00 FF, name 00 size 00 (128 bytes with zeros), CRC
@@ -24,7 +24,7 @@ public:
     CYModem &operator=(const CYModem &) = delete;
 
     /// Shifts one message byte into the running CRC (polynomial 0x1021); two zero bytes complete
-    /// it. attach_crc() comes to the same by a table.
+    /// it. attach_crc() computes the same with a table.
     static std::uint16_t UpdateCRC16(std::uint16_t crc, std::uint8_t byte);
 
     /// CRC-16/XMODEM of `length` bytes at `payload`, also stored at frame[position], high byte
@@ -32,8 +32,8 @@ public:
     std::uint16_t attach_crc(const std::uint8_t *payload, std::uint16_t length, int position);
 
     /// Takes the file `name` of the firmware directory and restarts the sequence. Returns its size
-    /// in bytes, or -1 when it is empty or missing. Whether it could be opened is not checked: one
-    /// that could not is sent as empty. The earlier file object is not released.
+    /// in bytes, or -1 when it is empty or missing. The result of opening the file is not checked:
+    /// a file that cannot be opened is sent as empty. An earlier file object is not released.
     [[nodiscard]] int load_file(QString name);
 
     /// Sends the start frame. Returns the result of the port's Write.

@@ -113,15 +113,15 @@ bool SerialPort::Open(const char *port, const char *baud)
     if (gVerbose)
         Log("Port: '%s' Baud: %d\n", path, static_cast<int>(row->rate));
 
-    // Deliberate: no O_NOCTTY. A session leader without a terminal gets the line as its
+    // Deliberate: no O_NOCTTY. A session leader without a terminal gets the serial line as its
     // controlling terminal. (tst_serialport::sessionLeaderGetsTheLine)
     m_fd = open(path, O_RDWR | O_EXCL | O_NONBLOCK);
     if (m_fd < 0) {
         LogError("Unable to open serial port '%s': %s\n", path, strerror(errno));
         return false;
     }
-    // Callers may leave the line open, and the commands of the shell must not hold it then. Not a
-    // flag of open(), since those are fixed. (tst_transfer::commandsDoNotGetTheOpenLine)
+    // Callers may leave the serial line open, and shell commands must not inherit it then. Not by
+    // O_CLOEXEC, since the flags of open() are fixed. (tst_transfer::commandsDoNotGetTheOpenLine)
     static_cast<void>(fcntl(m_fd, F_SETFD, FD_CLOEXEC));
     termios previous;
     if (tcgetattr(m_fd, &previous) < 0) {
@@ -157,7 +157,7 @@ int SerialPort::Read(void *buffer, int length)
             continue;
         const auto wanted = static_cast<std::size_t>(std::max(length - total, 0));
         const ssize_t count = read(m_fd, bytes + total, wanted);
-        // A hung-up line is readable for ever and yields nothing: it uses up its passes.
+        // After a hang-up the port is always readable without a byte: the passes run out.
         if (count > 0) {
             if (total == 0)
                 idle = 0;

@@ -12,15 +12,15 @@ struct BaudRow {
 };
 
 constexpr int kBaudRows = 19;
-/// The accepted rates, searched from the first row. Sparse above 115200 on purpose.
+/// The accepted rates, searched from the first row. Only two are above 115200, on purpose.
 extern const BaudRow gBaudTable[kBaudRows];
 
 /// Non-zero makes `SerialPort::Open` log the path and the rate.
 extern int gVerbose;
 
 /// One POSIX serial device: raw, 8 data bits, no parity, 1 stop bit, no flow control, and
-/// non-blocking, so that every wait is a select(). Owns its descriptor, which started programs do
-/// not get; one thread at a time.
+/// non-blocking, so that every wait is a select(). Owns its descriptor, which is closed on exec;
+/// one thread at a time.
 /// The capitalised names (and read_uart_port) are interface and kept.
 class SerialPort {
 public:
@@ -34,9 +34,9 @@ public:
     /// opens but cannot be set up stays open until Close(). An open descriptor is not closed.
     [[nodiscard]] bool Open(const char *port, const char *baud);
 
-    /// Collects up to `length` bytes into `buffer`, which holds at least four and starts zeroed.
-    /// Returns the count, 0 after about one silent second, or -1 on a closed or failing port.
-    /// Ends at the latest 100 waits of 10 ms after the first byte.
+    /// Collects up to `length` bytes into `buffer`, which holds at least four bytes; these are set
+    /// to zero first. Returns the count, 0 after about 1 s without a byte, or -1 on a closed or
+    /// failing port. Ends at the latest 100 waits of 10 ms after the first byte.
     [[nodiscard]] int Read(void *buffer, int length);
 
     /// One read of up to `length` bytes after waiting up to `wait`, which select() may change.

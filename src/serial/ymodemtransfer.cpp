@@ -30,13 +30,13 @@ void answerControl(std::uint8_t control, CYModem &sender, SerialPort &port)
         sendNextFrame(sender, port);
         break;
     case kNak:
-        // Deliberate: nothing is sent again, and a refusal is reported as both. The next ACK or C
-        // gets the next frame. (tst_transfer::nakCausesNoResend)
+        // Deliberate: nothing is sent again, and both lines are printed. The next ACK or C requests
+        // the next frame. (tst_transfer::nakCausesNoResend)
         std::puts("[NAK]");
         std::puts("[CA]");
         break;
     case kCancel:
-        // Deliberate: reported only, the transfer goes on.
+        // Deliberate: only printed; the transfer continues.
         // (tst_transfer::cancelDoesNotEndTheTransfer)
         std::puts("[CA]");
         break;

@@ -13,14 +13,14 @@ enum YModemByte : std::uint8_t {
     kEot = 0x04,     ///< end of the data
     kAck = 0x06,     ///< the frame is accepted
     kNak = 0x15,     ///< the frame is refused
-    kCancel = 0x18,  ///< the receiver gives up
+    kCancel = 0x18,  ///< the receiver cancels the transfer
     kPadding = 0x1A, ///< fills the last block; the boot loader discards it
     kCrcRequest = 'C',
 };
 
-/// Answers the receiver's control bytes on the open line with the frames of the loaded file, until
-/// ten reads in a row, of about 1 s each, have brought nothing. Returns whether it said anything at
-/// all. Takes about a second a frame.
+/// Sends the loaded file on the open serial line: one frame for each C or ACK of the receiver. Ends
+/// after ten reads in a row, of about 1 s each, without a byte. Returns whether the receiver has
+/// sent anything at all. Takes about a second per frame.
 [[nodiscard]] bool runYModemTransfer(CYModem &sender, SerialPort &port);
 
 #endif // YMODEMTRANSFER_H

@@ -11,7 +11,7 @@ char *StrMaxCpy(char *dst, const char *src, std::size_t max)
         return dst;
     }
     std::strncpy(dst, src, max - 1);
-    // Deliberate: with a shorter source the last byte stays as it was, the padding already
+    // Deliberate: with a shorter source the last byte stays as it was; the padding already
     // terminates the text. (tst_boundedstring::shortCopyLeavesTheLastByte)
     if (max <= std::strlen(src) + 1)
         dst[max - 1] = '\0';

@@ -3,11 +3,11 @@
 #include <QUrl>
 #include <QtQml/qqmlprivate.h>
 
-// Offers the compiled form of each screen to the engine, as Qt's own loader does, which cannot be
-// taken: it calls what Qt 5.12 lacks. An engine takes a form that its own version has made, and
-// reads the source instead of any other.
+// Offers the compiled form of each screen to the QML engine. The loader that Qt generates for this
+// purpose calls functions that Qt 5.12 does not have. The engine uses a compiled form only when its
+// own version of Qt made it; otherwise it reads the source.
 
-// Named by qmlcachegen.
+// qmlcachegen makes these names.
 // NOLINTBEGIN(bugprone-reserved-identifier)
 namespace QmlCacheGeneratedCode {
 namespace _0x5f__main_qml {
@@ -38,7 +38,7 @@ Screen screen(const char *path, const unsigned char *bytes)
             {reinterpret_cast<const QV4::CompiledData::Unit *>(bytes), nullptr, nullptr}};
 }
 
-/// The compiled form of what a URL names; null where there is none, or no source that it is of.
+/// The compiled form for a URL; null when there is none, or when its source is not present.
 const QQmlPrivate::CachedQmlUnit *compiledForm(const QUrl &url)
 {
     using namespace QmlCacheGeneratedCode;

@@ -70,6 +70,7 @@ private slots:
     void connectIsTriedAgain();
     void connectGivesUpAfter11Attempts_data();
     void connectGivesUpAfter11Attempts();
+    void lateShortRepliesTakeTwiceAsLong();
     void retryPauseIsResumedAfterASignal();
     void overlongAnswerIsCutToItsPacket();
     void failedStepEndsTheSequence_data();
@@ -222,6 +223,25 @@ void TestBootloader::connectGivesUpAfter11Attempts()
              (kAnswerPause + kShortRead + kRetryPause).repeated(10) + kAnswerPause + kShortRead);
     QCOMPARE(m_line->received(), QByteArray());
     QVERIFY(m_line->isOpenedByProduct());
+}
+
+void TestBootloader::lateShortRepliesTakeTwiceAsLong()
+{
+    Waits waits(Waits::AtOnce);
+    int passes = 0;
+    waits.setBefore([&](const QByteArray &call) {
+        if (call.startsWith("usleep"))
+            passes = 0;
+        else if (call.startsWith("select") && ++passes == 100)
+            m_line->deliver("A"); // in the last pass that a silent board is given
+    });
+    DescriptorCapture out(1);
+    QCOMPARE(m_io->sendCmdFromConnect2Config(), -1);
+    out.take();
+    // 23.2 s in all.
+    const QByteArray lateRead("199 x select 10000 us\n");
+    QCOMPARE(waits.asked(),
+             (kAnswerPause + lateRead + kRetryPause).repeated(10) + kAnswerPause + lateRead);
 }
 
 void TestBootloader::retryPauseIsResumedAfterASignal()

@@ -22,6 +22,7 @@ private slots:
     void closedPortIsMinusOne();
     void descriptorZeroCountsAsClosed();
     void silentLineIsZero();
+    void setTimeoutDoesNotChangeTheWait();
     void fullBufferReturnsAtOnceWithoutDiscarding();
     void noMoreIsTakenThanAsked();
     void piecesAreCollected();
@@ -130,6 +131,16 @@ void TestSerialRead::descriptorZeroCountsAsClosed()
         return 0;
     });
     VERIFY_CHILD_PASSED(child);
+}
+
+void TestSerialRead::setTimeoutDoesNotChangeTheWait()
+{
+    openLine();
+    QVERIFY(m_port->SetTimeout(25500));
+    const Waits waits(Waits::AtOnce);
+    Buffer buffer;
+    QCOMPARE(m_port->Read(buffer.bytes, 8), 0);
+    QCOMPARE(waits.asked(), passes(100));
 }
 
 void TestSerialRead::silentLineIsZero()

@@ -13,7 +13,7 @@ public:
     DescriptorCapture(const DescriptorCapture &) = delete;
     DescriptorCapture &operator=(const DescriptorCapture &) = delete;
 
-    /// Ends the capture and returns all of it; later calls return the same.
+    /// Ends the capture and returns the whole text; later calls return the same.
     QByteArray take();
 
 private:

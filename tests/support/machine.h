@@ -6,7 +6,7 @@
 #include <QByteArray>
 #include <QString>
 
-// The product's fixed places. They exist for tests only inside the sandbox.
+// The product's fixed paths. Tests may use them only inside the sandbox.
 
 /// Whether this program runs on the simulated machine.
 bool onSimulatedMachine();
@@ -18,7 +18,7 @@ bool onSimulatedMachine();
             QSKIP("needs fixed paths of the machine: start it with sandbox/run");                  \
     } while (false)
 
-/// A pseudo-terminal that stands at the control board's device path while it lives.
+/// A pseudo-terminal, linked at the device path of the control board while this object lives.
 class BoardLine : public Pty {
 public:
     BoardLine();

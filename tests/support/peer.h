@@ -6,8 +6,8 @@
 #include <functional>
 #include <thread>
 
-/// Plays a script at the other end of a line, in a thread of its own, while the test's thread is
-/// blocked in the product. The line is the script's until finish().
+/// Runs a script at the other end of a serial line, in a thread of its own, while the test's thread
+/// is blocked in the product. Only the script may use the line until finish().
 class Peer {
 public:
     using Script = std::function<void(Pty &)>;

@@ -86,7 +86,7 @@ int Pty::pending() const
     return count;
 }
 
-/// Waits for one packet and sorts it. False when none comes in time or the line is dead.
+/// Waits for one packet and sorts it. False when none comes in time or the serial line hung up.
 bool Pty::collect(int timeoutMs)
 {
     pollfd master{m_master, POLLIN, 0};
@@ -118,8 +118,8 @@ QByteArray Pty::receive(int count, int timeoutMs)
 
 QByteArray Pty::received()
 {
-    // What is written takes a moment to arrive, in order: a mark behind it shows when it is all
-    // there.
+    // Written bytes take a moment to arrive, but keep their order: when a mark written after them
+    // has arrived, all of them have.
     static const QByteArray mark("\x7F<end of what was written>\x7F");
     if (write(m_slave, mark.constData(), static_cast<std::size_t>(mark.size())) != mark.size())
         qFatal("the held slave cannot be written");
@@ -132,7 +132,8 @@ QByteArray Pty::received()
 
 bool Pty::waitUntilTaken()
 {
-    // What is sent takes a moment to arrive, so an empty queue alone tells nothing.
+    // Sent bytes take a moment to arrive, so an empty queue alone does not show that they were
+    // read.
     pollfd reads{m_reads, POLLIN, 0};
     if (poll(&reads, 1, kHangMs) != 1)
         return false;

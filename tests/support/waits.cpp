@@ -17,7 +17,7 @@ constexpr long kNsPerSecond = 1000000000;
 struct Recorder {
     Waits::Mode mode;
     Waits::Before before = {};
-    bool isBusy = false; // with what comes before a call
+    bool isBusy = false; // running what setBefore() has set
     QByteArray calls = {};
     QByteArray last = {};
     int times = 0;
@@ -43,7 +43,7 @@ struct Recorder {
         isBusy = false;
     }
 
-    /// What is left of a call that a signal ends.
+    /// The remainder of a call that a signal interrupts.
     std::optional<long> takeInterruption()
     {
         const std::optional<long> taken = left;
@@ -65,10 +65,10 @@ int failInterrupted()
     return -1;
 }
 
-// The names below are those of calls with a `long` of seconds.
+// The names below are those of the calls whose seconds are a `long`.
 static_assert(sizeof(time_t) == sizeof(long), "select() and nanosleep() have other names");
 
-/// The C library's function, which that of the same name here stands before.
+/// The C library's function that the one of the same name here replaces.
 template <typename Function>
 Function *original(const char *name)
 {
@@ -100,7 +100,7 @@ extern "C" int select(int count, fd_set *readable, fd_set *writable, fd_set *fai
     timeval none{0, 0};
     const int ready = library(count, readable, writable, failed, &none);
     if (ready >= 0)
-        setLeft(ready == 0 ? 0 : std::max(asked - 1, 0L)); // what is ready came after a moment
+        setLeft(ready == 0 ? 0 : std::max(asked - 1, 0L)); // ready: bytes came during the wait
     return ready;
 }
 

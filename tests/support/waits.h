@@ -5,14 +5,15 @@
 
 #include <functional>
 
-/// Notes what this thread asks of select(), usleep() and nanosleep() while it lives, one at a time.
-/// What select() looks at stays the real thing. Only for programs that link `test_waits`.
+/// Records the time-outs that this thread passes to select(), usleep() and nanosleep() while this
+/// object lives; one object at a time. The descriptors that select() examines are the real ones.
+/// Only for programs that link `test_waits`.
 class Waits {
 public:
     enum Mode {
         Real,
-        /// select() tells what is ready by now, and has timed out else; the pauses are over at
-        /// once. Each look at clock() takes it one tick further, from 0 on.
+        /// No wait takes time: select() reports what is ready now or else times out, pauses end
+        /// at once. clock() starts at 0 and adds one tick per call.
         AtOnce,
     };
     using Before = std::function<void(const QByteArray &call)>;
@@ -22,12 +23,13 @@ public:
     Waits(const Waits &) = delete;
     Waits &operator=(const Waits &) = delete;
 
-    /// Runs `before` ahead of each call, with its text as in asked(). Its own waits are not noted.
+    /// Runs `before` before each call, with the call's text as in asked(). Waits inside `before`
+    /// are not recorded.
     void setBefore(const Before &before);
-    /// A signal ends the next call, which leaves `left` of its unit; for the remainder of select()
-    /// and nanosleep().
+    /// A signal interrupts the next call, with `left` of its unit remaining; for the remainder that
+    /// select() and nanosleep() return.
     void interrupt(long left);
-    /// The calls so far in their order, the same ones in a row as one: "1 x usleep 25000 us\n",
+    /// The calls so far in their order, equal calls in a row as one: "1 x usleep 25000 us\n",
     /// "100 x select 10000 us\n", "2 x nanosleep 100000000 ns\n".
     QByteArray asked() const;
 };
