@@ -2,8 +2,8 @@
 #include <QQmlApplicationEngine>
 #include <QUrl>
 
-// The smallest program with a screen like the update screen. Its memory is the reference for that of
-// the update screen.
+// The smallest program with a screen like the update screen. Its memory is the reference for that
+// of the update screen.
 int main(int argc, char **argv)
 {
     QCoreApplication::setAttribute(Qt::AA_EnableHighDpiScaling, true);

@@ -234,7 +234,7 @@ QImage TestPackageList::background() const
 {
     for (const char *id : {"packageView", "scrollTrack"})
         m_screen->item(id)->setOpacity(0);
-    const QImage picture = shot();
+    QImage picture = shot();
     for (const char *id : {"packageView", "scrollTrack"})
         m_screen->item(id)->setOpacity(1);
     return picture;

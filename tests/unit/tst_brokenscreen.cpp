@@ -30,12 +30,12 @@ namespace {
 void refuse(const unsigned char *compiled)
 {
     constexpr int kVersionOffset = 8;
+    unsigned char *const version = const_cast<unsigned char *>(compiled) + kVersionOffset;
     const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
-    const auto version = reinterpret_cast<std::uintptr_t>(compiled) + kVersionOffset;
-    auto *const writable = reinterpret_cast<unsigned char *>(version);
-    if (mprotect(reinterpret_cast<void *>(version / page * page), page, PROT_READ | PROT_WRITE) < 0)
+    unsigned char *const start = version - reinterpret_cast<std::uintptr_t>(version) % page;
+    if (mprotect(start, page, PROT_READ | PROT_WRITE) < 0)
         qFatal("the compiled screen stays as it is");
-    *writable ^= 0xFFU;
+    *version ^= 0xFFU;
 }
 
 } // namespace
