@@ -1,3 +1,5 @@
+#include "compiledscreens.h"
+
 #include <QDir>
 #include <QFile>
 #include <QUrl>
@@ -6,24 +8,6 @@
 // Offers the compiled form of each screen to the QML engine. The loader that Qt generates for this
 // purpose calls functions that Qt 5.12 does not have. The engine uses a compiled form only when its
 // own version of Qt made it; otherwise it reads the source.
-
-// qmlcachegen makes these names.
-// NOLINTBEGIN(bugprone-reserved-identifier)
-namespace QmlCacheGeneratedCode {
-namespace _0x5f__main_qml {
-extern const unsigned char qmlData[];
-}
-namespace _0x5f__show_qml {
-extern const unsigned char qmlData[];
-}
-namespace _0x5f__TqButton_qml {
-extern const unsigned char qmlData[];
-}
-namespace _0x5f__RectangleProgress_qml {
-extern const unsigned char qmlData[];
-}
-} // namespace QmlCacheGeneratedCode
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 

@@ -1,4 +1,5 @@
 #include "child.h"
+#include "compiledscreens.h"
 #include "launch.h"
 
 #include <QGuiApplication>
@@ -11,18 +12,6 @@
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-// What the build has made of the screens. Named by qmlcachegen.
-// NOLINTBEGIN(bugprone-reserved-identifier)
-namespace QmlCacheGeneratedCode {
-namespace _0x5f__main_qml {
-extern const unsigned char qmlData[];
-}
-namespace _0x5f__show_qml {
-extern const unsigned char qmlData[];
-}
-} // namespace QmlCacheGeneratedCode
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 
