@@ -1,8 +1,11 @@
 #include "brackettranslator.h"
 #include "updatescreentest.h"
+#include "windowshot.h"
 
 #include <QFont>
 #include <QGuiApplication>
+#include <QQmlComponent>
+#include <QQmlContext>
 #include <QtTest>
 
 namespace {
@@ -28,6 +31,7 @@ private slots:
     void kernelDateFollowsItsLabelWithoutBlank();
     void placesOnTheScreen_data();
     void placesOnTheScreen();
+    void successTextIsDrawnAsAPlainText();
     void rowPlaces();
     void listStaysCenteredWithoutRows();
     void buttonLook();
@@ -139,6 +143,37 @@ void TestMainLook::placesOnTheScreen()
     QCOMPARE(place("progress").left(), place("label").right());
     QCOMPARE(place("progress").right(), width - 10);
     QVERIFY(qAbs(place("progress").center().y() - place("label").center().y()) <= 0.5);
+}
+
+void TestMainLook::successTextIsDrawnAsAPlainText()
+{
+    load();
+    m_screen->resize(QSize(1280, 800)); // wider than the text
+    QQuickItem *tip = m_screen->item("successTip");
+    tip->setVisible(true);
+    const QImage shown = windowShot(m_screen->window());
+    tip->setVisible(false);
+
+    QQmlComponent component(qmlContext(tip)->engine());
+    component.setData(R"(
+import QtQuick 2.12
+Text {
+    height: 320
+    anchors.horizontalCenter: parent ? parent.horizontalCenter : undefined
+    y: 240
+    color: "green"
+    font.pixelSize: 24
+})",
+                      QUrl());
+    const std::unique_ptr<QObject> object(component.create());
+    auto *plain = qobject_cast<QQuickItem *>(object.get());
+    QVERIFY2(plain, qPrintable(component.errorString()));
+    plain->setParentItem(tip->parentItem());
+    plain->setProperty("text", QString::fromUtf8(kSuccessTip));
+    // Where the screen puts it: below the other texts and the button.
+    plain->stackBefore(tip);
+    QVERIFY(hasInk(shown, Qt::darkGreen));
+    QCOMPARE(shown, windowShot(m_screen->window()));
 }
 
 void TestMainLook::rowPlaces()
