@@ -1,0 +1,294 @@
+"""Reads what a console printed, of any size: keeps what tells of an update, in bounded memory."""
+
+import io
+import re
+
+from .known import BLOCK, KILL, canonical
+
+PIECE = 1 << 20  # bytes read at a time
+LINE = 1000  # bytes that are kept of a line
+MOST = {"runs": 20, "own": 2000, "results": 2000, "packages": 2000, "unknown": 10}
+
+ESCAPES = re.compile(r"(?:\x1b\[|\x9b)[0-?]*[ -/]*[@-~]|(?:\x1b[\]PX^_]|[\x90\x98\x9d-\x9f])[^\x07\x1b\x9c]*"
+                     r"(?:\x07|\x1b\\|\x9c)?|\x1b[ -/]*[0-~]?")
+# What a recorder or the system log puts before each line.
+KERNEL = re.compile(r"(?:<\d+>)?\[ *\d+\.\d{3,9}(?: +\d+\.\d+)?\]:? ?")
+STAMP = re.compile(
+    KERNEL.pattern +
+    r"|[\[(]?\d{4}-\d\d-\d\d[T ]\d\d:\d\d:\d\d(?:[.,]\d+)?(?:Z| ?[+-]\d\d:?\d\d)?[\])]?[ :>|-]*"
+    r"|[\[(]?\d\d:\d\d:\d\d(?:[.,:]\d+)?[\])]?[ :>|-]*"
+    r"|(?:<\d+>)?[A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d \S+ (?:[a-z]\w*\.\w+ )?[\w./-]+(?:\[\d+\])?: ?")
+BOOT = re.compile(r"\[ *0\.000000\] (?:Booting |Linux version )")
+
+# The program's other lines.
+STAGED = re.compile(r"ota=================\s+(true|false)")
+LISTING = re.compile(r"sys_line:ls (\S+)")
+NO_IMAGE = re.compile(r"\bls: .*\*\.bin\b")
+RESULT = re.compile(r"result:\s+(-?\d+)\s+index:\s+(\d+)\s+ipkList\.length:\s+(\d+)")
+
+# The package manager's lines that name the package it works on, and what its messages look like.
+INSTALLS = re.compile(r"^(?:Installing|Upgrading|Downgrading|Reinstalling|Unpacking|Setting up|Configuring) ([\w.+-]*\w)\b")
+LOOKS_LIKE_A_MESSAGE = re.compile(
+    r"^(?:opkg|dpkg\S*|tar|cp|mkdir|rm|ls|sh|/bin/sh)[^\s:]*: |^\s?\* \S+: |^Collected errors:"
+    r"|\b(?:[Ee]rror|ERROR|[Ww]arning|WARNING|[Ff]ailed|FAILED|[Cc]annot|not found|Killed|Segmentation fault)\b")
+
+
+class Run:
+    """One run of the program, as far as the console shows it."""
+
+    def __init__(self, number):
+        self.first_line = self.last_line = number
+        self.kills = 0  # how often it was to end an earlier instance
+        self.staged = None  # packages were staged when it started; None: its start is not there
+        self.clicked = False  # the button was pressed
+        self.has_image = False  # an application image was there for it
+        self.begun = False  # packages are being installed
+        self.own = []  # the program's own lines, canonical; further blocks of a transfer are left out
+        self.block = None  # the last block that was sent, and how many there are
+        self.results = []  # (status, index, number of packages)
+        self.last_result_line = 0
+        self.packages = {}  # index: name
+        self.current = ""  # name of the package whose result is not there yet
+        self.texts = {}  # text of a row: number of the first line that has it
+        self.unknown = {}  # message that no row has: [number of its first line, how often]
+        self.more_unknown = 0
+        self._segments = [0, 0]  # places in `own` behind the last two inner blocks
+
+    @property
+    def has_ota(self):
+        return self.staged is not None
+
+    @property
+    def has_content(self):
+        return bool(self.own or self.results or self.clicked or self.begun)
+
+    def add_own(self, line):
+        if len(self.own) >= MOST["own"]:
+            return
+        self.own.append(line)
+        block = BLOCK.match(line)
+        if block and (block[2], block[3]) == ("2", "3"):
+            before, last = self._segments
+            if self.own[before:last] == self.own[last:]:
+                del self.own[last:]
+            else:
+                self._segments = [last, len(self.own)]
+
+    def add_result(self, status, index, count):
+        if len(self.results) >= MOST["results"]:
+            del self.results[MOST["results"] // 2]
+        self.results.append((status, index, count))
+        if self.current and len(self.packages) < MOST["packages"]:
+            self.packages[index] = self.current
+        self.current = ""
+
+    def add_unknown(self, text, number):
+        if text in self.unknown:
+            self.unknown[text][1] += 1
+        elif len(self.unknown) < MOST["unknown"]:
+            self.unknown[text] = [number, 1]
+        else:
+            self.more_unknown += 1
+
+
+class Console:
+    """The runs on a console; feed it lines, then close() it."""
+
+    def __init__(self, knowledge):
+        self._known = knowledge
+        self.runs = []  # the last ones
+        self.dropped_runs = 0
+        self._fragment = ""  # of a line that the kernel has interrupted
+        self._texts = [(_longest_part(loose), loose, text) for text, loose in knowledge.texts.items()]
+        self._starting = {text for row in knowledge.rows if row.pattern.fit([]) == "whole" and not row.screen
+                          for text in row.also}  # all that some starts print
+        self._booted = False
+        self._dull = set()  # raw lines of which nothing is kept
+
+    @property
+    def is_ours(self):
+        return bool(self.runs)
+
+    def _run(self, number, new=False):
+        if new or not self.runs or self._booted:
+            if len(self.runs) == MOST["runs"]:
+                del self.runs[0]
+                self.dropped_runs += 1
+            self.runs.append(Run(number))
+            self._booted = False
+        run = self.runs[-1]
+        run.last_line = number
+        return run
+
+    def feed(self, raw, number, is_whole=True):
+        """A line, without its end. The last one of all may be a part."""
+        if raw in self._dull:
+            return
+        text = cleaned(raw)
+        if BOOT.search(text):
+            self._booted = bool(self.runs)
+        bare = unstamped(text)
+        interruption = KERNEL.search(bare)
+        if self._fragment and not KERNEL.match(text):
+            if self._feed(self._fragment + bare, number, False):
+                self._fragment = ""
+                return
+            self._feed(self._fragment, number, False)
+            self._fragment = ""
+        elif interruption and interruption.start() > 0:
+            self._fragment = bare[:interruption.start()]
+            return
+        if not self._feed(bare, number, is_whole and not KERNEL.match(text)):
+            if len(self._dull) >= 1000:
+                self._dull.clear()
+            self._dull.add(raw)
+
+    def close(self):
+        if self._fragment:
+            self._feed(self._fragment, self.runs[-1].last_line if self.runs else 1, False)
+
+    def _feed(self, text, number, may_be_unknown):
+        """Takes a clean line. Returns whether it says anything."""
+        if self._take_own(text, number) or self._take_course(text, number):
+            return True
+        found = [row_text for part, loose, row_text in self._texts if part in text and loose.search(text)]
+        if not self.runs or self._booted:
+            if not any(row_text in self._starting for row_text in found):
+                return False
+            self._run(number)
+        for row_text in found:
+            self._run(number).texts.setdefault(row_text, number)
+        installs = INSTALLS.match(text)
+        if installs:
+            run = self._run(number)
+            run.current, run.begun = installs[1], True
+            return True
+        if not found and may_be_unknown and LOOKS_LIKE_A_MESSAGE.search(text):
+            self._run(number).add_unknown(text[:200], number)
+            return True
+        return bool(found)
+
+    def _take_own(self, text, number):
+        """A line of the program that the rows have, whatever stands before it."""
+        for begin in self._known.own_begin.finditer(text):
+            line = text[begin.start():].rstrip()
+            own = canonical(line)
+            if own not in self._known.own_lines:
+                continue
+            if own == KILL:
+                run = self.runs[-1] if self.runs else None
+                run = self._run(number, run is None or run.has_ota or run.has_content)
+                run.kills += 1
+                return True
+            run = self._run(number)
+            block = BLOCK.match(line)
+            if block:
+                run.block = int(block[2]), int(block[3])
+            run.add_own(own)
+            return True
+        return False
+
+    def _take_course(self, text, number):
+        """What tells how far the program is."""
+        staged, listing, result = STAGED.search(text), LISTING.search(text), RESULT.search(text)
+        if staged:
+            run = self._run(number)
+            if run.has_ota and (run.staged or run.has_content) or run.results or run.own:
+                run.begun = self._begun_before  # the listing was the next run's
+                run = self._run(number, new=True)
+            run.staged = staged[1] == "true"
+            self._staged_listings = 0
+        elif listing:
+            self._take_listing(listing[1], number)
+        elif result:
+            run = self._run(number)
+            status, index, count = map(int, result.groups())
+            if run.results and index <= run.results[-1][1]:
+                current = run.current
+                run = self._run(number, new=True)
+                run.current = current
+            run.begun = True
+            run.add_result(status, index, count)
+            run.last_result_line = number
+        elif text.startswith("ls: "):  # nothing to list
+            if self.runs and NO_IMAGE.search(text):
+                self.runs[-1].has_image = False
+        else:
+            return False
+        return True
+
+    _begun_before = False
+    _staged_listings = 0
+
+    def _take_listing(self, pattern, number):
+        """A listing is made at the start, for the button, and before the first package is installed."""
+        run = self._run(number)
+        self._begun_before = run.begun
+        if not run.has_ota:
+            return
+        if pattern.endswith(".bin"):
+            run.clicked, run.begun, run.has_image = True, False, True
+        elif not pattern.startswith("/tmp/ota/"):
+            run.begun = False
+            self._staged_listings = 0
+        else:
+            self._staged_listings += 1
+            run.begun = self._staged_listings > 1 if run.staged else run.clicked
+
+
+def cleaned(raw):
+    """The text of a line, without what a terminal would obey."""
+    text = ESCAPES.sub("", raw.decode("utf-8", "replace"))
+    return "".join(c if c.isprintable() else " " if c == "\t" else "" for c in text) if not text.isprintable() else text
+
+
+def unstamped(text):
+    for _ in range(3):
+        stamp = STAMP.match(text)
+        if not stamp or stamp.end() == 0:
+            break
+        text = text[stamp.end():]
+    return text
+
+
+def _longest_part(loose):
+    """Text that each line has in which the expression is found."""
+    parts = re.split(r"\[\^\\s'\\\"\]\+", loose.pattern)
+    return max((re.sub(r"\\(.)", r"\1", part) for part in parts), key=len)
+
+
+def lines_of(stream, progress=None):
+    """(line, number, is whole) of a binary file. What is too long of a line is left out."""
+    rest, number, after_cr = b"", 0, False
+    size = 0
+    while True:
+        piece = stream.read(PIECE)
+        if not piece:
+            break
+        size += len(piece)
+        if progress:
+            progress(size)
+        if after_cr and piece[:1] == b"\n":
+            piece = piece[1:]
+        after_cr = piece[-1:] == b"\r"
+        lines = (rest + piece).splitlines()
+        rest = lines.pop()[:LINE] if lines and piece[-1:] not in (b"\r", b"\n") else b""
+        for line in lines:
+            number += 1
+            yield line[:LINE], number, True
+    if rest:
+        yield rest, number + 1, False
+
+
+def read(source, knowledge, progress=None):
+    """The Console of a text, of bytes or of a binary file. `progress` is called with the bytes read so far."""
+    if isinstance(source, str):
+        source = source.encode("utf-8", "replace")
+    if isinstance(source, (bytes, bytearray)):
+        source = io.BytesIO(source)
+    console = Console(knowledge)
+    for line, number, is_whole in lines_of(source, progress):
+        if line:
+            console.feed(line, number, is_whole)
+    console.close()
+    return console
