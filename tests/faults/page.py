@@ -18,6 +18,21 @@ For whoever stands at the machine: find what the screen shows, then what the con
 the causes that are known, each with the steps of the update at which it strikes. Every cause is a row of
 `tests/faults/table.toml`, which `scripts/faults` runs on the simulated machine; this page is made from the same
 rows by `scripts/faults --page`, so change those and not the page.
+
+## Let a command read the console
+
+`scripts/explain` compares what a console printed with the same rows. It says which steps were done, where the
+update ended, what the screen shows then, the causes, and what to do. Time stamps, a boot log, escape sequences
+and lines of the kernel do no harm, nor does an end that is cut off; of several updates the last one counts.
+
+    scripts/explain console.log
+    scripts/explain --screen updated console.log    # when it is known what the screen shows
+    scripts/explain --json -                        # standard input; the facts as JSON, see --help
+    scripts/explain --one-file explain.pyz          # the command in one file, for a service laptop
+    python3 explain.pyz console.log                 # there: Python 3.9 or later, and nothing else
+
+The exit status is 0 after a good update, 1 after a failure or when the console does not tell, and 2 when the
+text is none of the program's. A good update and some failures leave the same console: then the report has both.
 """
 
 

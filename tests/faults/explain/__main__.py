@@ -32,7 +32,9 @@ exit status:
   only the number is known), and runs, the last one last. A run has
   verdict, first_line, last_line, ended_at, steps (texts),
   screens (name, colour, tips, success: what the screen shows after one of the causes),
-  cause_is_known, causes (do, and faults: fault, why, steps, rows), the likely ones first,
+  may_go_on (the update, when the console is cut off at its end),
+  cause_is_known, causes, the likely first: screen (its name), do, good (nothing is wrong then), and
+    faults (fault, why, steps, rows),
   others (text, line, faults, do: what the causes do not explain),
   unknown (line, times, text: messages that nobody knows yet), more_unknown (how many more lines there are)
 

@@ -5,7 +5,7 @@ import re
 
 from .known import BLOCK, KILL, canonical
 
-PIECE = 1 << 20  # bytes read at a time
+PIECE = 1 << 16  # bytes read at a time
 LINE = 1000  # bytes that are kept of a line
 MOST = {"runs": 20, "own": 2000, "results": 2000, "packages": 2000, "unknown": 10}
 
@@ -26,11 +26,16 @@ LISTING = re.compile(r"sys_line:ls (\S+)")
 NO_IMAGE = re.compile(r"\bls: .*\*\.bin\b")
 RESULT = re.compile(r"result:\s+(-?\d+)\s+index:\s+(\d+)\s+ipkList\.length:\s+(\d+)")
 
-# The package manager's lines that name the package it works on, and what its messages look like.
-INSTALLS = re.compile(r"^(?:Installing|Upgrading|Downgrading|Reinstalling|Unpacking|Setting up|Configuring) ([\w.+-]*\w)\b")
-LOOKS_LIKE_A_MESSAGE = re.compile(
-    r"^(?:opkg|dpkg\S*|tar|cp|mkdir|rm|ls|sh|/bin/sh)[^\s:]*: |^\s?\* \S+: |^Collected errors:"
-    r"|\b(?:[Ee]rror|ERROR|[Ww]arning|WARNING|[Ff]ailed|FAILED|[Cc]annot|not found|Killed|Segmentation fault)\b")
+# The package manager's lines that name the package it works on.
+INSTALLS_WORDS = ("Installing", "Upgrading", "Downgrading", "Reinstalling", "Unpacking", "Setting up", "Configuring")
+INSTALLS = re.compile(rf"^(?:{'|'.join(INSTALLS_WORDS)}) ([\w.+-]*\w)\b")
+# What its messages look like, and those of commands. Nothing is concluded from them: they are shown when no
+# row has them.
+MESSAGE_WORDS = ("rror", "ERROR", "arning", "WARNING", "ailed", "FAILED", "annot", "not found", "Killed",
+                 "Segmentation fault", "opkg: ", " * ")
+MESSAGE = re.compile("|".join(map(re.escape, MESSAGE_WORDS)))
+
+ESCAPES_IN_BYTES = re.compile(rb"\x1b\[[0-?]*[ -/]*[@-~]|\x1b\][^\x07\x1b\n]*\x07?")
 
 
 class Run:
@@ -43,7 +48,7 @@ class Run:
         self.clicked = False  # the button was pressed
         self.has_image = False  # an application image was there for it
         self.begun = False  # packages are being installed
-        self.own = []  # the program's own lines, canonical; further blocks of a transfer are left out
+        self.own = []  # the program's own lines, canonical; an inner block that follows like the one before is left out
         self.block = None  # the last block that was sent, and how many there are
         self.results = []  # (status, index, number of packages)
         self.last_result_line = 0
@@ -52,7 +57,7 @@ class Run:
         self.texts = {}  # text of a row: number of the first line that has it
         self.unknown = {}  # message that no row has: [number of its first line, how often]
         self.more_unknown = 0
-        self._segments = [0, 0]  # places in `own` behind the last two inner blocks
+        self._inner_block = 0  # place in `own` behind the last block that is neither the first nor the last one
 
     @property
     def has_ota(self):
@@ -68,11 +73,11 @@ class Run:
         self.own.append(line)
         block = BLOCK.match(line)
         if block and (block[2], block[3]) == ("2", "3"):
-            before, last = self._segments
-            if self.own[before:last] == self.own[last:]:
-                del self.own[last:]
+            answered = self.own[self._inner_block:]
+            if self.own[:self._inner_block][-len(answered):] == answered:
+                del self.own[self._inner_block:]
             else:
-                self._segments = [last, len(self.own)]
+                self._inner_block = len(self.own)
 
     def add_result(self, status, index, count):
         if len(self.results) >= MOST["results"]:
@@ -102,12 +107,12 @@ class Console:
         self._texts = [(_longest_part(loose), loose, text) for text, loose in knowledge.texts.items()]
         self._starting = {text for row in knowledge.rows if row.pattern.fit([]) == "whole" and not row.screen
                           for text in row.also}  # all that some starts print
+        course = ("ota===", "sys_line:", "ipkList.length", "*.bin", "[    0.000000]")
+        self._words = [word.encode() for word in (*knowledge.own_words, *course, *(part for part, _, _ in self._texts))]
+        self._message_words = [word.encode() for word in MESSAGE_WORDS + INSTALLS_WORDS]
         self._booted = False
+        self._before = {}  # texts of rows that came before a run is seen: its beginning may be lost
         self._dull = set()  # raw lines of which nothing is kept
-
-    @property
-    def is_ours(self):
-        return bool(self.runs)
 
     def _run(self, number, new=False):
         if new or not self.runs or self._booted:
@@ -115,18 +120,29 @@ class Console:
                 del self.runs[0]
                 self.dropped_runs += 1
             self.runs.append(Run(number))
+            self.runs[-1].texts, self._before = self._before, {}
             self._booted = False
         run = self.runs[-1]
         run.last_line = number
         return run
 
+    def may_say_something(self, block):
+        """Whether to feed the lines of the block: quickly, since most of a large input says nothing."""
+        if self._fragment:
+            return True
+        if b"\x1b" in block:
+            block = ESCAPES_IN_BYTES.sub(b"", block)
+        return any(word in block for word in self._words) or bool(self.runs) and any(
+            word in block for word in self._message_words)
+
     def feed(self, raw, number, is_whole=True):
         """A line, without its end. The last one of all may be a part."""
-        if raw in self._dull:
+        if raw in self._dull and not self._fragment:
             return
         text = cleaned(raw)
         if BOOT.search(text):
             self._booted = bool(self.runs)
+            self._before.clear()
         bare = unstamped(text)
         interruption = KERNEL.search(bare)
         if self._fragment and not KERNEL.match(text):
@@ -136,9 +152,11 @@ class Console:
             self._feed(self._fragment, number, False)
             self._fragment = ""
         elif interruption and interruption.start() > 0:
-            self._fragment = bare[:interruption.start()]
+            head = bare[:interruption.start()]
+            if not self._take_own(head, number):
+                self._fragment = head
             return
-        if not self._feed(bare, number, is_whole and not KERNEL.match(text)):
+        if not self._feed(bare, number, is_whole and not KERNEL.match(text)) and self.runs and not self._booted:
             if len(self._dull) >= 1000:
                 self._dull.clear()
             self._dull.add(raw)
@@ -152,10 +170,13 @@ class Console:
         if self._take_own(text, number) or self._take_course(text, number):
             return True
         found = [row_text for part, loose, row_text in self._texts if part in text and loose.search(text)]
-        if not self.runs or self._booted:
-            if not any(row_text in self._starting for row_text in found):
-                return False
-            self._run(number)
+        if any(row_text in self._starting for row_text in found):
+            run = self.runs[-1] if self.runs else None
+            self._run(number, run is not None and (run.has_ota or run.has_content))
+        elif not self.runs or self._booted:
+            for row_text in found:
+                self._before.setdefault(row_text, number)
+            return bool(found)
         for row_text in found:
             self._run(number).texts.setdefault(row_text, number)
         installs = INSTALLS.match(text)
@@ -163,7 +184,7 @@ class Console:
             run = self._run(number)
             run.current, run.begun = installs[1], True
             return True
-        if not found and may_be_unknown and LOOKS_LIKE_A_MESSAGE.search(text):
+        if not found and may_be_unknown and MESSAGE.search(text):
             self._run(number).add_unknown(text[:200], number)
             return True
         return bool(found)
@@ -196,6 +217,8 @@ class Console:
             if run.has_ota and (run.staged or run.has_content) or run.results or run.own:
                 run.begun = self._begun_before  # the listing was the next run's
                 run = self._run(number, new=True)
+            if not run.has_ota:  # its beginning is not lost
+                run.texts = {text: line for text, line in run.texts.items() if line >= run.first_line}
             run.staged = staged[1] == "true"
             self._staged_listings = 0
         elif listing:
@@ -223,7 +246,8 @@ class Console:
     def _take_listing(self, pattern, number):
         """A listing is made at the start, for the button, and before the first package is installed."""
         run = self._run(number)
-        self._begun_before = run.begun
+        if pattern.startswith("/tmp/ota/"):
+            self._begun_before = run.begun
         if not run.has_ota:
             return
         if pattern.endswith(".bin"):
@@ -257,10 +281,9 @@ def _longest_part(loose):
     return max((re.sub(r"\\(.)", r"\1", part) for part in parts), key=len)
 
 
-def lines_of(stream, progress=None):
-    """(line, number, is whole) of a binary file. What is too long of a line is left out."""
-    rest, number, after_cr = b"", 0, False
-    size = 0
+def blocks_of(stream, progress=None):
+    """(whole lines, whether the last one has an end) of a binary file. Of a long line only the beginning is kept."""
+    rest, size = b"", 0
     while True:
         piece = stream.read(PIECE)
         if not piece:
@@ -268,16 +291,14 @@ def lines_of(stream, progress=None):
         size += len(piece)
         if progress:
             progress(size)
-        if after_cr and piece[:1] == b"\n":
-            piece = piece[1:]
-        after_cr = piece[-1:] == b"\r"
-        lines = (rest + piece).splitlines()
-        rest = lines.pop()[:LINE] if lines and piece[-1:] not in (b"\r", b"\n") else b""
-        for line in lines:
-            number += 1
-            yield line[:LINE], number, True
+        end = piece.rfind(b"\n") + 1
+        if end:
+            yield rest + piece[:end], True
+            rest = piece[end:][:LINE]
+        else:
+            rest = (rest + piece)[:LINE]
     if rest:
-        yield rest, number + 1, False
+        yield rest, False
 
 
 def read(source, knowledge, progress=None):
@@ -287,8 +308,13 @@ def read(source, knowledge, progress=None):
     if isinstance(source, (bytes, bytearray)):
         source = io.BytesIO(source)
     console = Console(knowledge)
-    for line, number, is_whole in lines_of(source, progress):
-        if line:
-            console.feed(line, number, is_whole)
+    number = 0
+    for block, has_end in blocks_of(source, progress):
+        if console.may_say_something(block):
+            for number, line in enumerate(block.split(b"\n")[:-1] if has_end else [block], number + 1):
+                if line:
+                    console.feed(line[:LINE], number, has_end)
+        else:
+            number += block.count(b"\n")
     console.close()
     return console

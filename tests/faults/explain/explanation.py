@@ -1,6 +1,7 @@
 """Finds the rows of the fault table that leave such a console."""
 
 from .console import read
+from .known import SOUND
 
 GOOD, FAILED, UNDECIDED, UNKNOWN = "good", "failed", "undecided", "unknown"
 STATUS = {GOOD: 0, FAILED: 1, UNDECIDED: 1, UNKNOWN: 2}
@@ -24,7 +25,6 @@ PHASES = {
 # What it costs a row that something of the console is not as it says. The cheapest rows are the causes.
 MISSING_TEXT = 4
 OTHER_TEXT = 3
-OTHER_KILLS = 1
 OTHER_PHASE = 6
 OTHER_STATUS = 3
 OTHER_PLACE = 1  # of the package among the others
@@ -87,7 +87,7 @@ class Explained:
     def __init__(self, run, knowledge, screen):
         self.run = run
         self._known = knowledge
-        costs, owns = {}, {}
+        costs, owns, faultless = {}, {}, NEVER
         self.phases = phases_of(run)
         for row in knowledge.rows:
             if screen is not None and row.screen != screen:
@@ -95,14 +95,19 @@ class Explained:
             cost = results_cost(row, run) + own_cost(row, run, self._has_end, owns)
             if cost < NEVER:
                 cost += OTHER_PHASE * (row.screen in PHASES and not PHASES[row.screen] & self.phases)
-                cost += OTHER_KILLS * (row.kills != run.kills)
                 cost += MISSING_TEXT * sum(text not in run.texts for text in row.also)
                 cost += OTHER_TEXT * len(list(self._other_texts(row)))
+                if row.is_faultless:
+                    faultless = min(faultless, cost)
+                # Whether an earlier instance was ended, and how often, says the least.
+                if run.kills or run.has_ota:
+                    cost += (row.kills != run.kills) + (bool(row.kills) != bool(run.kills))
                 costs[row] = cost
         least = min(costs.values(), default=NEVER)
         self.rows = [row for row, cost in costs.items() if cost == least]
-        self._may_be_faultless = any(row.is_faultless and cost <= least + OTHER_KILLS for row, cost in costs.items())
-        self.rows.sort(key=lambda row: (not any(text in run.texts for text in row.also), not row.is_sound))
+        self._may_be_faultless = faultless <= least
+        self.rows.sort(key=lambda row: (min((knowledge.rows_with[text] for text in row.also if text in run.texts),
+                                            default=len(knowledge.rows)), not row.is_sound))
         self.is_known = bool(self.rows) and not any(
             text not in run.texts for text in self.rows[0].also) and least < OTHER_PHASE
         self.verdict = self._verdict()
@@ -118,6 +123,8 @@ class Explained:
                 yield text
 
     def _verdict(self):
+        if self.phases == {"idle"}:
+            return UNDECIDED  # nobody has pressed the button, for whatever reason
         sound = [self._is_good(row) for row in self.rows]
         if not any(sound):
             is_open = not self.rows or any(row.is_sound for row in self.rows)
@@ -180,16 +187,18 @@ class Explained:
 
     @property
     def causes(self):
-        """By advice: the faults, each with its steps and the reason why it is meant so."""
-        advices = {}
-        for row in self.rows:
-            fault = advices.setdefault(row.advice, {}).setdefault((row.fault, row.why), {"steps": [], "rows": []})
-            fault["rows"].append(row.name)
-            if row.where and row.where not in fault["steps"]:
-                fault["steps"].append(row.where)
-        return [{"do": self._known.advice[advice],
+        """By screen and advice: the faults, each with its steps and the reason why it is meant so."""
+        causes = {}
+        for screen in self.screens:
+            for row in (row for row in self.rows if row.screen == screen):
+                faults = causes.setdefault((screen, row.advice), {})
+                fault = faults.setdefault((row.fault, row.why), {"steps": [], "rows": []})
+                fault["rows"].append(row.name)
+                if row.where and row.where not in fault["steps"]:
+                    fault["steps"].append(row.where)
+        return [{"screen": screen, "do": self._known.advice[advice], "good": advice in SOUND,
                  "faults": [{"fault": fault, "why": why, **rest} for (fault, why), rest in faults.items()]}
-                for advice, faults in advices.items()]
+                for (screen, advice), faults in causes.items()]
 
     @property
     def others(self):
@@ -219,6 +228,7 @@ class Explained:
             "ended_at": self.ended_at,
             "steps": self.steps,
             "screens": screens,
+            "may_go_on": not self._has_end and bool(self.phases & {"installed", "image", "installing"}),
             "cause_is_known": self.is_known,
             "causes": self.causes,
             "others": list(self.others),

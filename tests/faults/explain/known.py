@@ -26,7 +26,6 @@ PLACES = {
 SIZE = re.compile(r"^Filesize: \d+\([0-9A-F]+H\)$")
 LENGTH = re.compile(r"\(len = -?\d+\)")
 BLOCK = re.compile(r"^(\[YModem\]: send the data package )\((\d+)/(\d+)\)\.$")
-MIDDLE = "(2/3)."
 
 
 def canonical(line):
@@ -173,12 +172,13 @@ class Knowledge:
         self.good_colour = data["good_colour"]
         self.own_lines = set.union({KILL}, *(pattern.own_lines for pattern in patterns.values()))
         # Where such a line begins, whatever stands before it.
-        begins = {re.escape(re.match(r"\[\w+\]|\S+", line)[0]) for line in self.own_lines}
-        self.own_begin = re.compile("|".join(sorted(begins, key=len, reverse=True)))
+        self.own_words = sorted({re.match(r"\[\w+\]|\S+", line)[0] for line in self.own_lines})
+        self.own_begin = re.compile("|".join(map(re.escape, self.own_words)))
         self.place_lines = {
             canonical(line): self.places[place]
             for place, names in PLACES.items() for name in names for line in data["lines"][name][-1:]}
         self.texts = {text: self._loose(text) for row in self.rows for text in row.also}
+        self.rows_with = {text: sum(text in row.also for row in self.rows) for text in self.texts}
         self.sound_screens = {text: {row.screen for row in self.rows if row.is_sound and text in row.also}
                               for text in self.texts}
 

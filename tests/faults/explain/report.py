@@ -10,6 +10,7 @@ SAYS = {
     "good": "GOOD: the update ended as it should.",
     "failed": "FAILED.",
     "undecided": "UNDECIDED: the console does not say how the update ended. The screen does.",
+    "idle": "UNDECIDED: no update was begun. The program waited for its button.",
     "unknown": "UNKNOWN: this is not the console of an update; no line of the program is in it.",
 }
 
@@ -20,6 +21,8 @@ def report(explanation):
     lines = [SAYS[facts["verdict"]]]
     if facts["runs"]:
         *earlier, last = facts["runs"]
+        if [screen["name"] for screen in last["screens"]] == ["idle"]:
+            lines = [SAYS["idle"]]
         lines += _last_run(last, len(facts["runs"]) + facts["dropped_runs"])
         if earlier:
             lines += ["", "Earlier runs:"]
@@ -47,10 +50,12 @@ def _last_run(run, count):
     yield from map(_item, steps)
     yield ""
     yield from _causes(run)
-    for other in run["others"]:
-        yield f"Also on the console, line {other['line']}, and not explained by that: {other['text']}"
-        yield from (_item(fault) for fault in other["faults"])
-        yield _item(f"Do: {other['do']}")
+    if run["others"]:
+        yield "Also on the console, as after other faults:"
+        remedies = [cause["do"] for cause in run["causes"]]
+        for other in run["others"]:
+            do = "" if other["do"] in remedies else f". Do: {other['do']}"
+            yield _item(f"line {other['line']}, {other['text']}: {'; or '.join(other['faults'])}{do}")
         yield ""
     if run["unknown"]:
         yield "Messages that nobody knows yet:"
@@ -64,15 +69,21 @@ def _last_run(run, count):
 def _screens(screens):
     for screen in screens:
         if screen["name"] == "":
-            yield "The screen is not there."
+            yield "There is no screen."
             continue
-        yield "The screen shows" + (" one of these:" if len(screens) > 1 and screen is screens[0] else
-                                    " or:" if len(screens) > 1 else ":")
+        yield "The screen shows:" if screen is screens[0] else "or:"
         tips = [tip for tip in screen["tips"] if tip]
         yield from (f"    {tip}" for tip in tips or [f"nothing ({screen['name']})"])
         if "success" in screen:
             yield f"    {screen['success']}"
     yield ""
+
+
+def _on_screen(screen):
+    if not screen["name"]:
+        return "there is no screen"
+    tips = [tip for tip in screen["tips"] if tip]
+    return f'the screen shows "{tips[0]}"' if tips else "the screen shows nothing"
 
 
 def _causes(run):
@@ -84,8 +95,24 @@ def _causes(run):
         yield "The console does not show a cause that is known. These end in the same way:"
         yield ""
     rows = sum(len(fault["rows"]) for cause in run["causes"] for fault in cause["faults"])
+    if run["verdict"] == "good" and not all(cause["good"] for cause in run["causes"]):
+        yield "All is well, unless one of the less likely cases below has come about, which look the same."
+        yield ""
+    if run["may_go_on"]:
+        yield "If the console is cut off here, the update may have gone on."
+        yield ""
+    names = {screen["name"]: screen for screen in run["screens"]}
+    said = None
     for cause in run["causes"]:
+        if len(names) > 1 and cause["screen"] != said:
+            said = cause["screen"]
+            yield f"If {_on_screen(names[said])}:"
+            yield ""
         yield textwrap.fill(f"Do: {cause['do']}", WIDTH)
+        if cause["good"] and (run["verdict"] == "good" or len(run["causes"]) > 1):
+            yield "  - nothing is wrong, or nothing that matters"
+            yield ""
+            continue
         for fault in cause["faults"][:MOST_FAULTS]:
             steps = f" ({', '.join(fault['steps'])})" if fault["steps"] else ""
             why = f". Meant so: {fault['why']}" if fault["why"] else ""
@@ -94,7 +121,7 @@ def _causes(run):
             yield f"  - and {len(cause['faults']) - MOST_FAULTS} more (--json has all)"
         yield ""
     if rows > 1:
-        yield f"The console cannot tell these {rows} cases apart; the likely ones come first."
+        yield f"The console cannot tell these {rows} cases of the fault table apart."
         yield ""
 
 
