@@ -229,6 +229,15 @@ def aNewRowIsExplainedAtOnce(_folder):
     same("good", explain(text_of(GOOD), Knowledge(data)).verdict)
 
 
+def whatNobodyKnowsIsShown(_folder):
+    found = explained(failing("grinder: cannot turn", "[YModem]: what is this"))
+    told = report(found)
+    same("failed", found.verdict)
+    assert "does not show a cause that is known" in told and KNOWN.screens["package failed"]["tips"][0] in told, told
+    assert "line 5: grinder: cannot turn" in told and "line 6: [YModem]: what is this" in told, told
+    assert "nobody knows" not in report(explained(GOOD))
+
+
 def twoFailuresAreBothTold(_folder):
     first, second = "preinst: no", "prerm: no"
     told = report(explained(failing(first, second)))

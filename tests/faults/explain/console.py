@@ -1,13 +1,14 @@
 """Reads what a console printed, of any size: keeps what tells of an update, in bounded memory."""
 
 import io
+import itertools
 import re
 
 from .known import BLOCK, KILL, canonical
 
 PIECE = 1 << 16  # bytes read at a time
 LINE = 1000  # bytes that are kept of a line
-MOST = {"runs": 20, "own": 2000, "results": 2000, "packages": 2000, "unknown": 10}
+MOST = {"begins": 4, "runs": 20, "own": 5000, "results": 2000, "packages": 2000, "unknown": 10}
 
 ESCAPES = re.compile(r"(?:\x1b\[|\x9b)[0-?]*[ -/]*[@-~]|(?:\x1b[\]PX^_]|[\x90\x98\x9d-\x9f])[^\x07\x1b\x9c]*"
                      r"(?:\x07|\x1b\\|\x9c)?|\x1b[ -/]*[0-~]?")
@@ -60,7 +61,7 @@ class Run:
         self._inner_block = 0  # place in `own` behind the last block that is neither the first nor the last one
 
     @property
-    def has_ota(self):
+    def has_start(self):
         return self.staged is not None
 
     @property
@@ -172,7 +173,7 @@ class Console:
         found = [row_text for part, loose, row_text in self._texts if part in text and loose.search(text)]
         if any(row_text in self._starting for row_text in found):
             run = self.runs[-1] if self.runs else None
-            self._run(number, run is not None and (run.has_ota or run.has_content))
+            self._run(number, run is not None and (run.has_start or run.has_content))
         elif not self.runs or self._booted:
             for row_text in found:
                 self._before.setdefault(row_text, number)
@@ -182,23 +183,23 @@ class Console:
         installs = INSTALLS.match(text)
         if installs:
             run = self._run(number)
-            run.current, run.begun = installs[1], True
+            run.current, run.begun = installs[1][:100], True
             return True
-        if not found and may_be_unknown and MESSAGE.search(text):
+        if not found and may_be_unknown and (MESSAGE.search(text) or self._known.own_begin.match(text)):
             self._run(number).add_unknown(text[:200], number)
             return True
         return bool(found)
 
     def _take_own(self, text, number):
         """A line of the program that the rows have, whatever stands before it."""
-        for begin in self._known.own_begin.finditer(text):
+        for begin in itertools.islice(self._known.own_begin.finditer(text), MOST["begins"]):
             line = text[begin.start():].rstrip()
             own = canonical(line)
             if own not in self._known.own_lines:
                 continue
             if own == KILL:
                 run = self.runs[-1] if self.runs else None
-                run = self._run(number, run is None or run.has_ota or run.has_content)
+                run = self._run(number, run is None or run.has_start or run.has_content)
                 run.kills += 1
                 return True
             run = self._run(number)
@@ -214,10 +215,10 @@ class Console:
         staged, listing, result = STAGED.search(text), LISTING.search(text), RESULT.search(text)
         if staged:
             run = self._run(number)
-            if run.has_ota and (run.staged or run.has_content) or run.results or run.own:
+            if run.has_start and (run.staged or run.has_content) or run.results or run.own:
                 run.begun = self._begun_before  # the listing was the next run's
                 run = self._run(number, new=True)
-            if not run.has_ota:  # its beginning is not lost
+            if not run.has_start:  # its beginning is not lost
                 run.texts = {text: line for text, line in run.texts.items() if line >= run.first_line}
             run.staged = staged[1] == "true"
             self._staged_listings = 0
@@ -248,7 +249,7 @@ class Console:
         run = self._run(number)
         if pattern.startswith("/tmp/ota/"):
             self._begun_before = run.begun
-        if not run.has_ota:
+        if not run.has_start:
             return
         if pattern.endswith(".bin"):
             run.clicked, run.begun, run.has_image = True, False, True

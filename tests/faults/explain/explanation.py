@@ -1,5 +1,7 @@
 """Finds the rows of the fault table that leave such a console."""
 
+import collections
+
 from .console import read
 from .known import SOUND
 
@@ -43,7 +45,7 @@ def phases_of(run):
         return {"installed", "image"}
     if run.begun:
         return {"installing"}
-    if not run.has_ota:
+    if not run.has_start:
         return {"none"}
     return {"image"} if run.has_image else {"clicked"} if run.clicked else {"idle"}
 
@@ -75,7 +77,7 @@ def own_cost(row, run, has_end, cache):
         cost = PARTS[fit]
         if not run.own and fit != "whole":
             cost = CUT
-        if fit in ("tail", "inside") and (run.has_ota or run.results):
+        if fit in ("tail", "inside") and (run.has_start or run.results):
             cost += WITHOUT_CUT_START
         cache[key] = cost
     return cache[key]
@@ -100,7 +102,7 @@ class Explained:
                 if row.is_faultless:
                     faultless = min(faultless, cost)
                 # Whether an earlier instance was ended, and how often, says the least.
-                if run.kills or run.has_ota:
+                if run.kills or run.has_start:
                     cost += (row.kills != run.kills) + (bool(row.kills) != bool(run.kills))
                 costs[row] = cost
         least = min(costs.values(), default=NEVER)
@@ -110,6 +112,9 @@ class Explained:
                                             default=len(knowledge.rows)), not row.is_sound))
         self.is_known = bool(self.rows) and not any(
             text not in run.texts for text in self.rows[0].also) and least < OTHER_PHASE
+        if not self.is_known:
+            remedies = collections.Counter(row.advice for row in self.rows)
+            self.rows.sort(key=lambda row: -remedies[row.advice])
         self.verdict = self._verdict()
 
     def _other_texts(self, row):
@@ -125,6 +130,8 @@ class Explained:
     def _verdict(self):
         if self.phases == {"idle"}:
             return UNDECIDED  # nobody has pressed the button, for whatever reason
+        if self.phases == {"failed"}:
+            return FAILED
         sound = [self._is_good(row) for row in self.rows]
         if not any(sound):
             is_open = not self.rows or any(row.is_sound for row in self.rows)
@@ -145,7 +152,9 @@ class Explained:
 
     @property
     def screens(self):
-        return list(dict.fromkeys(row.screen for row in self.rows))
+        if self.rows:
+            return list(dict.fromkeys(row.screen for row in self.rows))
+        return [screen for screen, phases in PHASES.items() if phases == self.phases and screen in self._known.screens]
 
     @property
     def steps(self):
@@ -156,7 +165,7 @@ class Explained:
         run = self.run
         if run.kills:
             yield "an earlier instance was ended"
-        if run.has_ota:
+        if run.has_start:
             yield "started: " + ("packages were staged" if run.staged else "no package was staged, the button was awaited")
         if run.clicked:
             yield "the button was pressed"
@@ -241,7 +250,9 @@ class Explanation:
     """What a console says: the last run of the program gives the verdict."""
 
     def __init__(self, console, knowledge, screen=None):
-        self.runs = [Explained(run, knowledge, screen) for run in console.runs]
+        last = len(console.runs) - 1
+        self.runs = [Explained(run, knowledge, screen if number == last else None)
+                     for number, run in enumerate(console.runs)]
         self.dropped_runs = console.dropped_runs
 
     @property

@@ -177,6 +177,7 @@ class Knowledge:
         self.place_lines = {
             canonical(line): self.places[place]
             for place, names in PLACES.items() for name in names for line in data["lines"][name][-1:]}
+        self._example = self._examples()
         self.texts = {text: self._loose(text) for row in self.rows for text in row.also}
         self.rows_with = {text: sum(text in row.also for row in self.rows) for text in self.texts}
         self.sound_screens = {text: {row.screen for row in self.rows if row.is_sound and text in row.also}
@@ -196,19 +197,18 @@ class Knowledge:
         """The steps of the control board's update that the lines show, in order."""
         return list(dict.fromkeys(self.place_lines[line] for line in own_lines if line in self.place_lines))
 
+    def _examples(self):
+        """A regular expression for the files, names and versions of the packages that the rows install."""
+        files = {file.rpartition("/")[2] for row in self.rows for file in row.staged + row.stick}
+        parts = [match.groups() for match in (re.match(r"(?:\d+-)?(.+?)_(\d[\d.]*\d)", file) for file in files) if match]
+        parts += [line.split() for row in self.rows for line in row.installed]
+        names = sorted({name for name, _ in parts})
+        versions = sorted({version for _, version in parts if "." in version})
+        words = "|".join(map(re.escape, sorted(names + versions, key=len, reverse=True)))
+        return re.compile(rf"/tmp/ota/[^\s'\"]+|(?<![\w.-])(?:{words})(?![\w-]|\.\d)")
+
     def _loose(self, text):
         """A regular expression for a row's text that takes other packages, too."""
-        if not hasattr(self, "_example"):
-            files = {file.rpartition("/")[2] for row in self.rows for file in row.staged + row.stick}
-            parts = [re.match(r"(?:\d+-)?(.+?)_([\d.]+\d)", file) for file in files]
-            installed = [line.split() for row in self.rows for line in row.installed]
-            names = {part[1] for part in parts if part} | {words[0] for words in installed}
-            versions = {part[2] for part in parts if part} | {words[1] for words in installed}
-            versions = {version for version in versions if "." in version}
-            self._example = re.compile("|".join((
-                r"(?P<file>/tmp/ota/[^\s'\"]+)",
-                rf"(?P<name>(?<![\w-])(?:{'|'.join(map(re.escape, sorted(names, key=len, reverse=True)))})(?![\w-]))",
-                rf"(?P<version>(?<![\w.])(?:{'|'.join(map(re.escape, sorted(versions, key=len, reverse=True)))})(?![\w.]))")))
         parts, end = [], 0
         for example in self._example.finditer(text):
             parts += [re.escape(text[end:example.start()]), r"[^\s'\"]+"]
