@@ -43,7 +43,7 @@ def phases_of(run):
         return {"failed"} if status else {"installed"} if index + 1 >= count else {"installing"}
     if run.own:
         return {"installed", "image"}
-    if run.begun:
+    if run.begun or run.staged:
         return {"installing"}
     if not run.has_start:
         return {"none"}
