@@ -121,14 +121,16 @@ def consolesThatAreCutOffAreExplained(_folder):
 
 def lastRunGivesTheVerdict(_folder):
     all_consoles = dict((row.name, lines) for row, lines in consoles())
+    before = {name: names(explained(all_consoles[name]))
+              for name in ("nothing-wrong", "preinst-fails", "stick-missing", "nak@block:middle")}
     failures = []
     for name, lines in all_consoles.items():
         clean = explained(lines)
-        for earlier in "nothing-wrong", "preinst-fails", "stick-missing", "nak@block:middle":
+        for earlier, rows in before.items():
             found = explained(all_consoles[earlier] + lines)
             if names(found) != names(clean) or found.verdict != clean.verdict or len(found.runs) < 2:
                 failures.append(f"{name} after {earlier}: {found.verdict}, {len(found.runs)}, {names(found)[:4]}")
-            elif names(explained(all_consoles[earlier])) != [row.name for row in found.runs[0].rows]:
+            elif rows != [row.name for row in found.runs[0].rows]:
                 failures.append(f"{earlier} before {name}: {[row.name for row in found.runs[0].rows][:4]}")
     check(failures)
 

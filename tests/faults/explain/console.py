@@ -8,7 +8,7 @@ from .known import BLOCK, KILL, canonical
 
 PIECE = 1 << 16  # bytes read at a time
 LINE = 1000  # bytes that are kept of a line
-MOST = {"begins": 4, "runs": 20, "own": 5000, "results": 2000, "packages": 2000, "unknown": 10}
+MOST = {"begins": 4, "runs": 20, "own": 5000, "results": 2000, "packages": 2000, "texts": 200, "unknown": 10}
 
 ESCAPES = re.compile(r"(?:\x1b\[|\x9b)[0-?]*[ -/]*[@-~]|(?:\x1b[\]PX^_]|[\x90\x98\x9d-\x9f])[^\x07\x1b\x9c]*"
                      r"(?:\x07|\x1b\\|\x9c)?|\x1b[ -/]*[0-~]?")
@@ -55,7 +55,7 @@ class Run:
         self.last_result_line = 0
         self.packages = {}  # index: name
         self.current = ""  # name of the package whose result is not there yet
-        self.texts = {}  # text of a row: number of the first line that has it
+        self.texts = {}  # (texts of rows, the longest of them that is there to the letter): their first line
         self.unknown = {}  # message that no row has: [number of its first line, how often]
         self.more_unknown = 0
         self._inner_block = 0  # place in `own` behind the last block that is neither the first nor the last one
@@ -170,16 +170,17 @@ class Console:
         """Takes a clean line. Returns whether it says anything."""
         if self._take_own(text, number) or self._take_course(text, number):
             return True
-        found = [row_text for part, loose, row_text in self._texts if part in text and loose.search(text)]
+        found = frozenset(row_text for part, loose, row_text in self._texts if part in text and loose.search(text))
+        evidence = found, max((row_text for row_text in found if row_text in text), key=len, default="")
         if any(row_text in self._starting for row_text in found):
             run = self.runs[-1] if self.runs else None
             self._run(number, run is not None and (run.has_start or run.has_content))
         elif not self.runs or self._booted:
-            for row_text in found:
-                self._before.setdefault(row_text, number)
+            if found and len(self._before) < MOST["texts"]:
+                self._before.setdefault(evidence, number)
             return bool(found)
-        for row_text in found:
-            self._run(number).texts.setdefault(row_text, number)
+        if found and len(self.runs[-1].texts) < MOST["texts"]:
+            self._run(number).texts.setdefault(evidence, number)
         installs = INSTALLS.match(text)
         if installs:
             run = self._run(number)
@@ -219,7 +220,7 @@ class Console:
                 run.begun = self._begun_before  # the listing was the next run's
                 run = self._run(number, new=True)
             if not run.has_start:  # its beginning is not lost
-                run.texts = {text: line for text, line in run.texts.items() if line >= run.first_line}
+                run.texts = {found: line for found, line in run.texts.items() if line >= run.first_line}
             run.staged = staged[1] == "true"
             self._staged_listings = 0
         elif listing:

@@ -27,6 +27,7 @@ PHASES = {
 # What it costs a row that something of the console is not as it says. The cheapest rows are the causes.
 MISSING_TEXT = 4
 OTHER_TEXT = 3
+LESS_EXACT = 1  # another row has more of a line to the letter
 OTHER_PHASE = 6
 OTHER_STATUS = 3
 OTHER_PLACE = 1  # of the package among the others
@@ -91,14 +92,17 @@ class Explained:
         self._known = knowledge
         costs, owns, faultless = {}, {}, NEVER
         self.phases = phases_of(run)
+        self._found = {text for found, _ in run.texts for text in found}
         for row in knowledge.rows:
             if screen is not None and row.screen != screen:
                 continue
             cost = results_cost(row, run) + own_cost(row, run, self._has_end, owns)
             if cost < NEVER:
                 cost += OTHER_PHASE * (row.screen in PHASES and not PHASES[row.screen] & self.phases)
-                cost += MISSING_TEXT * sum(text not in run.texts for text in row.also)
+                cost += MISSING_TEXT * sum(text not in self._found for text in row.also)
                 cost += OTHER_TEXT * len(list(self._other_texts(row)))
+                cost += LESS_EXACT * sum(exact not in row.also and any(text in exact for text in found.intersection(row.also))
+                                         for found, exact in run.texts)
                 if row.is_faultless:
                     faultless = min(faultless, cost)
                 # Whether an earlier instance was ended, and how often, says the least.
@@ -108,24 +112,25 @@ class Explained:
         least = min(costs.values(), default=NEVER)
         self.rows = [row for row, cost in costs.items() if cost == least]
         self._may_be_faultless = faultless <= least
-        self.rows.sort(key=lambda row: (min((knowledge.rows_with[text] for text in row.also if text in run.texts),
+        self.rows.sort(key=lambda row: (min((knowledge.rows_with[text] for text in row.also if text in self._found),
                                             default=len(knowledge.rows)), not row.is_sound))
         self.is_known = bool(self.rows) and not any(
-            text not in run.texts for text in self.rows[0].also) and least < OTHER_PHASE
+            text not in self._found for text in self.rows[0].also) and least < OTHER_PHASE
         if not self.is_known:
             remedies = collections.Counter(row.advice for row in self.rows)
             self.rows.sort(key=lambda row: -remedies[row.advice])
         self.verdict = self._verdict()
 
     def _other_texts(self, row):
-        """Texts of other rows that this one does not explain. Those of a sound row come in any update, but
-        once all packages have their result they tell which screen comes."""
-        for text in self.run.texts:
-            if text in row.also:
+        """The texts of other rows, and their lines, that this one does not explain. Those of a sound row come in
+        any update, but once all packages have their result they tell which screen comes."""
+        for (found, exact), line in self.run.texts.items():
+            if not found.isdisjoint(row.also):
                 continue
-            screens = self._known.sound_screens[text]
-            if not screens or self.run.texts[text] > self.run.last_result_line > 0 and row.screen not in screens:
-                yield text
+            screens = [self._known.sound_screens[text] for text in found]
+            is_late = line > self.run.last_result_line > 0
+            if not all(screens) or is_late and not any(row.screen in names for names in screens):
+                yield exact or max(found, key=len), line
 
     def _verdict(self):
         if self.phases == {"idle"}:
@@ -202,7 +207,8 @@ class Explained:
             for row in (row for row in self.rows if row.screen == screen):
                 faults = causes.setdefault((screen, row.advice), {})
                 fault = faults.setdefault((row.fault, row.why), {"steps": [], "rows": []})
-                fault["rows"].append(row.name)
+                if row.name not in fault["rows"]:  # a row may be there with either solver
+                    fault["rows"].append(row.name)
                 if row.where and row.where not in fault["steps"]:
                     fault["steps"].append(row.where)
         return [{"screen": screen, "do": self._known.advice[advice], "good": advice in SOUND,
@@ -212,17 +218,13 @@ class Explained:
     @property
     def others(self):
         """Texts of other faults that the causes do not explain, with these faults."""
-        if not self.rows:
-            texts = list(self.run.texts)
-        else:
-            texts = [text for text in self._other_texts(self.rows[0]) if not any(text in row.also for row in self.rows)]
-        for text in texts:
-            if self._known.sound_screens[text]:
-                continue
+        explained = {text for row in self.rows for text in row.also}
+        for text, line in self._other_texts(self.rows[0] if self.rows else self._known.rows[0]):
             rows = [row for row in self._known.rows if text in row.also]
+            if text in explained or any(row.is_sound for row in rows):
+                continue
             rows.sort(key=lambda row: row.screen not in self.screens)
-            yield {"text": text, "line": self.run.texts[text],
-                   "faults": list(dict.fromkeys(row.fault for row in rows))[:MOST_OTHERS],
+            yield {"text": text, "line": line, "faults": list(dict.fromkeys(row.fault for row in rows))[:MOST_OTHERS],
                    "do": self._known.advice[rows[0].advice]}
 
     def facts(self):

@@ -10,6 +10,7 @@ FIELDS = ("name", "fault", "where", "why", "advice", "screen", "progress", "resu
 INSIDE = "known.json"  # the same in the copy that is one file
 SOUND = ("done", "harmless")  # advice of the rows that end well
 KILL = "enter kill"
+OWN_FOLDERS = ("dev", "mnt", "root", "tmp")  # of the program's fixed paths
 # The steps of the control board's update ([places]), by the lines ([lines]) that show them.
 PLACES = {
     "start-command": ("start0", "start-1", "start-2", "start-3"),
@@ -198,14 +199,17 @@ class Knowledge:
         return list(dict.fromkeys(self.place_lines[line] for line in own_lines if line in self.place_lines))
 
     def _examples(self):
-        """A regular expression for the files, names and versions of the packages that the rows install."""
+        """A regular expression for what a text names of the packages that its row installs: their files, names,
+        versions, and what they put anywhere but in the program's own folders; also the numbers that they bring."""
         files = {file.rpartition("/")[2] for row in self.rows for file in row.staged + row.stick}
         parts = [match.groups() for match in (re.match(r"(?:\d+-)?(.+?)_(\d[\d.]*\d)", file) for file in files) if match]
         parts += [line.split() for row in self.rows for line in row.installed]
-        names = sorted({name for name, _ in parts})
-        versions = sorted({version for _, version in parts if "." in version})
-        words = "|".join(map(re.escape, sorted(names + versions, key=len, reverse=True)))
-        return re.compile(rf"/tmp/ota/[^\s'\"]+|(?<![\w.-])(?:{words})(?![\w-]|\.\d)")
+        names = "|".join(map(re.escape, sorted({name for name, _ in parts}, key=len, reverse=True)))
+        versions = "|".join(map(re.escape, sorted({version for _, version in parts if "." in version})))
+        return re.compile(
+            rf"/tmp/ota/[^\s'\"]+|(?<=['\" ])/(?!(?:{'|'.join(OWN_FOLDERS)})/)[^\s'\",]*"
+            rf"|(?<![\w.-])(?:{names})(?:-(?:{versions})\.\w+)?(?![\w-])|(?<![\w.-])(?:{versions})(?![\w-])"
+            r"|(?<=[<>=] )[\d.]*\d|(?<= )\d+$")
 
     def _loose(self, text):
         """A regular expression for a row's text that takes other packages, too."""
@@ -219,7 +223,8 @@ class Knowledge:
 def data_of(table):
     """What a console needs of the loaded fault table, as plain data."""
     return {
-        "rows": [{name: getattr(row, name) for name in FIELDS} for row in table["rows"]],
+        "rows": [{name: getattr(row, name) for name in FIELDS} | other for row in table["rows"]
+                 for other in ({}, *filter(None, [getattr(row, "libsolv", None)]))],  # the row with another solver
         "lines": table["lines"],
         "advice": table["advice"],
         "screens": table["screens"],
