@@ -269,6 +269,8 @@ def listingsTellHowFarItCame(_folder):
 def theScreenTellsWhatTheConsoleDoesNot(_folder):
     handed_over = START + ["qml: result: 0    index: 0  ipkList.length: 1"]
     same("undecided", explained(handed_over).verdict)
+    for word in "cannot", "can't":  # the program's last command; both are in use
+        same("good", explained([*handed_over, f"rm: {word} remove '/root/mcu/*': No such file or directory"]).verdict)
     same("good", explain(text_of(handed_over), KNOWN, screen="updated").verdict)
     same("failed", explain(text_of(handed_over), KNOWN, screen="installing").verdict)
 

@@ -108,7 +108,7 @@ class Console:
         self._texts = [(_longest_part(loose), loose, text) for text, loose in knowledge.texts.items()]
         self._starting = {text for row in knowledge.rows if row.pattern.fit([]) == "whole" and not row.screen
                           for text in row.also}  # all that some starts print
-        course = ("ota===", "sys_line:", "ipkList.length", "*.bin", "[    0.000000]")
+        course = ("ota===", "sys_line:", "ipkList.length", "*.bin", "[    0.000000]", "can't")
         self._words = [word.encode() for word in (*knowledge.own_words, *course, *(part for part, _, _ in self._texts))]
         self._message_words = [word.encode() for word in MESSAGE_WORDS + INSTALLS_WORDS]
         self._booted = False
@@ -170,6 +170,7 @@ class Console:
         """Takes a clean line. Returns whether it says anything."""
         if self._take_own(text, number) or self._take_course(text, number):
             return True
+        text = text.replace("can't", "cannot")  # as other machines' commands say it
         found = frozenset(row_text for part, loose, row_text in self._texts if part in text and loose.search(text))
         evidence = found, max((row_text for row_text in found if row_text in text), key=len, default="")
         if any(row_text in self._starting for row_text in found):
