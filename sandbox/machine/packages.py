@@ -1,4 +1,4 @@
-"""Package files, and what the package manager has made of them."""
+"""Package files and the package database."""
 
 import pathlib
 import re
@@ -8,12 +8,12 @@ import subprocess
 from . import paths
 from .watch import text_of
 
-# How the program calls the package manager; the file follows.
+# The program calls the package manager like this, followed by the file.
 INSTALL = "opkg install --force-downgrade --force-reinstall --force-overwrite"
 
 
 class Packages:
-    """The package files in a folder, those of sandbox/packages by default, and the package database."""
+    """The package files in a folder (default: those of sandbox/packages) and the package database."""
 
     def __init__(self, folder=None):
         self._folder = folder and pathlib.Path(folder)
@@ -30,13 +30,13 @@ class Packages:
         return self._folder
 
     def stage(self, *files, folder=paths.STAGED):
-        """Copies package files to where the program finds them."""
+        """Copies package files to a folder in which the program finds them."""
         folder.mkdir(parents=True, exist_ok=True)
         for file in files:
             shutil.copy(self.folder / file, folder)
 
     def states(self):
-        """The "STATUS VERSION" of each package that the database knows, by its name."""
+        """The "STATUS VERSION" of each package in the database, by its name."""
         listing = subprocess.run(
             ["dpkg-query", f"--root={paths.ROOT}", "--show",
              "--showformat=${Package} ${db:Status-Status} ${Version}\n"],

@@ -14,21 +14,21 @@ import time
 import table
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
-# Nearly all of a row's time is waiting for the line, but not where the programs are emulated.
+# A row mostly waits for the serial line, so many machines run at a time; emulated programs need the processor.
 MACHINES_PER_CORE = 4 if os.environ.get("UPDATE_ASSISTANT_EMULATOR") else 16
 
 
 def parse_arguments():
     parser = argparse.ArgumentParser(prog="scripts/faults", description=__doc__)
-    parser.add_argument("rows", nargs="*", metavar="ROW", help="rows to run, * for any text (default: all)")
+    parser.add_argument("rows", nargs="*", metavar="ROW", help="rows to run, with * for any text (default: all)")
     parser.add_argument("--build", type=pathlib.Path, default=PROJECT / "build/dev",
                         help="build tree of the program (default: build/dev, which is built first)")
     parser.add_argument("--jobs", type=int, default=MACHINES_PER_CORE * (os.cpu_count() or 1),
-                        help="machines at a time (default: %(default)s)")
-    parser.add_argument("--list", action="store_true", help="list the rows and end")
+                        help="number of machines that run at a time (default: %(default)s)")
+    parser.add_argument("--list", action="store_true", help="list the rows without running them")
     parser.add_argument("--keep", type=pathlib.Path, metavar="DIR",
-                        help="keep each machine's state (console, screen, transcript) in DIR")
-    parser.epilog = "scripts/faults --page makes docs/failures.md from the table instead."
+                        help="keep the state of each machine (console, screen, transcript) in DIR")
+    parser.epilog = "scripts/faults --page runs no row; it generates docs/failures.md from the table."
     return parser.parse_args()
 
 
@@ -41,12 +41,12 @@ def chosen_rows(names):
 
 
 async def run_row(row, arguments, packages, machines):
-    """Returns the row, what is not as it says (empty when all is), and the seconds it took."""
+    """Returns the row, a text with the differences from it (empty without any), and the seconds it took."""
     build = arguments.build.resolve()
     state = []
     if arguments.keep:
         folder = arguments.keep / row.name.replace("/", "-")
-        shutil.rmtree(folder, ignore_errors=True)  # of an earlier run
+        shutil.rmtree(folder, ignore_errors=True)  # from an earlier run
         state = ["--state", folder]
     async with machines:
         started = time.monotonic()
@@ -58,7 +58,7 @@ async def run_row(row, arguments, packages, machines):
             output, _ = await machine.communicate()
         except asyncio.CancelledError:
             if machine.returncode is None:
-                machine.kill()  # and with it all that runs there
+                machine.kill()  # ends everything that runs on the machine
             await machine.communicate()
             raise
     found = output.decode(errors="replace") or f"the machine ended with {machine.returncode}\n"
@@ -66,7 +66,7 @@ async def run_row(row, arguments, packages, machines):
 
 
 async def run_rows(rows, arguments, packages):
-    """Runs the rows, those that take longest first, and prints a line each. Returns how many failed."""
+    """Runs the rows, the longest first, and prints the result of each. Returns the number of failures."""
     failed = 0
     machines = asyncio.Semaphore(arguments.jobs)
     longest_first = sorted(rows, key=lambda row: -row.limit)
@@ -90,7 +90,7 @@ def main():
     with tempfile.TemporaryDirectory() as packages:
         # The firmware is three blocks, the last one not full.
         subprocess.run([PROJECT / "sandbox/packages", "--faulty", "--firmware-size", "2500", packages], check=True)
-        (pathlib.Path(packages) / "pid").write_text("9999999")  # of no process; read-only on the machine
+        (pathlib.Path(packages) / "pid").write_text("9999999")  # no process has this id; read-only on the machine
         failed = asyncio.run(run_rows(rows, arguments, packages))
     print(f"{len(rows) - failed} passed, {failed} failed")
     return 1 if failed else 0

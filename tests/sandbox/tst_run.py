@@ -1,4 +1,4 @@
-"""The private machine, seen from the host. The folder of a fact is hidden on the machine, unless shown."""
+"""The simulated machine, seen from the host. The folder of a fact is hidden on the machine, unless shown."""
 
 import os
 import pathlib
@@ -79,6 +79,22 @@ def bindInAShownFolderIsWritable(folder):
     build.mkdir()
     sandbox("--bind", build, "--show", folder, "sh", "-c", f"echo inside >'{build}/file'")
     same("inside\n", text_of(build / "file"))
+
+
+# Of the host, --help and the README name only the folders that the last assertion adds.
+def noOtherFolderOfTheHostIsWritable(folder):
+    bound, profiles, state = (folder / name for name in ("bound", "profiles", "state"))
+    bound.mkdir()
+    profiles.mkdir()
+
+    def writable(*options, **variables):
+        mounts = (line.split() for line in sandbox(*options, "cat", "/proc/self/mountinfo", **variables).splitlines())
+        return {mount[4] for mount in mounts if "rw" in mount[5].split(",") and not mount[4].startswith(("/dev", "/proc"))}
+
+    own = writable(LLVM_PROFILE_FILE="")
+    same({"/etc/dpkg", "/mnt", "/root", "/run", "/run/machine", "/tmp"}, own)
+    same(own | {str(bound), str(profiles)},
+         writable("--bind", bound, "--state", state, "--show", folder, LLVM_PROFILE_FILE=str(profiles / "counters")))
 
 
 def showIsReadOnly(folder):
