@@ -24,6 +24,14 @@ UartRead uartRead(SerialPort &port, unsigned char *buffer, unsigned length, time
     return {result, out.take(), complaint};
 }
 
+void compareRead(const UartRead &read, int result, const QByteArray &out,
+                 const QByteArray &err = {})
+{
+    QCOMPARE(read.result, result);
+    QCOMPARE(read.out, out);
+    QCOMPARE(read.err, err);
+}
+
 constexpr timeval kShort{0, 20000};
 constexpr timeval kLong{kHangMs / 1000, 0};
 
@@ -51,9 +59,7 @@ void TestUartRead::uartReadTakesWhatIsThere()
     line.deliver("abc");
     unsigned char buffer[8] = {};
     const UartRead read = uartRead(line.port, buffer, 8, kLong);
-    QCOMPARE(read.result, 3);
-    QCOMPARE(read.out, QByteArray("   CurrentReadNum = 3\n"));
-    QCOMPARE(read.err, QByteArray());
+    compareRead(read, 3, "   CurrentReadNum = 3\n");
     QCOMPARE(QByteArray(reinterpret_cast<char *>(buffer), 8), QByteArray("abc\0\0\0\0\0", 8));
     QCOMPARE(line.discards(), 0);
 }
@@ -103,9 +109,7 @@ void TestUartRead::uartReadThatIsInterruptedIsASelectFailure()
     unsigned char buffer[4];
     const UartRead read = uartRead(line.port, buffer, 4, kShort);
     QCOMPARE(waits.asked(), QByteArray("1 x select 20000 us\n"));
-    QCOMPARE(read.result, -1);
-    QCOMPARE(read.out, QByteArray());
-    QCOMPARE(read.err, QByteArray("select error!!: Interrupted system call\n"));
+    compareRead(read, -1, {}, "select error!!: Interrupted system call\n");
 }
 
 void TestUartRead::uartReadTimesOutWithZero()
@@ -113,9 +117,7 @@ void TestUartRead::uartReadTimesOutWithZero()
     OpenLine line;
     unsigned char buffer[4] = {1, 2, 3, 4};
     const UartRead read = uartRead(line.port, buffer, 4, kShort);
-    QCOMPARE(read.result, 0);
-    QCOMPARE(read.out, QByteArray("   CurrentReadNum = 0\n"));
-    QCOMPARE(read.err, QByteArray());
+    compareRead(read, 0, "   CurrentReadNum = 0\n");
     QCOMPARE(QByteArray(reinterpret_cast<char *>(buffer), 4), QByteArray("\1\2\3\4"));
 }
 
@@ -124,9 +126,7 @@ void TestUartRead::uartReadOfAClosedPortIsASelectFailure()
     SerialPort port;
     unsigned char buffer[4];
     const UartRead read = uartRead(port, buffer, 4, kShort);
-    QCOMPARE(read.result, -1);
-    QCOMPARE(read.out, QByteArray());
-    QCOMPARE(read.err, QByteArray("select error!!: Bad file descriptor\n"));
+    compareRead(read, -1, {}, "select error!!: Bad file descriptor\n");
 }
 
 void TestUartRead::uartReadOfATooLargeDescriptorIsASelectFailure()
@@ -139,9 +139,7 @@ void TestUartRead::uartReadOfATooLargeDescriptorIsASelectFailure()
     line.send("x");
     unsigned char buffer[4];
     const UartRead read = uartRead(port, buffer, 4, kShort);
-    QCOMPARE(read.result, -1);
-    QCOMPARE(read.out, QByteArray());
-    QCOMPARE(read.err, QByteArray("select error!!: Bad file descriptor\n"));
+    compareRead(read, -1, {}, "select error!!: Bad file descriptor\n");
 }
 
 void TestUartRead::failedUartReadIs65535()
@@ -151,9 +149,7 @@ void TestUartRead::failedUartReadIs65535()
     QVERIFY(!openLogged(port, "/proc/self/mem").result);
     unsigned char buffer[4] = {1, 2, 3, 4};
     const UartRead read = uartRead(port, buffer, 4, kShort);
-    QCOMPARE(read.result, 65535);
-    QCOMPARE(read.out, QByteArray("   CurrentReadNum = 65535\n"));
-    QCOMPARE(read.err, QByteArray());
+    compareRead(read, 65535, "   CurrentReadNum = 65535\n");
 }
 
 void TestUartRead::uartCountHas16Bits()
