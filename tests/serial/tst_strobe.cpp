@@ -1,6 +1,4 @@
-#include "capture.h"
-#include "pty.h"
-#include "serialport.h"
+#include "openline.h"
 #include "waits.h"
 
 #include <QtTest>
@@ -83,14 +81,12 @@ void TestStrobe::init()
 
 void TestStrobe::strobe(Waits::Mode mode)
 {
-    Pty line;
-    SerialPort port;
-    QVERIFY(port.Open(line.path().constData(), "115200"));
+    OpenLine line;
     DescriptorCapture out(1);
     DescriptorCapture err(2);
     Waits waits(mode);
     waits.setBefore([this](const QByteArray &) { m_writesBefore.append(modem.writes.size()); });
-    port.StrobeDTRRTS();
+    line.port.StrobeDTRRTS();
     m_waits = waits.asked();
     m_err = err.take();
     m_out = out.take();
