@@ -83,14 +83,12 @@ class Screen(Display):
         self._machine.run("xdotool", "mousemove", "--window", self.window, x, y, "click", 1)
 
     def probe(self):
-        """Loads sandbox/screenprobe into the program, which then needs no display."""
+        """Loads the plugin sandbox/probe into the program, which then needs no display."""
         os.mkfifo(paths.SCREEN_CONTROL)
         self._machine.environment |= {
             "QT_QPA_PLATFORM": "offscreen",
-            "QT_QPA_GENERIC_PLUGINS": "screenprobe",
+            "QT_QPA_GENERIC_PLUGINS": f"screen:{paths.SCREEN_LOG}:{paths.SCREEN_CONTROL}",
             "QT_PLUGIN_PATH": str(self._machine.build / "plugins"),
-            "SCREEN_PROBE_LOG": str(paths.SCREEN_LOG),
-            "SCREEN_PROBE_CONTROL": str(paths.SCREEN_CONTROL),
         }
 
     def tell_probe(self, line):

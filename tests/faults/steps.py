@@ -202,7 +202,7 @@ fi""")
 
     def gone(self):
         """The classes of the program's objects, in the order of their destruction."""
-        return re.findall(r"^screenprobe: (.*) is gone$", self.machine.console.text, re.MULTILINE)
+        return re.findall(r"^probe: (.*) is gone$", self.machine.console.text, re.MULTILINE)
 
     def _is_idle(self):
         button = self.machine.screen.items.get("udisk", {})
