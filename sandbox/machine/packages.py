@@ -1,9 +1,10 @@
 """Package files and the package database."""
 
 import pathlib
-import re
 import shutil
 import subprocess
+
+from ipk.control import stanzas
 
 from . import paths
 from .watch import text_of
@@ -36,17 +37,11 @@ class Packages:
             shutil.copy(self.folder / file, folder)
 
     def states(self):
-        """The "STATUS VERSION" of each package in the database, by its name."""
-        listing = subprocess.run(
-            ["dpkg-query", f"--root={paths.ROOT}", "--show",
-             "--showformat=${Package} ${db:Status-Status} ${Version}\n"],
-            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, check=False).stdout
-        return dict(line.split(" ", 1) for line in listing.splitlines())
+        """The "STATUS VERSION" of each package that the database knows, by its name."""
+        return {fields["Package"]: f"{fields['Status'].split()[-1]} {fields['Version']}"
+                for fields in stanzas(text_of(paths.DATABASE))}
 
     def installed(self):
-        """The installed packages as "NAME VERSION", in the order of their installation."""
-        log = text_of(paths.STATE / "dpkg.log")
-        times = {name: time for time, name in enumerate(re.findall(r" status installed ([^:]*):", log))}
-        states = sorted(self.states().items(), key=lambda state: times.get(state[0], -1))
-        return [f"{name} {state.removeprefix('installed ')}" for name, state in states
-                if state.startswith("installed ")]
+        """The installed packages as "NAME VERSION", sorted."""
+        return sorted(f"{name} {state.removeprefix('installed ')}" for name, state in self.states().items()
+                      if state.startswith("installed "))

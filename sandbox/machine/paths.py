@@ -13,9 +13,10 @@ BOARD_DEVICE = pathlib.Path("/dev/ttymxc1")
 
 # The state of the machine.
 STATE = pathlib.Path("/run/machine")
-ROOT = STATE / "root"  # where packages are installed
 CALLS = STATE / "calls.log"  # calls of the package manager and the main application
-PACKAGED_FIRMWARE = ROOT / "usr/share/machine/firmware/UpdataSystem.bin"
+PACKAGED_FIRMWARE = pathlib.Path("/usr/share/machine/firmware/UpdataSystem.bin")
+DATABASE = pathlib.Path("/var/lib/opkg/status")  # of the package manager
+PACKAGE_SETTINGS = pathlib.Path("/etc/opkg/opkg.conf")
 
 # Logs.
 PROGRAM_LOG = STATE / "program.log"  # output of the program and its commands
