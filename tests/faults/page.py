@@ -2,13 +2,16 @@
 
 import argparse
 import pathlib
+import re
 import sys
 
 import table
 
 PAGE = pathlib.Path(__file__).resolve().parents[2] / "docs/failures.md"
+RULES = PAGE.with_name("packages.md")
 COLOURS = {"#ffffff": "white", "#ffff00": "yellow", "#ff0000": "red", "#008000": "green"}
 # Beginnings of the output lines that distinguish failures; an update without a failure prints the others too.
+BROKEN = "broken in green"  # advice of the rows whose success is none
 TELLING = ("[error]", "[NAK]", "[CA]", "ERROR: ", "select error")
 
 HEAD = """\
@@ -28,7 +31,7 @@ def sections(data):
     for screen in (*data["screens"], ""):
         advices = {}
         for row in data["rows"]:
-            if row.final_screen == screen and not row.fault.startswith("none"):
+            if row.final_screen == screen and row.advice != BROKEN and not row.fault.startswith("none"):
                 advices.setdefault(row.advice, {}).setdefault(telling_lines(row, data), []).append(row)
         if advices:
             yield screen, advices
@@ -37,7 +40,7 @@ def sections(data):
 def telling_lines(row, data):
     """The output lines that distinguish this failure, each once."""
     own = (line for line in flat(row.console, data) if line.startswith(TELLING))
-    return tuple(dict.fromkeys((*own, *row.also)))
+    return tuple(dict.fromkeys((*own, *row.also))), tuple(row.libsolv.get("also", ()))
 
 
 def flat(entries, data):
@@ -79,7 +82,8 @@ def check_button(screen, advices, data):
 
 
 def code(text):
-    fence = "``" if "`" in text else "`"
+    longest = max(map(len, re.findall("`+", text)), default=0)
+    fence = "`" * (longest + 1)
     return f"{fence}{text}{fence}"
 
 
@@ -91,7 +95,7 @@ def causes(rows):
     for why, faults in sorted(reasons.items(), key=lambda reason: not reason[0]):
         texts = [fault + steps(places) for fault, places in faults.items()]
         if why:
-            yield "; ".join(texts) + f". *Intended: {why}.*"
+            yield "; ".join(texts) + f". *Why: {why}.*"
         else:
             yield from texts
 
@@ -105,14 +109,31 @@ def advice_lines(advice, by_console, data):
     yield f"**Do:** {data['advice'][advice]}"
     yield ""
     for lines, rows in by_console.items():
-        yield "- " + (" and ".join(map(code, lines)) or "nothing unusual on the console") + ":"
+        yield f"- {quoted(lines)}:"
         yield from (f"  - {cause}" for cause in causes(rows))
     yield ""
 
 
+def quoted(lines):
+    """The output lines, and those of an opkg with libsolv where they are others."""
+    own, libsolv = (" and ".join(map(code, some)) for some in lines)
+    return f"{own}, or {libsolv}" if libsolv else own or "nothing unusual on the console"
+
+
+def broken_in_green(data):
+    """The section about a success that the screen shows although files are broken."""
+    rows = [row for row in data["rows"] if row.advice == BROKEN]
+    by_console = {}
+    for row in rows:
+        by_console.setdefault(telling_lines(row, data), []).append(row)
+    return ["## Green is not proof", "", "The screen shows the success in green in these cases, although a file is broken. "
+            "Only the console tells.", "", *advice_lines(BROKEN, by_console, data),
+            "What the builder of a package does against it: [packages.md](packages.md#room).", ""]
+
+
 def page():
     data = table.load()
-    lines = [HEAD]
+    lines = [HEAD, *broken_in_green(data)]
     for screen, advices in sections(data):
         check_button(screen, advices, data)
         lines += heading(screen, data)
@@ -127,6 +148,12 @@ def main():
     if not parser.parse_args().check:
         PAGE.write_text(page(), encoding="utf-8")
         return 0
+    names = {row.name for row in table.load()["rows"]}
+    unknown = [name for rows in re.findall(r"Rows?:((?:\s+`[^`]+`[,.])+)", RULES.read_text(encoding="utf-8"))
+               for name in re.findall("`([^`]+)`", rows) if name not in names]
+    if unknown:
+        print(f"docs/packages.md names rows that do not exist: {', '.join(unknown)}", file=sys.stderr)
+        return 1
     if PAGE.read_text(encoding="utf-8") == page():
         return 0
     print("docs/failures.md differs from tests/faults/table.toml: run scripts/faults --page", file=sys.stderr)

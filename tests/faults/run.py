@@ -28,12 +28,28 @@ def parse_arguments():
     parser.add_argument("--list", action="store_true", help="list the rows without running them")
     parser.add_argument("--keep", type=pathlib.Path, metavar="DIR",
                         help="keep the state of each machine (console, screen, transcript) in DIR")
+    parser.add_argument("--opkg", choices=("stand-in", "real"), default="stand-in",
+                        help="package manager: the stand-in (default), or the opkg on the PATH or in the variable OPKG; "
+                        "then only the rows in which it installs run, unless rows are named")
     parser.epilog = "scripts/faults --page runs no row; it generates docs/failures.md from the table."
     return parser.parse_args()
 
 
-def chosen_rows(names):
+def solver_of(opkg):
+    """The solver of the real opkg, for run_row.py; nothing for the stand-in."""
+    if opkg != "real":
+        return []
+    version = subprocess.run([PROJECT / "sandbox/run", "--opkg", "real", "sh", "-c", '"$SANDBOX_REAL_OPKG" --version'],
+                             stdout=subprocess.PIPE, text=True, check=False)
+    if version.returncode:
+        sys.exit(version.returncode)
+    return ["libsolv" if "libsolv" in version.stdout else "internal"]
+
+
+def chosen_rows(names, opkg):
     rows = table.load()["rows"]
+    if opkg == "real" and not names:
+        rows = [row for row in rows if row.area != "board" and row.results]
     chosen = [row for row in rows if not names or any(fnmatch.fnmatchcase(row.name, n) for n in names)]
     if not chosen:
         sys.exit("scripts/faults: there is no such row (try --list)")
@@ -51,8 +67,9 @@ async def run_row(row, arguments, packages, machines):
     async with machines:
         started = time.monotonic()
         machine = await asyncio.create_subprocess_exec(
-            PROJECT / "sandbox/run", *state, *row.machine, "--show", build, "--show", packages, "--",
+            PROJECT / "sandbox/run", *state, *row.machine, "--opkg", arguments.opkg, "--show", build, "--show", packages, "--",
             "/usr/bin/python3", "-B", PROJECT / "tests/faults/run_row.py", build, packages, row.name,
+            *arguments.solver,
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         try:
             output, _ = await machine.communicate()
@@ -82,7 +99,8 @@ async def run_rows(rows, arguments, packages):
 
 def main():
     arguments = parse_arguments()
-    rows = chosen_rows(arguments.rows)
+    rows = chosen_rows(arguments.rows, arguments.opkg)
+    arguments.solver = solver_of(arguments.opkg)
     if arguments.list:
         for row in rows:
             print(f"{row.area:10} {row.name:40} {row.fault}")

@@ -1,8 +1,9 @@
-"""Runs one row on the simulated machine: run_row.py BUILD PACKAGES ROW. Started by run.py.
+"""Runs one row on the simulated machine: run_row.py BUILD PACKAGES ROW [SOLVER]. Started by run.py.
 
 Prints every difference from the row. The exit status is 0 when there is none, else 1.
 """
 
+import dataclasses
 import linecache
 import pathlib
 import signal
@@ -110,11 +111,13 @@ def run(row, rows, machine):
     return list(verdict.differences(row, rows, log, steps, is_over=True))
 
 
-def main(build, packages, name):
+def main(build, packages, name, solver=""):
     for number in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM):
         signal.signal(number, signal.SIG_DFL)  # the caller may ignore them, and children inherit that
     rows = table.load()
     row = next(row for row in rows["rows"] if row.name == name)
+    if solver == "libsolv":
+        row = dataclasses.replace(row, **row.libsolv)
     with Machine(build, packages) as machine:
         found = run(row, rows, machine)
     for difference in found:

@@ -54,6 +54,10 @@ class Steps:
         """Installs a package file."""
         self.sh(f"opkg install {self.machine.packages.folder / file}")
 
+    def packaged_file_is_whole(self, file, path):
+        """Compares a file on the machine with that in the package file."""
+        self.sh(f"dpkg-deb --fsys-tarfile {self.machine.packages.folder / file} | tar -xO ./{path} | cmp - /{path}")
+
     def fill(self, folder):
         """Fills a folder that is a small file system."""
         self.sh(f"head -c 1M /dev/zero >{folder}/filler || true")

@@ -37,13 +37,14 @@ class Row:
     transfer: int | None = None  # result of the transfer; None: there was none
     console: list = field(default_factory=list)  # output lines of the program, see pattern() in verdict.py
     also: list = field(default_factory=list)  # other printed text, from the program or its commands
+    libsolv: dict = field(default_factory=dict)  # what differs with an opkg that has the solver libsolv
     installed: list = field(default_factory=list)  # packages in the database, "NAME VERSION"
     copied: list | None = None  # package files copied from the stick; /tmp/ota holds these and `staged` only
     calls: int | None = None  # number of calls of the package manager
     asked: list | None = None  # the arguments of its calls to install
     handed_over: int = 0  # number of calls of the main application
     image: str = "none"  # what the board received: "none", "whole", "part"
-    firmware: str = "/run/machine/root/usr/share/machine/firmware/UpdataSystem.bin"  # the whole image
+    firmware: str = "/usr/share/machine/firmware/UpdataSystem.bin"  # the whole image
     board_outcome: str = "ok"  # the `outcome` in the summary of boardsim
     struck: bool = True  # boardsim made each of its faults
     disk: dict = field(default_factory=dict)  # path: what exists there, see disk_state() in verdict.py
