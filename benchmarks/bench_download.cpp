@@ -5,8 +5,8 @@
 
 #include <cstdio>
 
-// bench_download URL FILE: downloads with the bridge in a process of its own, and prints its peak
-// memory in kilobytes.
+// bench_download URL FILE: downloads a file with the bridge and prints the peak memory of this
+// process in kilobytes.
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);

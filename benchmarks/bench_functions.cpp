@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <vector>
 
-// Compares functions of the program with plain loops that do the same, and measures getIpkList().
+// Measures functions of the program, plain loops with the same results, and getIpkList().
 
 namespace {
 
@@ -29,7 +29,7 @@ void frameSumOfTheProgram(benchmark::State &state)
 {
     const auto frame = someBytes(kLongestFrame);
     if (frameSum(frame.data(), kLongestFrame) != plainSum(frame.data(), kLongestFrame))
-        state.SkipWithError("another sum");
+        state.SkipWithError("wrong sum");
     for (auto _ : state) {
         const std::uint8_t *bytes = frame.data();
         benchmark::DoNotOptimize(bytes);
@@ -52,7 +52,7 @@ void crcOfTheProgram(benchmark::State &state)
     const auto block = someBytes(kBlock);
     CYModem sender;
     if (sender.attach_crc(block.data(), kBlock, 0) != plainCrc(block.data(), kBlock))
-        state.SkipWithError("another CRC");
+        state.SkipWithError("wrong CRC");
     for (auto _ : state) {
         const std::uint8_t *bytes = block.data();
         benchmark::DoNotOptimize(bytes);
@@ -76,12 +76,12 @@ void listing(benchmark::State &state)
     for (int i = 0; i < state.range(0); ++i) {
         QFile package(folder.filePath(QStringLiteral("package-%1_1.0.0.ipk").arg(i)));
         if (!package.open(QIODevice::WriteOnly))
-            state.SkipWithError("no package");
+            state.SkipWithError("cannot create a package");
     }
     FileIO bridge;
     const QString pattern = folder.filePath(QStringLiteral("*.ipk"));
     if (bridge.getIpkList(pattern).size() != state.range(0))
-        state.SkipWithError("another list");
+        state.SkipWithError("wrong list");
     for (auto _ : state)
         benchmark::DoNotOptimize(bridge.getIpkList(pattern));
 }

@@ -7,9 +7,9 @@
 #include <cstring>
 #include <unistd.h>
 
-// bench_receiver FILE: takes the place of rb for the program, as a boot loader that checks each
-// frame and answers it at once. Its line is the standard input and output. Ends, and so hangs up,
-// behind the end of the data.
+// bench_receiver FILE: a boot loader that receives a firmware, checks each frame and replies at
+// once. The program's transfer uses it in place of rb. The serial line is the standard input and
+// output. Exits after EOT, which hangs up the line.
 
 namespace {
 
@@ -18,8 +18,8 @@ enum : std::uint8_t { kSoh = 0x01, kStx = 0x02, kEot = 0x04, kAck = 0x06 };
 constexpr std::size_t kStartPayload = 128;
 constexpr std::size_t kDataPayload = 1024;
 constexpr std::size_t kCrcSize = 2;
-/// The program reads its answers ten bytes at a time and waits a second for those that do not come.
-constexpr std::size_t kAnswer = 10;
+/// The program reads replies of ten bytes and waits up to a second for missing bytes.
+constexpr std::size_t kReplySize = 10;
 
 [[noreturn]] void fail(const char *what)
 {
@@ -27,12 +27,12 @@ constexpr std::size_t kAnswer = 10;
     std::exit(1);
 }
 
-void answer(std::uint8_t control)
+void reply(std::uint8_t control)
 {
-    std::uint8_t bytes[kAnswer];
+    std::uint8_t bytes[kReplySize];
     std::memset(bytes, control, sizeof bytes);
     if (write(STDOUT_FILENO, bytes, sizeof bytes) != static_cast<ssize_t>(sizeof bytes))
-        fail("answer");
+        fail("reply");
 }
 
 void receive(std::uint8_t *bytes, std::size_t count)
@@ -56,21 +56,21 @@ void receive(std::uint8_t *bytes, std::size_t count)
     }
 }
 
-/// Whether the CRC behind the payload is that of the payload: then that of both is 0.
+/// Checks the CRC that follows the payload: the CRC of both together is 0.
 bool isWhole(const std::uint8_t *payload, std::size_t size)
 {
     const auto *const bytes = reinterpret_cast<const char *>(payload);
     return boardsim::crc16(QByteArray::fromRawData(bytes, int(size + kCrcSize))) == 0;
 }
 
-/// Receives what follows the frame's mark: block number, payload and CRC.
+/// Receives the rest of a frame after its first byte: block number, payload and CRC.
 void receiveFrame(std::uint8_t *payload, std::size_t size)
 {
     std::uint8_t block[2];
     receive(block, sizeof block);
     receive(payload, size + kCrcSize);
     if ((block[0] ^ block[1]) != 0xFF || !isWhole(payload, size)) {
-        std::fputs("a broken frame\n", stderr);
+        std::fputs("malformed frame\n", stderr);
         std::exit(1);
     }
 }
@@ -82,7 +82,7 @@ int main(int argc, char **argv)
     FILE *const image = argc == 2 ? std::fopen(argv[1], "wb") : nullptr;
     if (!image)
         fail("image");
-    answer('C');
+    reply('C');
     for (;;) {
         std::uint8_t mark = 0;
         receive(&mark, 1);
@@ -91,11 +91,11 @@ int main(int argc, char **argv)
         const std::size_t payload = mark == kStx ? kDataPayload : kStartPayload;
         static std::uint8_t bytes[kDataPayload + kCrcSize];
         receiveFrame(bytes, payload);
-        answer(kAck);
+        reply(kAck);
         if (mark == kStx && std::fwrite(bytes, 1, payload, image) != payload)
             fail("image");
     }
     std::fclose(image);
-    answer(kAck);
+    reply(kAck);
     return 0;
 }

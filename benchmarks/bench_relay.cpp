@@ -5,9 +5,9 @@
 #include <poll.h>
 #include <unistd.h>
 
-// Relays a YModem transfer between two serial lines: the sender is at descriptor 0, the receiver
-// at 1. Writes the duration in nanoseconds to descriptor 2, from the start frame to EOT, which
-// follows the ACK of the last block. Ends when one of the lines hangs up.
+// Relays a YModem transfer. Descriptor 0 is the line of the sender, descriptor 1 that of the
+// receiver. Writes the nanoseconds from the start frame to EOT to descriptor 2. Exits when one of
+// the lines hangs up.
 
 namespace {
 
@@ -36,7 +36,7 @@ void noteFromSender(Transfer &transfer, const std::uint8_t *bytes, ssize_t count
     dprintf(STDERR_FILENO, "%lld\n", static_cast<long long>(time.count()));
 }
 
-/// Returns whether the line is still there.
+/// Forwards what can be read. Returns false when the line has hung up.
 bool carry(int from, int to, Transfer &transfer)
 {
     std::uint8_t bytes[4096];

@@ -2,8 +2,7 @@
 #include <QQmlApplicationEngine>
 #include <QUrl>
 
-// The smallest program with a screen like the update screen. Its memory is the reference for that
-// of the update screen.
+// The smallest program with the imports of the update screen. Reference for start and memory.
 int main(int argc, char **argv)
 {
     QCoreApplication::setAttribute(Qt::AA_EnableHighDpiScaling, true);

@@ -5,7 +5,7 @@ import QtQuick.Window 2.12
 import Qt.labs.settings 1.0
 import "./"
 
-// The imports of the update screen and its component, a bar and a bilingual text.
+// The imports of the update screen and of its component, a bar and a bilingual text.
 Window {
     visible: true
     width: 600

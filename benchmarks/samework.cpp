@@ -5,8 +5,8 @@
 
 #include <cstdio>
 
-// The least program that does what the update screen does until it waits for a press of the button:
-// lists the two folders and shows the same texts, button and bar.
+// The smallest program that does the same as the program until it waits for a press of the button:
+// it lists the same folders and shows the same texts, button and bar. Reference for the start.
 
 namespace {
 

@@ -5,7 +5,7 @@ import QtQuick.Window 2.12
 import Qt.labs.settings 1.0
 import "./"
 
-// What is seen of the update screen while it waits, with its imports and its component.
+// The visible items of the waiting update screen, with its imports and its component.
 Window {
     visible: true
     width: 600

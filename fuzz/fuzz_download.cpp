@@ -23,7 +23,7 @@ namespace {
 constexpr int kMostAnswers = 4; // a redirect may lead to itself
 constexpr int kGiveUpMs = 300;
 
-HttpServer *server = nullptr;
+HttpServer *gServer = nullptr;
 
 } // namespace
 
@@ -33,7 +33,7 @@ int LLVMFuzzerInitialize(int *argc, char ***argv)
     beQuiet();
     static QCoreApplication application(*argc, *argv);
     static HttpServer theServer;
-    server = &theServer;
+    gServer = &theServer;
     return 0;
 }
 
@@ -44,9 +44,9 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     static const QTemporaryDir directory;
     const QString path = directory.filePath(QStringLiteral("download"));
     QFile::remove(path);
-    LoopbackManager manager(server->port());
+    LoopbackManager manager(gServer->port());
     QuickDownloadMaster::instance()->setNetworkAccessManager(&manager);
-    server->answer(piecesOfAnswer(data, size), kMostAnswers);
+    gServer->answer(piecesOfAnswer(data, size), kMostAnswers);
 
     int ends = 0;
     int news = 0;

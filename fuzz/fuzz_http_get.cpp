@@ -15,9 +15,9 @@
 namespace {
 
 constexpr int kFaster = 100;
-QElapsedTimer realTime;
+QElapsedTimer gRealTime;
 
-HttpServer *server = nullptr;
+HttpServer *gServer = nullptr;
 
 } // namespace
 
@@ -25,7 +25,7 @@ HttpServer *server = nullptr;
 QTime fastTime() __asm__("__wrap__ZN5QTime11currentTimeEv");
 QTime fastTime()
 {
-    return QTime(0, 0).addMSecs(static_cast<int>(realTime.elapsed() * kFaster));
+    return QTime(0, 0).addMSecs(static_cast<int>(gRealTime.elapsed() * kFaster));
 }
 
 // NOLINTNEXTLINE(readability-non-const-parameter): the fuzzer's interface
@@ -34,7 +34,7 @@ int LLVMFuzzerInitialize(int *argc, char ***argv)
     beQuiet();
     static QCoreApplication application(*argc, *argv);
     static HttpServer theServer;
-    server = &theServer;
+    gServer = &theServer;
     return 0;
 }
 
@@ -42,11 +42,11 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     if (size < 1)
         return 0;
-    realTime.start();
+    gRealTime.start();
     // A new one for each input, so that no connection is left over.
-    LoopbackManager manager(server->port());
+    LoopbackManager manager(gServer->port());
     QuickDownloadMaster::instance()->setNetworkAccessManager(&manager);
-    server->answer(piecesOfAnswer(data, size), 2);
+    gServer->answer(piecesOfAnswer(data, size), 2);
     {
         FileIO io;
         const bool post = data[0] & 4;

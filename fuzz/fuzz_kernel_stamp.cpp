@@ -13,7 +13,7 @@
 
 namespace {
 
-std::string kernelVersion;
+std::string gKernelVersion;
 constexpr int kLongestDate = 39;
 
 } // namespace
@@ -22,9 +22,9 @@ constexpr int kLongestDate = 39;
 extern "C" int __wrap_uname(utsname *kernel)
 {
     *kernel = utsname{};
-    if (kernelVersion.empty())
+    if (gKernelVersion.empty())
         return -1;
-    kernelVersion.copy(kernel->version, sizeof kernel->version - 1);
+    gKernelVersion.copy(kernel->version, sizeof kernel->version - 1);
     return 0;
 }
 
@@ -49,7 +49,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
         io.isNewKernel();
         return 0;
     }
-    kernelVersion = text;
+    gKernelVersion = text;
     const QString date = io.readKernelData();
     CHECK(!date.isEmpty());
     CHECK(date.size() <= kLongestDate);

@@ -14,8 +14,8 @@
 
 namespace {
 
-std::string printed;
-std::string command;
+std::string gPrinted;
+std::string gCommand;
 
 /// A simple model: the pieces of a text when up to `pieceSize` - 1 characters are read at a time.
 QStringList piecesOf(const std::string &text, std::size_t pieceSize)
@@ -54,9 +54,9 @@ std::string formatted(const std::string &text)
 
 extern "C" FILE *__wrap_popen(const char *text, const char * /*mode*/)
 {
-    command = text;
+    gCommand = text;
     // A stream in memory cannot be empty.
-    return printed.empty() ? nullptr : fmemopen(printed.data(), printed.size(), "r");
+    return gPrinted.empty() ? nullptr : fmemopen(gPrinted.data(), gPrinted.size(), "r");
 }
 
 extern "C" int __wrap_pclose(FILE *stream)
@@ -79,13 +79,13 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     const std::string input(data, data + size);
     const std::size_t zero = std::min(input.find('\0'), input.size());
     const std::string pattern = input.substr(0, zero);
-    printed = input.substr(std::min(zero + 1, input.size()));
+    gPrinted = input.substr(std::min(zero + 1, input.size()));
 
     FileIO io;
     const QStringList entries = io.getIpkList(QString::fromLatin1(pattern.c_str()));
-    CHECK(command == "ls " + formatted(pattern));
-    CHECK(entries == piecesOf(printed, 200));
-    CHECK(io.getMcuBin().size() == piecesOf(printed, 100).size());
-    CHECK(command == "ls /root/mcu/*.bin");
+    CHECK(gCommand == "ls " + formatted(pattern));
+    CHECK(entries == piecesOf(gPrinted, 200));
+    CHECK(io.getMcuBin().size() == piecesOf(gPrinted, 100).size());
+    CHECK(gCommand == "ls /root/mcu/*.bin");
     return 0;
 }

@@ -120,43 +120,43 @@ ssize_t Line::read(void *buffer, std::size_t length)
     return static_cast<ssize_t>(count);
 }
 
-Line line;
-int lineDescriptor = -1;
+Line gLine;
+int gLineDescriptor = -1;
 
 } // namespace
 
 void beginLine(const std::uint8_t *script, std::size_t size, AtEnd atEnd)
 {
     // One descriptor for every open of the serial line: only its number matters.
-    if (lineDescriptor < 0)
-        lineDescriptor = __real_open("/dev/null", O_RDWR | O_CLOEXEC);
-    line = Line{};
-    line.next = script;
-    line.end = script + size;
-    line.atEnd = atEnd;
-    line.acksLeft = kFinalAcks;
+    if (gLineDescriptor < 0)
+        gLineDescriptor = __real_open("/dev/null", O_RDWR | O_CLOEXEC);
+    gLine = Line{};
+    gLine.next = script;
+    gLine.end = script + size;
+    gLine.atEnd = atEnd;
+    gLine.acksLeft = kFinalAcks;
 }
 
 const std::vector<std::uint8_t> &takenFromLine()
 {
-    return line.taken;
+    return gLine.taken;
 }
 
 const std::vector<std::uint8_t> &writtenToLine()
 {
-    return line.written;
+    return gLine.written;
 }
 
 bool lineFailed()
 {
-    return line.failed;
+    return gLine.failed;
 }
 
 extern "C" {
 
 int __wrap_open(const char *path, int flags, mode_t mode)
 {
-    return std::strcmp(path, kLineName) == 0 ? lineDescriptor : __real_open(path, flags, mode);
+    return std::strcmp(path, kLineName) == 0 ? gLineDescriptor : __real_open(path, flags, mode);
 }
 
 int __wrap_open64(const char *path, int flags, mode_t mode)
@@ -166,34 +166,34 @@ int __wrap_open64(const char *path, int flags, mode_t mode)
 
 int __wrap_close(int fd)
 {
-    return fd == lineDescriptor ? 0 : __real_close(fd);
+    return fd == gLineDescriptor ? 0 : __real_close(fd);
 }
 
 ssize_t __wrap_read(int fd, void *buffer, std::size_t length)
 {
-    return fd == lineDescriptor ? line.read(buffer, length) : __real_read(fd, buffer, length);
+    return fd == gLineDescriptor ? gLine.read(buffer, length) : __real_read(fd, buffer, length);
 }
 
 ssize_t __wrap_write(int fd, const void *buffer, std::size_t length)
 {
-    if (fd != lineDescriptor)
+    if (fd != gLineDescriptor)
         return __real_write(fd, buffer, length);
     const auto *const bytes = static_cast<const std::uint8_t *>(buffer);
-    if (line.written.size() < kMostWritten)
-        line.written.insert(line.written.end(), bytes, bytes + length);
+    if (gLine.written.size() < kMostWritten)
+        gLine.written.insert(gLine.written.end(), bytes, bytes + length);
     return static_cast<ssize_t>(length);
 }
 
 int __wrap_select(int count, fd_set *readable, fd_set *writable, fd_set *except, timeval *wait)
 {
-    if (lineDescriptor < 0 || !readable || !FD_ISSET(lineDescriptor, readable))
+    if (gLineDescriptor < 0 || !readable || !FD_ISSET(gLineDescriptor, readable))
         return __real_select(count, readable, writable, except, wait);
-    switch (line.wait()) {
+    switch (gLine.wait()) {
     case Ready::Bytes:
         wait->tv_usec /= 2;
         return 1;
     case Ready::Failure:
-        line.failed = true;
+        gLine.failed = true;
         errno = EBADF;
         return -1;
     case Ready::Nothing:
@@ -206,7 +206,7 @@ int __wrap_select(int count, fd_set *readable, fd_set *writable, fd_set *except,
 
 int __wrap_tcgetattr(int fd, termios *settings)
 {
-    if (fd != lineDescriptor)
+    if (fd != gLineDescriptor)
         return __real_tcgetattr(fd, settings);
     *settings = termios{};
     return 0;
@@ -214,12 +214,12 @@ int __wrap_tcgetattr(int fd, termios *settings)
 
 int __wrap_tcsetattr(int fd, int when, const termios *settings)
 {
-    return fd == lineDescriptor ? 0 : __real_tcsetattr(fd, when, settings);
+    return fd == gLineDescriptor ? 0 : __real_tcsetattr(fd, when, settings);
 }
 
 int __wrap_tcflush(int fd, int queue)
 {
-    return fd == lineDescriptor ? 0 : __real_tcflush(fd, queue);
+    return fd == gLineDescriptor ? 0 : __real_tcflush(fd, queue);
 }
 
 int __wrap_usleep(useconds_t /*pause*/)
@@ -234,8 +234,8 @@ int __wrap_nanosleep(const timespec * /*pause*/, timespec * /*left*/)
 
 clock_t __wrap_clock()
 {
-    line.clock += kTicksPerCall;
-    return line.clock;
+    gLine.clock += kTicksPerCall;
+    return gLine.clock;
 }
 
 void __wrap_perror(const char * /*text*/) { }

@@ -33,7 +33,7 @@ Window {
         ipkPkgName = [];
         ipkList = fileIO.getIpkList("/tmp/ota/*.ipk");
         // Deliberate: formOta, step and progress are never reset. A second start continues from them.
-        // (tst_main::secondStartGoesOnFromTheFirst)
+        // (tst_main_start::secondStartGoesOnFromTheFirst)
         if (ipkList.length > 0)
             formOta = true;
         else
@@ -111,14 +111,14 @@ Window {
         if (version.indexOf("V4") !== -1) {
             fileIO.exe("rm /root/*.txt");
             // Deliberate: the result is ignored; only that of the transfer is shown.
-            // (tst_main::startResultIsIgnored)
+            // (tst_main_board::startResultIsIgnored)
             fileIO.startMcuSoftwareUpdate();
             ret = fileIO.updateMcu();
         } else {
             ret = fileIO.exe("/root/Hmi -path=/root");
         }
         // Deliberate: a positive status of the hand-over counts as success.
-        // (tst_main::positiveStatusIsSuccess)
+        // (tst_main_board::positiveStatusIsSuccess)
         if (ret < 0) {
             showTips("red",
                      qsTr("Update Control Software Filed,Error Code[%1]").arg(ret),
@@ -146,7 +146,7 @@ Window {
             fileIO.exe("cp /mnt/update_ipk/app.bin /root/ota/app.bin");
             fileIO.exe("sync");
             // Deliberate: the control board is updated now and again after the last package.
-            // (tst_main::controlBoardRunsTwice)
+            // (tst_main_board::controlBoardRunsTwice)
             upgradeCtrlUnit();
         }
     }

@@ -5,6 +5,7 @@
 
 namespace boardsim {
 
+/// faultTable() says what each kind means.
 enum class FaultKind {
     Silent,
     Slow,

@@ -114,6 +114,7 @@ public:
         return m_current.match.length > 0 ? &m_current.match : nullptr;
     }
 
+    /// Bytes received of what is not complete yet.
     int size() const { return m_current.bytes.size(); }
 
     /// What is complete by now: a whole frame, or anything when the pause is long enough.
@@ -139,6 +140,7 @@ inline QString hexByte(std::uint8_t value)
     return QStringLiteral("%1").arg(value, 2, 16, QLatin1Char('0'));
 }
 
+/// `offset` is less than the size of `bytes`.
 inline std::uint8_t byteAt(const QByteArray &bytes, int offset)
 {
     return static_cast<std::uint8_t>(bytes.at(offset));

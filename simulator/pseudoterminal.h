@@ -31,6 +31,7 @@ public:
     /// The device that the assistant opens.
     QString slaveName() const { return m_slaveName; }
 
+    /// Why open() failed.
     QString errorText() const { return m_errorText; }
 
 private:

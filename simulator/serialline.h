@@ -27,6 +27,7 @@ public:
     /// `baud` 0: as fast as the machine.
     explicit SerialLine(int baud);
 
+    /// The descriptor to read and write, non-blocking; -1: the line is closed.
     void setDescriptor(int descriptor) { m_descriptor = descriptor; }
 
     /// Reads what the other side has sent. False when the line is closed or has failed.

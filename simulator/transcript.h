@@ -11,6 +11,7 @@
 
 namespace boardsim {
 
+/// How bytes are printed.
 enum class HexStyle {
     Full,  ///< the bytes of long frames stand on output lines of their own
     Short, ///< one output line an event: head and tail of long frames
@@ -26,18 +27,24 @@ public:
     /// `sink` may be empty; `report` must outlive this.
     Transcript(LineSink sink, HexStyle style, Report &report);
 
+    /// Bytes came from the assistant.
     void received(TimePoint now, const QString &meaning, const QByteArray &bytes);
+    /// Bytes went out to the assistant.
     void sent(TimePoint now, const QString &meaning, const QByteArray &bytes);
+    /// Writes an output line; the report does not have it.
     void note(TimePoint now, const QString &text);
 
     /// A fault was made: it explains the violations after it, up to the next new exchange.
     void faultMade(TimePoint now, const QString &fault);
+    /// The assistant did something that it must not do.
     void violation(TimePoint now, const QString &text);
 
     /// An exchange begins: faults made before it explain no violation any more.
     void newExchange() { m_explanation.clear(); }
 
+    /// The board has closed the serial line.
     void hungUp(TimePoint now);
+    /// The simulator itself has failed.
     void failed(TimePoint now, const QString &text);
 
 private:

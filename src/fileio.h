@@ -67,6 +67,7 @@ public:
 
     // Download - fileio_download.cpp
 
+    /// What start() downloads.
     QUrl url() const;
     void setUrl(const QUrl &url);
     bool running() const;
@@ -75,10 +76,13 @@ public:
     /// Bytes received divided by bytes expected; not a fraction where the total is unknown.
     double progress() const;
     void setProgress(double progress);
+    /// The local file that a download replaces.
     QUrl destination() const;
     void setDestination(const QUrl &destination);
+    /// Whether a redirect is followed (default: no); otherwise it ends the download with error().
     bool followRedirects() const;
     void setFollowRedirects(bool followRedirects);
+    /// Whether a download may replace an existing file (default: yes).
     bool overwrite() const;
     void setOverwrite(bool overwrite);
     /// Disconnects the reply and leaves it to the event loop to delete; it is not aborted.
@@ -126,6 +130,7 @@ public:
 
     // Machine protocol - fileio_protocol.cpp
 
+    /// Write the version's layout into its descriptor; the constructor has done so.
     void initProtocolV3();
     void initProtocolV4();
 
@@ -169,6 +174,7 @@ public:
     /// when it is exactly 64, or after about 1 ms of processor time. A failed wait adds -1 to the
     /// total, a failed read 65535.
     [[nodiscard]] int RcvData(unsigned char *buf);
+    /// Stores the text that localVersion() returns; nothing else uses it.
     void setLocalVersion(QString version);
 
     // State, for native callers - fileio.cpp
@@ -181,6 +187,7 @@ public:
     const FrameRecordV4 &frameRecordV4() const;
     /// A `FrameStatus`, or 0 before the first frame.
     int frameStatus() const;
+    /// The version text of the last successful handshake; empty before the first.
     QString mcuVersion() const;
     QString localVersion() const;
 
@@ -194,8 +201,9 @@ signals:
     void destinationChanged();
     void followRedirectsChanged();
     void overwriteChanged();
-    void started();
-    void finished();
+    void started();  ///< twice for one start() when `running` was false
+    void finished(); ///< the destination is complete; not emitted after a failure
+    /// `redirectUrl` is absolute. Emitted whether or not the redirect is followed.
     void redirected(QUrl redirectUrl);
     /// Kilobytes of 1000 bytes.
     void update(int kiloBytesReceived, int kiloBytesTotal);
@@ -217,8 +225,12 @@ signals:
 public slots:
     // Download - fileio_download.cpp
 
+    /// Sets `url` and downloads it to `destination`; returns at once. error() reports a failure.
+    /// Does nothing before componentComplete().
     void start(QUrl url);
+    /// The same with the current `url`.
     void start();
+    /// Aborts the download and discards what it has received.
     void stop();
 
 private slots:
@@ -249,6 +261,7 @@ public:
     /// The output of `ls` for the shell pattern `dir`, one entry per output line; a line of more
     /// than 199 characters makes several. Empty when nothing matches or no shell could be started.
     Q_INVOKABLE QStringList getIpkList(QString dir);
+    /// True for a file or a directory.
     Q_INVOKABLE bool exists(QString file) const;
     /// Replaces `dest_file` with a copy of `src_file`. A failed copy leaves no file there.
     Q_INVOKABLE bool copy(QString dest_file, QString src_file) const;
@@ -274,6 +287,7 @@ public:
     Q_INVOKABLE QString getMcuVersion();
     /// Full paths of the firmware images on the machine.
     Q_INVOKABLE QStringList getMcuBin();
+    /// Closes the serial line to the board; nothing happens on a closed one.
     Q_INVOKABLE void closeSerial();
 
 private:

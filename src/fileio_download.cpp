@@ -122,7 +122,7 @@ void FileIO::setOverwrite(bool overwrite)
 void FileIO::start(QUrl url)
 {
     // Deliberate: only an object created by the QML engine becomes complete, so in this program
-    // downloads never begin. (tst_download::incompleteObjectNeverStarts)
+    // downloads never begin. (tst_downloadrefusal::incompleteObjectNeverStarts)
     if (!m_complete)
         return;
     if (url.isEmpty()) {
@@ -157,7 +157,8 @@ void FileIO::start(QUrl url)
     if (!self)
         return;
     // Deliberate: from the stopped state this calls start() once more, which replaces the file and
-    // the request made above; scripts see started() twice. (tst_download::startFromIdleRunsTwice)
+    // the request made above; scripts see started() twice.
+    // (tst_downloadstart::startFromIdleRunsTwice)
     setRunning(true);
     if (self)
         emit started();
@@ -193,7 +194,7 @@ void FileIO::onDownloadProgress(qint64 bytesReceived, qint64 bytesTotal)
     if (!self)
         return;
     // Deliberate: no check of the total. -1 (unknown) makes the progress negative, 0 makes it NaN.
-    // (tst_download::unknownTotalMakesProgressNegative)
+    // (tst_downloaddata::unknownTotalMakesProgressNegative)
     setProgress(static_cast<double>(bytesReceived) / static_cast<double>(bytesTotal));
 }
 
@@ -228,7 +229,7 @@ void FileIO::onFinished()
             return;
         }
         // Deliberate: not cancelled, so shutdownSaveFile() below commits the redirect's own body.
-        // (tst_download::refusedRedirectCommitsItsBody)
+        // (tst_downloadredirect::refusedRedirectCommitsItsBody)
         emit error(ErrorNetwork, QStringLiteral("Re-directs not allowed"));
     } else if (commitSaveFile()) {
         shutdownSaveFile();
@@ -246,7 +247,7 @@ void FileIO::onFinished()
     if (!self)
         return;
     // Deliberate: `running` stays true after a failure; the script sets it false.
-    // (tst_download::runningStaysTrueAfterAFailure)
+    // (tst_downloadfailure::runningStaysTrueAfterAFailure)
     if (m_reply == endedReply)
         shutdownNetworkReply();
     if (m_saveFile == endedFile)

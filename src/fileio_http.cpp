@@ -46,7 +46,7 @@ QString FileIO::httpPost(QString url, QString data)
 QString FileIO::awaitReplyText(QNetworkReply *reply)
 {
     // Deliberate: an earlier reply is neither released nor disconnected. When its data comes late,
-    // the slot reads from the newer reply. (tst_http::lateAnswerReadsTheNewerReply)
+    // the slot reads from the newer reply. (tst_httpreply::lateAnswerReadsTheNewerReply)
     m_reply = reply;
     connect(reply, SIGNAL(readyRead()), SLOT(onReadyReadReply()));
     const QPointer<FileIO> self(this);

@@ -30,7 +30,7 @@ unsigned copyParams(unsigned char *out, const Protocol &protocol, const Record &
 /// Prints the six output lines that precede a V3 analysis.
 ///
 /// Deliberate: some labels do not name the value that follows them.
-/// (tst_frames::v3PrintsSixLines)
+/// (tst_frameanalysis::v3PrintsSixLines)
 void printFraming(const unsigned char *buf, const Protocol &protocol)
 {
     const int length = buf[protocol.len_offset];

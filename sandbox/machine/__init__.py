@@ -1,4 +1,4 @@
-"""Drives the simulated machine that sandbox/run makes: a program, a board, a screen, and a console.
+"""Drives the simulated machine of sandbox/run: program, board, screen, console and packages.
 
     with Machine(build) as machine:
         machine.packages.stage("good/10-machine-base_1.2.0.ipk")
@@ -6,8 +6,8 @@
         machine.program.start()
         machine.await_("the package", machine.console.package_ended, 0, 0)
 
-`watch` and `pictures` look at machines of any kind. `emulated` has another: a whole ARM board, with
-the same parts.
+`watch` and `pictures` inspect machines of any kind. `emulated` contains another machine with the same
+parts: a complete ARM board in an emulator.
 """
 
 import os
@@ -20,18 +20,18 @@ from .processes import Board, Program
 from .screen import Screen
 from .watch import Console, await_, run, text_of
 
-HAND_OVER = "/root/Hmi -path=/root"  # as calls() has it
+HAND_OVER = "/root/Hmi -path=/root"  # in the form of calls()
 
 
 class Machine:
-    """The machine on which this runs. What it has started it ends at its exit."""
+    """The machine on which this code runs. At its exit it ends everything that it has started."""
 
     def __init__(self, build, packages=None):
-        """`build` is a build tree; `packages` holds package files, else the example packages are built."""
+        """`build` is a build tree, `packages` a folder of package files (default: builds the example packages)."""
         if os.environ.get("UPDATE_ASSISTANT_SANDBOX") != "1":
-            sys.exit(f"{sys.argv[0]}: only for the machine that sandbox/run makes")
+            sys.exit(f"{sys.argv[0]}: runs only on the machine of sandbox/run")
         self.build = pathlib.Path(build)
-        # Of all that is started. Software rendering and a fixed locale make every host draw and say the same.
+        # For every started process. Software rendering and a fixed locale give the same output on every host.
         self.environment = os.environ | {"QT_QUICK_BACKEND": "software", "LC_ALL": "C.UTF-8"}
         self.program = Program(self.environment, self.build / "src/update-assistant", paths.PROGRAM_LOG)
         self.board = Board(self.environment, self.build / "simulator/boardsim")
@@ -47,11 +47,11 @@ class Machine:
             part.close()
 
     def await_(self, what, condition, *arguments):
-        """Waits as watch.await_ does, but not longer than the program runs."""
+        """Waits as watch.await_ does. Fails when the program ends first."""
         return await_(what, condition, *arguments, process=self.program.process)
 
     def run(self, *command, **variables):
-        """Runs a command on the machine as watch.run does, with these variables in its environment."""
+        """Runs a command on the machine as watch.run does, with additional environment variables."""
         return run(*command, environment=self.environment | variables)
 
     def calls(self):

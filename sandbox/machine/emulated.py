@@ -1,4 +1,4 @@
-"""The emulated ARM board, from outside the emulator: a machine with the parts that Machine has."""
+"""The emulated ARM board, driven from outside the emulator: a machine with the same parts as Machine."""
 
 import base64
 import contextlib
@@ -20,16 +20,16 @@ WHOLE_AXIS = 0x7fff
 
 
 class EmulatorError(Exception):
-    """The emulator refuses a command, or does not answer, or the board's shell does not."""
+    """The emulator refuses a command, or the emulator or the shell of the board does not reply."""
 
 
 class Link:
-    """Talks to an emulated board through the sockets in a folder, `shell` and `emulator`."""
+    """Connects to an emulated board through the sockets `shell` and `emulator` in a folder."""
 
     def __init__(self, folder):
         self.folder = pathlib.Path(folder)
-        # Kept from one command to the next: the board's shell ends with it, and what comes before the next
-        # shell has begun is lost.
+        # One connection for all commands: the shell of the board ends with the connection, and input is lost
+        # until the next shell has started.
         self._shell = None
 
     def close(self):
@@ -38,7 +38,7 @@ class Link:
             self._shell = None
 
     def shell(self, text):
-        """Runs a text in the board's shell. Returns a CompletedProcess; all that it says is in `stdout`."""
+        """Runs a text in the shell of the board. Returns a CompletedProcess with the whole output in `stdout`."""
         with _errors_of("shell"):
             self._shell = self._shell or self._connect("shell")
             print(f"(\n{text}\n) </dev/null; status=$?; echo; echo '{END}'$status", file=self._shell, flush=True)
@@ -48,39 +48,39 @@ class Link:
                     return subprocess.CompletedProcess(text, int(line[len(END):]),
                                                        "".join(lines).removesuffix("\n"))
                 lines.append(line)
-        raise EmulatorError("shell: the emulator has gone")
+        raise EmulatorError("shell: the emulator has ended")
 
     def picture(self, file):
-        """Saves what the display shows as FILE, a PNG."""
+        """Saves the display as a PNG file."""
         self._ask(("screendump", {"filename": os.path.abspath(file), "format": "png"}))
 
     def click(self, x, y):
-        """Clicks at a place of the display, in parts of its width and height."""
-        # From a corner: where the pointer is already the kernel reports no place, and a program that
-        # has been started since then knows of none.
+        """Clicks at a point of the display; x and y are fractions of its width and height."""
+        # The pointer first moves to a corner: the kernel reports no position without a movement, and a
+        # program that has started since the last movement does not know the position.
         self._ask(_pointer_at(0, 0), _pointer_at(float(x), float(y)), _button(True), _button(False))
 
     def plug(self, drive):
-        """Plugs in the stick whose content the emulator knows as DRIVE."""
+        """Plugs in a stick with the contents of `drive`, a drive of the emulator."""
         self._ask(("device_add", {"driver": "usb-storage", "drive": drive}))
 
     def _ask(self, *requests):
-        """Gives the emulator commands of its own protocol, each a name and its arguments."""
+        """Sends commands to the emulator, each a name and its arguments."""
         with _errors_of("emulator"), self._connect("emulator") as stream:
             stream.readline()  # the greeting
             for name, arguments in (("qmp_capabilities", {}), *requests):
                 print(json.dumps({"execute": name, "arguments": arguments}), file=stream, flush=True)
                 answer = {}
-                while not answer.keys() & {"return", "error"}:  # events come between
+                while not answer.keys() & {"return", "error"}:  # skips events
                     line = stream.readline()
                     if not line:
-                        raise EmulatorError(f"{name}: the emulator has gone")
+                        raise EmulatorError(f"{name}: the emulator has ended")
                     answer = json.loads(line)
                 if "error" in answer:
                     raise EmulatorError(f"{name}: {answer['error']['desc']}")
 
     def _connect(self, name):
-        with socket.socket(socket.AF_UNIX) as end:  # the stream keeps it open
+        with socket.socket(socket.AF_UNIX) as end:  # the returned stream keeps it open
             end.settimeout(WAIT_S)
             end.connect(str(self.folder / name))
             return end.makefile("rw", encoding="utf-8", errors="replace")
@@ -108,7 +108,7 @@ def _input_events(*events):
 
 
 class Emulator(Process):
-    """The emulator, of a processor of 32 bits that reaches no devices beyond 4 GB."""
+    """The emulator. All devices are below 4 GB, where a 32-bit processor reaches them."""
 
     def __init__(self, system, results, sockets):
         super().__init__(os.environ, "qemu-system-arm", results / "emulator.log")
@@ -117,7 +117,7 @@ class Emulator(Process):
             "-nodefaults", "-display", "none", "-nic", "none",
             "-kernel", system / "vmlinuz", "-initrd", system / "ramdisk", "-append", "console=ttyAMA0",
             "-chardev", f"file,id=console,path={results}/console.log", "-serial", "chardev:console",
-            # What is written to the disk goes with the emulator.
+            # Changes of the disk are lost when the emulator ends.
             "-drive", f"if=none,id=disk,format=raw,snapshot=on,file={system}/disk",
             "-device", "virtio-blk-pci,drive=disk",
             "-device", "virtio-gpu-pci", "-device", "virtio-tablet-pci",
@@ -136,14 +136,14 @@ class Emulator(Process):
 
 
 class EmulatedProgram:
-    """The program on the emulated board, where the board itself starts it."""
+    """The program on the emulated board. The board itself starts it."""
 
     def __init__(self, machine):
         self._machine = machine
 
     @property
     def pid(self):
-        """The process id that it has left."""
+        """The process id in its pid file."""
         return self._machine.run("cat", paths.PID_FILE).stdout
 
     @property
@@ -159,7 +159,7 @@ class EmulatedScreen(Display):
         self._link = link
 
     def take(self, path):
-        """Saves the display. Returns whether the program is on it."""
+        """Saves the display. Returns whether it shows the program."""
         try:
             self._link.picture(path)
         except EmulatorError:
@@ -171,21 +171,22 @@ class EmulatedScreen(Display):
 
 
 class EmulatedMachine:
-    """A whole ARM board in an emulator, with a simulated control board at its serial adapter.
+    """A complete ARM board in an emulator, with a simulated control board at its serial adapter.
 
-    `system` is a folder of sandbox/board/make-system, `build` the host's own build tree. `results` has the
-    content of the stick, as `stick`, and gets what is watched. What it has started it ends at its exit.
+    `system` is a folder made by sandbox/board/make-system, `build` a build tree for the host. The folder
+    `results` contains `stick`, the contents of the stick, and receives the logs. At its exit the machine ends
+    everything that it has started.
     """
 
     def __init__(self, system, build, results):
-        self._folder = tempfile.TemporaryDirectory()  # the paths of sockets have to be short
+        self._folder = tempfile.TemporaryDirectory()  # the paths of sockets must be short
         sockets = pathlib.Path(self._folder.name)
         self.link = Link(sockets)
         self.emulator = Emulator(system, results, sockets)
         self.program = EmulatedProgram(self)
         self.board = Board(os.environ, build / "simulator/boardsim", sockets / "line", results)
         self.screen = EmulatedScreen(self, self.link, sockets)
-        self.console = Console(results / "console.log")  # the kernel's lines and the program's
+        self.console = Console(results / "console.log")  # output lines of the kernel and the program
 
     def __enter__(self):
         return self
@@ -196,11 +197,11 @@ class EmulatedMachine:
         self._folder.cleanup()
 
     def await_(self, what, condition, *arguments):
-        """Waits as watch.await_ does, but not longer than the emulator runs."""
+        """Waits as watch.await_ does. Fails when the emulator ends first."""
         return await_(what, condition, *arguments, process=self.emulator.process)
 
     def run(self, *command):
-        """Runs a command on the machine. Returns a CompletedProcess; all that it says is in `stdout`."""
+        """Runs a command on the machine. Returns a CompletedProcess with the whole output in `stdout`."""
         return self.link.shell(shlex.join(map(str, command)))
 
     def exists(self, path):

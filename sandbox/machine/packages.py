@@ -1,19 +1,20 @@
-"""Package files, and what the package manager has made of them."""
+"""Package files and the package database."""
 
 import pathlib
-import re
 import shutil
 import subprocess
+
+from ipk.control import stanzas
 
 from . import paths
 from .watch import text_of
 
-# How the program calls the package manager; the file follows.
+# The program calls the package manager like this, followed by the file.
 INSTALL = "opkg install --force-downgrade --force-reinstall --force-overwrite"
 
 
 class Packages:
-    """The package files in a folder, those of sandbox/packages by default, and the package database."""
+    """The package files in a folder (default: those of sandbox/packages) and the package database."""
 
     def __init__(self, folder=None):
         self._folder = folder and pathlib.Path(folder)
@@ -30,23 +31,17 @@ class Packages:
         return self._folder
 
     def stage(self, *files, folder=paths.STAGED):
-        """Copies package files to where the program finds them."""
+        """Copies package files to a folder in which the program finds them."""
         folder.mkdir(parents=True, exist_ok=True)
         for file in files:
             shutil.copy(self.folder / file, folder)
 
     def states(self):
         """The "STATUS VERSION" of each package that the database knows, by its name."""
-        listing = subprocess.run(
-            ["dpkg-query", f"--root={paths.ROOT}", "--show",
-             "--showformat=${Package} ${db:Status-Status} ${Version}\n"],
-            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, check=False).stdout
-        return dict(line.split(" ", 1) for line in listing.splitlines())
+        return {fields["Package"]: f"{fields['Status'].split()[-1]} {fields['Version']}"
+                for fields in stanzas(text_of(paths.DATABASE))}
 
     def installed(self):
-        """The installed packages as "NAME VERSION", in the order of their installation."""
-        log = text_of(paths.STATE / "dpkg.log")
-        times = {name: time for time, name in enumerate(re.findall(r" status installed ([^:]*):", log))}
-        states = sorted(self.states().items(), key=lambda state: times.get(state[0], -1))
-        return [f"{name} {state.removeprefix('installed ')}" for name, state in states
-                if state.startswith("installed ")]
+        """The installed packages as "NAME VERSION", sorted."""
+        return sorted(f"{name} {state.removeprefix('installed ')}" for name, state in self.states().items()
+                      if state.startswith("installed "))

@@ -1,11 +1,11 @@
-"""What pictures of a screen show, told by ImageMagick."""
+"""Examines pictures of a screen with ImageMagick."""
 
 import pathlib
 import subprocess
 
 WHITE, GREEN, RED, YELLOW = "#ffffff", "#008000", "#ff0000", "#ffff00"
 
-# Where a screen of 1280 by 800 has them; nothing else is ever there.
+# The places of the items on a screen of 1280 by 800 pixels. Each screen draws only this item there.
 WHOLE = "1280x800+0+0"
 TITLE = "1280x40+0+15"
 TIPS = "1240x60+40+115"
@@ -16,19 +16,19 @@ BUTTON_ENABLED = "#333333"
 
 
 def signature(picture):
-    """The same for two pictures exactly when they show the same."""
+    """A text that is equal for two pictures exactly when their pixels are equal."""
     return _output("identify", "-format", "%#", picture)
 
 
 def has_colour(picture, colour, place):
-    """Whether the colour is there: more of it than the coloured edges of another colour's letters have."""
+    """Whether the place has the colour in at least 20 pixels; the edges of letters in other colours have fewer."""
     return _output("convert", picture, "-crop", place, "+repage", "-fill", "black", "+opaque", colour,
                    "-fill", "white", "-opaque", colour, "-format", "%[fx:mean * w * h >= 20]", "info:") == "1"
 
 
 def settled(take, picture, before=None):
-    """Takes a picture by take(path), which tells whether it could. Returns whether the screen shows
-    something, twice the same, and something else than the picture before."""
+    """Takes two pictures by take(path), which returns whether it succeeded. Returns whether they are equal, have
+    more than one colour, and differ from the picture `before`."""
     again = pathlib.Path(picture).with_suffix(".again.png")
     if not take(picture) or not take(again):
         return False

@@ -1,4 +1,4 @@
-"""The program and the board, as processes of the machine."""
+"""The program and the simulated board as processes."""
 
 import json
 import os
@@ -9,20 +9,20 @@ import subprocess
 from . import paths
 from .watch import WAIT_S, await_, text_of
 
-EMULATOR = os.environ.get("UPDATE_ASSISTANT_EMULATOR", "").split()  # for another processor's programs
+EMULATOR = os.environ.get("UPDATE_ASSISTANT_EMULATOR", "").split()  # runs programs for another processor
 
 
 class Process:
-    """A process of the machine.
+    """A process in a process group of its own, but not in a session of its own.
 
-    It runs in a group of its own, for a pid file that is no number ends the group; but in no session of
-    its own: the line would be its terminal there, and end the program when the board is switched off.
+    A malformed pid file makes the program kill its process group. As a session leader the program would get
+    the serial line as its controlling terminal, and would end when the board is switched off.
     """
 
     def __init__(self, environment, path, log):
         self.command = [*EMULATOR, path]
-        self.log = log  # what is worth following
-        self.process = None  # the Popen of the last start, until it is stopped
+        self.log = log  # the file that follow() prints
+        self.process = None  # the Popen of the last start, until its end
         self._environment = environment
         self._follower = None
 
@@ -41,12 +41,12 @@ class Process:
         return self.process is not None and self.process.poll() is None
 
     def stop(self, number=signal.SIGTERM):
-        """Ends it by a signal. Returns its exit status, as wait() does."""
+        """Ends the process by a signal. Returns its exit status, as wait() does."""
         self.process.send_signal(number)
         return self.wait()
 
     def wait(self):
-        """Waits for its end. Returns its exit status, the negative number of the signal that has killed it."""
+        """Waits for the end of the process. Returns its exit status: -N after signal N."""
         status = self.process.wait(WAIT_S)
         if self._follower:
             self._follower.wait()
@@ -55,7 +55,7 @@ class Process:
         return status
 
     def follow(self, name):
-        """Prints the lines of its log as they come, each behind the name, until it has ended."""
+        """Prints each new output line of its log, with the name in front, until the process ends."""
         self.log.touch()
         self._follower = subprocess.Popen(
             ["sh", "-c", 'tail --pid="$1" -n +1 -s 0.2 -f "$2" | sed -u "s/^/$3 | /"', "follow",
@@ -67,15 +67,15 @@ class Process:
 
 
 class Program(Process):
-    """The unchanged program. `command` may be another that starts it."""
+    """The unchanged program. `command` can be replaced by a command that starts it."""
 
     def start(self, *arguments):
-        """Returns the Popen. What is printed is in the log as soon as it is printed."""
+        """Returns the Popen. Output is written to the log line by line."""
         return self._start(["stdbuf", "-oL", *self.command, *arguments], self.log, "ab")
 
 
 class Board(Process):
-    """The simulated board, `boardsim`, on the line that the program opens. The folder gets what it writes."""
+    """The simulated board, `boardsim`, on the serial line that the program opens. It writes to the folder."""
 
     def __init__(self, environment, path, device=paths.BOARD_DEVICE, folder=paths.STATE):
         super().__init__(environment, path, folder / paths.BOARD_LOG.name)
@@ -90,10 +90,10 @@ class Board(Process):
         await_("the board", lambda: text_of(self._output).startswith("ready "), process=self.process)
 
     def saw(self, expression):
-        """Whether the transcript has a line that the regular expression fits."""
+        """Whether an output line of the transcript matches the regular expression."""
         return re.search(expression, text_of(self.log), re.MULTILINE) is not None
 
     def summary(self):
-        """What it says of the line once it is stopped; None before. Its exit status is 0 when all was right."""
+        """The summary that boardsim writes when it stops; None before."""
         text = text_of(self._summary)
         return json.loads(text) if text else None

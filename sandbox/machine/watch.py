@@ -1,4 +1,4 @@
-"""Looking at a machine of any kind: waiting, files, a console, and a report of what was seen."""
+"""Inspects machines of any kind: waiting, files, the console and a report."""
 
 import filecmp
 import os
@@ -7,19 +7,19 @@ import re
 import subprocess
 import time
 
-WAIT_S = 120  # only a hang is ever that slow
+WAIT_S = 120  # longer than any step takes without a hang
 POLL_S = 0.05
 RESULT_LINE = re.compile(r"^qml: result: (-?\d+)\s+index: (\d+) ", re.MULTILINE)
 
 
 class WaitError(Exception):
-    """What was awaited has not come."""
+    """An awaited condition has not become true."""
 
 
 def await_(what, condition, *arguments, process=None):
-    """Waits until condition(*arguments) holds, and returns its value.
+    """Waits until condition(*arguments) is true, and returns its value.
 
-    Raises a WaitError after WAIT_S, or at once when the process, a Popen, has ended meanwhile.
+    Raises a WaitError after WAIT_S, or as soon as the process, a Popen, has ended.
     """
     limit = time.monotonic() + WAIT_S
     while True:
@@ -35,20 +35,20 @@ def await_(what, condition, *arguments, process=None):
 
 
 def run(*command, environment=None):
-    """Runs a command to its end. Returns a CompletedProcess; all that it says is in `stdout`."""
+    """Runs a command to its end. Returns a CompletedProcess with the whole output in `stdout`."""
     return subprocess.run(list(map(str, command)), env=environment, stdin=subprocess.DEVNULL,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace",
                           check=False)
 
 
 def is_running(pid):
-    """Whether there is such a process. One that has ended but is not waited for yet does not count."""
+    """Whether the process exists. A zombie does not count."""
     state = re.search(r"^State:\t(.)", text_of(f"/proc/{pid}/status"), re.MULTILINE)
     return bool(state) and state[1] not in "ZX"
 
 
 def text_of(path):
-    """The content of a text file, "" when there is none."""
+    """The content of a text file; "" if it does not exist."""
     try:
         return pathlib.Path(path).read_text(encoding="utf-8", errors="replace")
     except OSError:
@@ -56,7 +56,7 @@ def text_of(path):
 
 
 def names_in(folder):
-    """The sorted names in a folder, none when there is no such folder."""
+    """The sorted names in a folder; empty if it does not exist."""
     try:
         return sorted(os.listdir(folder))
     except OSError:
@@ -64,7 +64,7 @@ def names_in(folder):
 
 
 def same_content(one, other):
-    """Whether both files are there and have the same bytes."""
+    """Whether both files exist and have the same bytes."""
     try:
         return filecmp.cmp(one, other, shallow=False)
     except OSError:
@@ -72,12 +72,12 @@ def same_content(one, other):
 
 
 def same_folder(one, other):
-    """Whether both folders hold the same."""
+    """Whether both folders have the same contents."""
     return run("diff", "-r", one, other).returncode == 0
 
 
 class Console:
-    """What the program and its commands have printed, in a file that grows."""
+    """The output of the program and its commands, in a file that grows."""
 
     def __init__(self, path):
         self.path = path
@@ -99,7 +99,7 @@ class Console:
         return text in self.text
 
     def printed_in_order(self, *texts):
-        """Whether the texts are there, each in a later line than the one before."""
+        """Whether the texts were printed, each in a later output line than the text before it."""
         lines = iter(self.lines)
         return all(any(text in line for line in lines) for text in texts)
 
@@ -111,10 +111,10 @@ class Console:
 
 
 class Report:
-    """The stages of a demonstration, and facts that have to be true."""
+    """Prints the stages of a demonstration and the facts that must be true."""
 
     def __init__(self, before_s=0):
-        """`before_s` is the time that has gone into it before."""
+        """`before_s` is added to the reported total time."""
         self.failures = 0
         self._started = time.monotonic() - before_s
 
@@ -126,6 +126,6 @@ class Report:
         self.failures += not is_true
 
     def close(self, pictures):
-        """Ends the report. Returns the exit status: 0 when all its facts are true, else 1."""
+        """Ends the report. Returns the exit status: 0 when every fact is true, else 1."""
         print(f"   pictures in {pictures}, total time {time.monotonic() - self._started:.0f} s", flush=True)
         return 1 if self.failures else 0

@@ -34,7 +34,7 @@ public:
     void setNetworkAccessManager(QNetworkAccessManager *manager);
 
 signals:
-    void readyChanged();
+    void readyChanged(); ///< emitted only by the constructor
 
 private:
     bool m_ready = true;

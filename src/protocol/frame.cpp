@@ -14,7 +14,7 @@ constexpr std::uint64_t kEveryOtherByte = 0x00FF00FF00FF00FF;
 constexpr std::uint64_t kAllIntoTheTop = 0x0001000100010001;
 
 // Deliberate: the words of each pair are swapped. Reading them in order looks right, but callers
-// rely on this order. (tst_frames::blockWordsOfEachPairAreSwapped)
+// rely on this order. (tst_frameanalysis::blockWordsOfEachPairAreSwapped)
 void recordBlock(const std::uint8_t *block, std::uint32_t (&words)[4])
 {
     words[0] = qFromLittleEndian<std::uint32_t>(block + 4);
@@ -44,7 +44,7 @@ FrameStatus analyze(const std::uint8_t *frame, const Protocol &protocol, Record 
     recordBlock(frame + protocol.block_offset, record.block);
     record.cmd = frame[protocol.cmd_offset];
     // Deliberate: the argument's second byte is not kept.
-    // (tst_frames::onlyTheFirstArgumentByteIsKept)
+    // (tst_frameanalysis::onlyTheFirstArgumentByteIsKept)
     record.arg = frame[protocol.arg_offset];
     record.opt1 = frame[protocol.opt1_offset];
     record.opt2 = frame[protocol.opt2_offset];

@@ -19,11 +19,13 @@
 //
 // All other bytes are 0 unless a frame's rows say otherwise.
 
+/// One byte of a frame.
 struct BoardFrameRow {
     std::size_t offset;
     std::uint8_t value;
 };
 
+/// A frame of `Length` bytes with the values of `rows`; the other bytes are 0.
 template <std::size_t Length, std::size_t Rows>
 constexpr std::array<std::uint8_t, Length> boardFrame(const BoardFrameRow (&rows)[Rows])
 {

@@ -114,7 +114,7 @@ bool SerialPort::Open(const char *port, const char *baud)
         Log("Port: '%s' Baud: %d\n", path, static_cast<int>(row->rate));
 
     // Deliberate: no O_NOCTTY. A session leader without a terminal gets the serial line as its
-    // controlling terminal. (tst_serialport::sessionLeaderGetsTheLine)
+    // controlling terminal. (tst_serialopen::sessionLeaderGetsTheLine)
     m_fd = open(path, O_RDWR | O_EXCL | O_NONBLOCK);
     if (m_fd < 0) {
         LogError("Unable to open serial port '%s': %s\n", path, strerror(errno));
@@ -181,7 +181,7 @@ int SerialPort::read_uart_port(unsigned char *buffer, unsigned length, timeval *
     }
     std::uint16_t count = 0;
     // Deliberate: the count is 16 bits, so a failed read is 65535. Callers add it to their totals.
-    // (tst_serialport::failedUartReadIs65535)
+    // (tst_uartread::failedUartReadIs65535)
     if (ready > 0)
         count = static_cast<std::uint16_t>(read(m_fd, buffer, length));
     std::printf("   CurrentReadNum = %d\n", count);

@@ -7,6 +7,8 @@
 
 #include <QtTest>
 
+#include <cstdint>
+
 // The boot loader's packets against the simulated board: neither side knows how the other builds
 // them.
 
@@ -248,5 +250,3 @@ void TestBoardPackets::applicationDoesNotAnswer()
 
 QTEST_GUILESS_MAIN(TestBoardPackets)
 #include "tst_boardpackets.moc"
-
-#include <cstdint>

@@ -1,11 +1,7 @@
 #include "capture.h"
-#include "fileio.h"
+#include "openbridgetest.h"
 #include "peer.h"
-#include "pty.h"
-#include "serialport.h"
 #include "waits.h"
-
-#include <QtTest>
 
 namespace {
 
@@ -55,13 +51,10 @@ const QByteArray kConnected = kCommandLines + "len:64\n" + lines("rx_buf", answe
 
 } // namespace
 
-class TestBootloader : public QObject {
+class TestBootloader : public OpenBridgeTest {
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
-
     void packetsAreExact();
     void portIsLeftOpen();
     void deviceIdIsUnsignedLittleEndian_data();
@@ -88,27 +81,12 @@ private:
     /// it is paused for.
     Run run(const QList<QByteArray> &answers, Waits::Mode mode = Waits::AtOnce);
 
-    std::unique_ptr<Pty> m_line;
-    std::unique_ptr<FileIO> m_io;
     QList<QByteArray> m_sent;
 };
 
-void TestBootloader::init()
-{
-    m_line = std::make_unique<Pty>();
-    m_io = std::make_unique<FileIO>();
-    m_sent.clear();
-    QVERIFY(m_io->serialPort()->Open(m_line->path().constData(), "115200"));
-}
-
-void TestBootloader::cleanup()
-{
-    m_io.reset();
-    m_line.reset();
-}
-
 TestBootloader::Run TestBootloader::run(const QList<QByteArray> &answers, Waits::Mode mode)
 {
+    m_sent.clear();
     Waits waits(mode);
     waits.setBefore([this, rest = answers](const QByteArray &call) mutable {
         if (!call.startsWith("usleep"))
@@ -320,5 +298,3 @@ void TestBootloader::closedPortPrintsMinusOne()
 
 QTEST_APPLESS_MAIN(TestBootloader)
 #include "tst_bootloader.moc"
-
-#include <memory>

@@ -5,6 +5,7 @@
 
 #include <QtTest>
 
+#include <memory>
 #include <sys/resource.h>
 
 class TestMcuBin : public QObject {
@@ -138,5 +139,3 @@ void TestMcuBin::noShellIsReported()
 
 QTEST_APPLESS_MAIN(TestMcuBin)
 #include "tst_mcubin.moc"
-
-#include <memory>

@@ -1,6 +1,7 @@
 #include "capture.h"
 #include "child.h"
 #include "fileio.h"
+#include "handmadeframes.h"
 #include "machine.h"
 #include "peer.h"
 #include "waits.h"
@@ -13,9 +14,6 @@ namespace {
 
 constexpr int kQuerySize = 30;
 constexpr int kReplySize = 36;
-
-const QByteArray kQuery = QByteArray::fromHex("e71eff0000000000000000000f003700"
-                                              "000100000000087100000000dde7");
 
 /// A reply with `text` at its place; what is not text is 0xE7 or 0.
 QByteArray reply(const QByteArray &text)
@@ -51,7 +49,7 @@ private slots:
 
 void TestMcuVersion::initTestCase()
 {
-    QCOMPARE(kQuery.size(), kQuerySize);
+    QCOMPARE(goodVersionQuery().size(), kQuerySize);
     SKIP_OFF_THE_SIMULATED_MACHINE();
 }
 
@@ -65,7 +63,7 @@ void TestMcuVersion::queryIsSentOnceAndExactly()
     });
     QCOMPARE(FileIO().getMcuVersion(), QStringLiteral("V4.1.3"));
     board.finish();
-    QCOMPARE(query.toHex(), kQuery.toHex());
+    QCOMPARE(query.toHex(), goodVersionQuery().toHex());
     QCOMPARE(line.received(), QByteArray());
 }
 
@@ -111,20 +109,14 @@ void TestMcuVersion::textIsReturned()
     QFETCH(QString, expected);
 
     BoardLine line;
-    Peer board(line, [&text](Pty &peer) {
-        peer.receive(kQuerySize);
-        peer.send(reply(text));
-    });
+    Peer board(line, replyAfter(kQuerySize, reply(text)));
     QCOMPARE(FileIO().getMcuVersion(), expected);
 }
 
 void TestMcuVersion::replyIsNotChecked()
 {
     BoardLine line;
-    Peer board(line, [](Pty &peer) {
-        peer.receive(kQuerySize);
-        peer.send("0123456789abcdefghijklmnopqrstuvwxyz");
-    });
+    Peer board(line, replyAfter(kQuerySize, "0123456789abcdefghijklmnopqrstuvwxyz"));
     QCOMPARE(FileIO().getMcuVersion(), QStringLiteral("ghijklmnopqrstuvwxy"));
 }
 
@@ -149,10 +141,7 @@ void TestMcuVersion::replyMayComeInPieces()
 void TestMcuVersion::moreThanTheReplyIsLeft()
 {
     BoardLine line;
-    Peer board(line, [](Pty &peer) {
-        peer.receive(kQuerySize);
-        peer.send(reply("V4.1.3") + "and more");
-    });
+    Peer board(line, replyAfter(kQuerySize, reply("V4.1.3") + "and more"));
     QCOMPARE(FileIO().getMcuVersion(), QStringLiteral("V4.1.3"));
 }
 
@@ -172,7 +161,7 @@ void TestMcuVersion::silentBoardIsWaitedFor()
     QCOMPARE(FileIO().getMcuVersion(), QStringLiteral("V4.1.3"));
     QCOMPARE(waits.asked(), QByteArray::number(passes + 1) + " x select 10000 us\n");
     // It asked once only.
-    QCOMPARE(query, kQuery);
+    QCOMPARE(query, goodVersionQuery());
     QCOMPARE(line.received(), QByteArray());
 }
 
@@ -231,10 +220,7 @@ void TestMcuVersion::nothingIsPrinted()
 {
     const MessageCapture messages;
     BoardLine line;
-    Peer board(line, [](Pty &peer) {
-        peer.receive(kQuerySize);
-        peer.send(reply("V4"));
-    });
+    Peer board(line, replyAfter(kQuerySize, reply("V4")));
     DescriptorCapture out(1);
     DescriptorCapture err(2);
     FileIO().getMcuVersion();

@@ -1,5 +1,6 @@
 #include "capture.h"
 #include "fileio.h"
+#include "handmadeframes.h"
 #include "machine.h"
 #include "peer.h"
 

@@ -7,6 +7,8 @@
 
 #include <QtTest>
 
+#include <memory>
+
 namespace {
 
 constexpr char kAck = '\x06';
@@ -437,5 +439,3 @@ void TestTransfer::secondTransferStartsOver()
 
 QTEST_APPLESS_MAIN(TestTransfer)
 #include "tst_transfer.moc"
-
-#include <memory>

@@ -6,6 +6,8 @@
 
 #include <QtTest>
 
+#include <memory>
+
 // How a transfer ends by itself: after ten silent reads of 100 passes each. A read that gives up
 // discards its output once, which is looked for before each pass: two at once would count as one.
 class TestTransferEnds : public QObject {
@@ -126,5 +128,3 @@ void TestTransferEnds::silentReadsCountInARowOnly()
 
 QTEST_APPLESS_MAIN(TestTransferEnds)
 #include "tst_transferends.moc"
-
-#include <memory>

@@ -1,6 +1,7 @@
 #include "boardsimulator.h"
 #include "capture.h"
 #include "fileio.h"
+#include "handmadeframes.h"
 #include "machine.h"
 
 #include <QtTest>

@@ -1,5 +1,6 @@
 #include "capture.h"
 #include "fileio.h"
+#include "handmadeframes.h"
 #include "machine.h"
 #include "peer.h"
 #include "serialport.h"
@@ -8,13 +9,12 @@
 #include <QtTest>
 
 #include <cstring>
+#include <memory>
 
 namespace {
 
 constexpr int kCommandSize = 18;
 constexpr int kAnswerMax = 64;
-
-const QByteArray kCommand = QByteArray::fromHex("e712ff0000000000000000001300000024e7");
 
 const QByteArray kSuccess("[info]: MCU response successfully.\n");
 const QByteArray kFormatError("[error]: response format error(1).\n");
@@ -78,7 +78,7 @@ private:
 
 void TestUpdateStart::initTestCase()
 {
-    QCOMPARE(kCommand.size(), kCommandSize);
+    QCOMPARE(goodStartCommand().size(), kCommandSize);
     SKIP_OFF_THE_SIMULATED_MACHINE();
     m_fileIO = std::make_unique<FileIO>();
 }
@@ -101,7 +101,7 @@ void TestUpdateStart::commandIsSentOnceAndExactly()
     });
     QCOMPARE(start(), 0);
     board.finish();
-    QCOMPARE(command.toHex(), kCommand.toHex());
+    QCOMPARE(command.toHex(), goodStartCommand().toHex());
     QCOMPARE(line.received(), QByteArray());
 }
 
@@ -154,10 +154,7 @@ void TestUpdateStart::answerDecidesTheResult()
     QFETCH(QByteArray, printed);
 
     BoardLine line;
-    Peer board(line, [&bytes](Pty &peer) {
-        peer.receive(kCommandSize);
-        peer.send(bytes);
-    });
+    Peer board(line, replyAfter(kCommandSize, bytes));
     QCOMPARE(start(), result);
     QCOMPARE(m_printed, printed);
 }
@@ -183,10 +180,7 @@ void TestUpdateStart::sumIsComparedWithTheFoot()
     QFETCH(int, result);
 
     BoardLine line;
-    Peer board(line, [&bytes](Pty &peer) {
-        peer.receive(kCommandSize);
-        peer.send(bytes);
-    });
+    Peer board(line, replyAfter(kCommandSize, bytes));
     QCOMPARE(start(), result);
     QCOMPARE(m_printed, result == 0 ? kSuccess : kSumError);
 }
@@ -290,5 +284,3 @@ void TestUpdateStart::serialIoctlOnAClosedPortIsMinusOne()
 
 QTEST_APPLESS_MAIN(TestUpdateStart)
 #include "tst_updatestart.moc"
-
-#include <memory>

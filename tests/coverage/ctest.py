@@ -14,10 +14,6 @@ def tests(build):
     return [test for test in json.loads(description)["tests"] if "command" in test]
 
 
-def properties(test):
-    return {entry["name"]: entry["value"] for entry in test["properties"]}
-
-
 def is_program(path):
     if not path.is_file():
         return False

@@ -1,4 +1,4 @@
-"""The lines of src/ that were reached, from the counters of all programs."""
+"""The lines of src/ that the tests execute, from the counters of all programs."""
 
 import collections
 import pathlib
@@ -10,7 +10,7 @@ PROJECT = pathlib.Path(__file__).resolve().parents[2]
 REASONS = pathlib.Path(__file__).with_name("unreached.toml")
 NO_MAPPING = "no coverage data found"
 
-# A line of src/ as a reason names it: it stays the same when lines move.
+# A line of src/ without its number, so that a reason stays valid when lines move.
 Place = collections.namedtuple("Place", "file function text")
 
 
@@ -75,25 +75,28 @@ def unreached(counts, project=PROJECT):
 
 
 def load_reasons(path=REASONS):
-    """The reasons written down for each place; a place has as many as lines that are alike."""
-    reasons = {}
-    for entry in tomllib.loads(path.read_text("utf-8")).get("line", []):
-        place = Place(entry["file"], entry["function"], entry["text"])
-        reasons.setdefault(place, []).append(entry["reason"])
-    return reasons
+    """The reasons, by place; the place of a reason for a whole function has no text."""
+    return {Place(entry["file"], entry["function"], entry.get("text")): entry["reason"]
+            for entry in tomllib.loads(path.read_text("utf-8"))["unreached"]}
+
+
+def reason_place(place, reasons):
+    """The place of the reason that covers a line, None without one."""
+    return next((key for key in (place, place._replace(text=None)) if key in reasons), None)
 
 
 def problems(counts, reasons, project=PROJECT):
-    """What is wrong, apart from the figure: sources left out, lines and reasons without each other."""
+    """Sources without counts, lines without a reason, and reasons without a line."""
     found = []
     for source in sorted((project / "src").rglob("*.cpp")):
         has_code = "{" in source.read_text(encoding="utf-8")  # one without has nothing to count
         if has_code and str(source.relative_to(project)) not in counts:
             found.append(f"{source.relative_to(project)} is in no program that was measured")
-    needed = collections.Counter(place for place, _ in unreached(counts, project))
-    written = collections.Counter({place: len(texts) for place, texts in reasons.items()})
-    for place in sorted((needed - written).elements()):
-        found.append(f"a line is not reached, and no reason is written down: {': '.join(place)}")
-    for place in sorted((written - needed).elements()):
-        found.append(f"a reason is written down for a line that is reached or gone: {': '.join(place)}")
+    used = set()
+    for place, number in unreached(counts, project):
+        used.add(reason_place(place, reasons))
+        if reason_place(place, reasons) is None:
+            found.append(f"{place.file}:{number}: not executed, and without a reason: {place.text} ({place.function})")
+    found += [f"{place.file}: a reason covers no line: {place.text or 'all'} ({place.function})"
+              for place in reasons if place not in used]
     return found

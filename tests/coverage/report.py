@@ -1,15 +1,13 @@
-"""Prints what the tests reach, from the counters that they have left: report.py BUILD.
+"""Reports the line coverage of the tests from their counters: report.py BUILD.
 
 Started by scripts/coverage. The exit status is 0 when the goal is met, else 1.
 """
 
-import itertools
 import pathlib
 import sys
 
 import ctest
 import lines
-import screens
 
 GOAL_PERCENT = 98
 
@@ -30,38 +28,22 @@ def print_lines(counts, reasons):
     for place, number in lines.unreached(counts):
         print(f"not reached: {place.file}:{number}: {place.text}\n"
               f"    in {place.function}\n"
-              f"    {' '.join(reasons.get(place, ['NO REASON']))}")
+              f"    {reasons.get(lines.reason_place(place, reasons), 'NO REASON')}")
     return sums
-
-
-def print_screens(known, called):
-    for file, group in itertools.groupby(known, key=lambda function: function.file):
-        ours = list(group)
-        reached = [function for function in ours if function in called]
-        print(f"\nfunctions of qml/{file}: {len(reached)} of {len(ours)} called")
-        for title, chosen in (("called", reached), ("NOT CALLED", [f for f in ours if f not in called])):
-            if chosen:
-                names = ", ".join(f"{function.name}:{function.line}" for function in chosen)
-                print(f"  {title}: {names}")
 
 
 def main(build):
     counts = lines.measure(build, ctest.programs(build))
     reasons = lines.load_reasons()
     reached, total = print_lines(counts, reasons)
-    known, called = screens.measure(build)
-    print_screens(known, called)
     print()
-
     problems = lines.problems(counts, reasons)
-    problems += [f"qml/{function.file}:{function.line}: {function.name} is never called"
-                 for function in known if function not in called]
     for problem in problems:
         print(f"problem: {problem}")
     is_good = percent(reached, total) >= GOAL_PERCENT and not problems
     print(f"coverage: {'PASSED' if is_good else 'FAILED'}: "
           f"{percent(reached, total):.2f} % of {total} lines of src/ (goal: {GOAL_PERCENT} %), "
-          f"{len(called)} of {len(known)} functions of qml/, {len(problems)} problem(s)")
+          f"{len(problems)} problem(s)")
     return 0 if is_good else 1
 
 

@@ -33,6 +33,7 @@ COMMANDS = {
     "cmake --install": "writes to the system; the test `install` does it elsewhere",
     "cmake --preset": "builds another tree; whoever needs it runs it",
     "ctest --preset": "the CI runs every test; here only the names are looked up",
+    "git config": "changes the settings of the clone; the test `lint.hook` runs the hook",
     "ln -s /dev/ttyUSB0": "needs a real board",
     "mkdir -p /root/mcu": "needs a real board",
     "mkdir -p build/found": "needs the fuzzing programs, which only clang builds",

@@ -14,26 +14,42 @@ import time
 import table
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
-# Nearly all of a row's time is waiting for the line, but not where the programs are emulated.
+# A row mostly waits for the serial line, so many machines run at a time; emulated programs need the processor.
 MACHINES_PER_CORE = 4 if os.environ.get("UPDATE_ASSISTANT_EMULATOR") else 16
 
 
 def parse_arguments():
     parser = argparse.ArgumentParser(prog="scripts/faults", description=__doc__)
-    parser.add_argument("rows", nargs="*", metavar="ROW", help="rows to run, * for any text (default: all)")
+    parser.add_argument("rows", nargs="*", metavar="ROW", help="rows to run, with * for any text (default: all)")
     parser.add_argument("--build", type=pathlib.Path, default=PROJECT / "build/dev",
                         help="build tree of the program (default: build/dev, which is built first)")
     parser.add_argument("--jobs", type=int, default=MACHINES_PER_CORE * (os.cpu_count() or 1),
-                        help="machines at a time (default: %(default)s)")
-    parser.add_argument("--list", action="store_true", help="list the rows and end")
+                        help="number of machines that run at a time (default: %(default)s)")
+    parser.add_argument("--list", action="store_true", help="list the rows without running them")
     parser.add_argument("--keep", type=pathlib.Path, metavar="DIR",
-                        help="keep each machine's state (console, screen, transcript) in DIR")
-    parser.epilog = "scripts/faults --page makes docs/failures.md from the table instead."
+                        help="keep the state of each machine (console, screen, transcript) in DIR")
+    parser.add_argument("--opkg", choices=("stand-in", "real"), default="stand-in",
+                        help="package manager: the stand-in (default), or the opkg on the PATH or in the variable OPKG; "
+                        "then only the rows in which it installs run, unless rows are named")
+    parser.epilog = "scripts/faults --page runs no row; it generates docs/failures.md from the table."
     return parser.parse_args()
 
 
-def chosen_rows(names):
+def solver_of(opkg):
+    """The solver of the real opkg, for run_row.py; nothing for the stand-in."""
+    if opkg != "real":
+        return []
+    version = subprocess.run([PROJECT / "sandbox/run", "--opkg", "real", "sh", "-c", '"$SANDBOX_REAL_OPKG" --version'],
+                             stdout=subprocess.PIPE, text=True, check=False)
+    if version.returncode:
+        sys.exit(version.returncode)
+    return ["libsolv" if "libsolv" in version.stdout else "internal"]
+
+
+def chosen_rows(names, opkg):
     rows = table.load()["rows"]
+    if opkg == "real" and not names:
+        rows = [row for row in rows if row.area != "board" and row.results]
     chosen = [row for row in rows if not names or any(fnmatch.fnmatchcase(row.name, n) for n in names)]
     if not chosen:
         sys.exit("scripts/faults: there is no such row (try --list)")
@@ -41,24 +57,25 @@ def chosen_rows(names):
 
 
 async def run_row(row, arguments, packages, machines):
-    """Returns the row, what is not as it says (empty when all is), and the seconds it took."""
+    """Returns the row, a text with the differences from it (empty without any), and the seconds it took."""
     build = arguments.build.resolve()
     state = []
     if arguments.keep:
         folder = arguments.keep / row.name.replace("/", "-")
-        shutil.rmtree(folder, ignore_errors=True)  # of an earlier run
+        shutil.rmtree(folder, ignore_errors=True)  # from an earlier run
         state = ["--state", folder]
     async with machines:
         started = time.monotonic()
         machine = await asyncio.create_subprocess_exec(
-            PROJECT / "sandbox/run", *state, *row.machine, "--show", build, "--show", packages, "--",
+            PROJECT / "sandbox/run", *state, *row.machine, "--opkg", arguments.opkg, "--show", build, "--show", packages, "--",
             "/usr/bin/python3", "-B", PROJECT / "tests/faults/run_row.py", build, packages, row.name,
+            *arguments.solver,
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         try:
             output, _ = await machine.communicate()
         except asyncio.CancelledError:
             if machine.returncode is None:
-                machine.kill()  # and with it all that runs there
+                machine.kill()  # ends everything that runs on the machine
             await machine.communicate()
             raise
     found = output.decode(errors="replace") or f"the machine ended with {machine.returncode}\n"
@@ -66,7 +83,7 @@ async def run_row(row, arguments, packages, machines):
 
 
 async def run_rows(rows, arguments, packages):
-    """Runs the rows, those that take longest first, and prints a line each. Returns how many failed."""
+    """Runs the rows, the longest first, and prints the result of each. Returns the number of failures."""
     failed = 0
     machines = asyncio.Semaphore(arguments.jobs)
     longest_first = sorted(rows, key=lambda row: -row.limit)
@@ -82,7 +99,8 @@ async def run_rows(rows, arguments, packages):
 
 def main():
     arguments = parse_arguments()
-    rows = chosen_rows(arguments.rows)
+    rows = chosen_rows(arguments.rows, arguments.opkg)
+    arguments.solver = solver_of(arguments.opkg)
     if arguments.list:
         for row in rows:
             print(f"{row.area:10} {row.name:40} {row.fault}")
@@ -90,7 +108,7 @@ def main():
     with tempfile.TemporaryDirectory() as packages:
         # The firmware is three blocks, the last one not full.
         subprocess.run([PROJECT / "sandbox/packages", "--faulty", "--firmware-size", "2500", packages], check=True)
-        (pathlib.Path(packages) / "pid").write_text("9999999")  # of no process; read-only on the machine
+        (pathlib.Path(packages) / "pid").write_text("9999999")  # no process has this id; read-only on the machine
         failed = asyncio.run(run_rows(rows, arguments, packages))
     print(f"{len(rows) - failed} passed, {failed} failed")
     return 1 if failed else 0

@@ -1,8 +1,9 @@
-"""Runs one row on the simulated machine: run_row.py BUILD PACKAGES ROW. Started by run.py.
+"""Runs one row on the simulated machine: run_row.py BUILD PACKAGES ROW [SOLVER]. Started by run.py.
 
-Prints the differences, nothing when all is as the row says. The exit status is 0 or 1.
+Prints every difference from the row. The exit status is 0 when there is none, else 1.
 """
 
+import dataclasses
 import linecache
 import pathlib
 import signal
@@ -23,7 +24,7 @@ POLL_S = 0.02
 
 
 class Log(threading.Thread):
-    """The lines of the console and of the screen, each with the time at which it was seen."""
+    """The output lines of the program and the states of the screen, each with the time at which it was read."""
 
     FILES = (paths.PROGRAM_LOG, paths.SCREEN_LOG)
 
@@ -49,14 +50,14 @@ class Log(threading.Thread):
         self._read[path] += sum(len(line) + 1 for line in lines)
 
     def seconds_between(self, first, then):
-        """From the last line with `first` to the earliest line with `then`; None without them."""
+        """From the last line with `first` before `then` to the earliest line with `then`; None without them."""
         end = next((i for i, (_, line) in enumerate(self._lines) if then in line), 0)
         start = next((seen for seen, line in reversed(self._lines[:end]) if first in line), None)
         return None if start is None else self._lines[end][0] - start
 
 
 def run_lines(lines, what, names):
-    """Runs the lines of a row, in which a failure names its own line."""
+    """Runs Python lines of a row. The traceback of a failure shows the line that failed."""
     linecache.cache[what] = (len(lines), None, lines.splitlines(keepends=True), what)
     exec(compile(lines, what, "exec"), names)
 
@@ -81,7 +82,7 @@ def end_steps(*_):
 
 
 def run(row, rows, machine):
-    """Returns what is not as the row says."""
+    """Returns the differences from the row."""
     log = Log()
     log.start()
     limit = verdict.SLOWNESS * row.limit
@@ -98,7 +99,7 @@ def run(row, rows, machine):
 
     while True:
         found = verdict.differences(row, rows, log, steps)
-        first = next(found, None)  # the cheap ones come first
+        first = next(found, None)  # cheap comparisons come first
         if first is None:
             break
         if time.monotonic() > given_up:
@@ -110,11 +111,13 @@ def run(row, rows, machine):
     return list(verdict.differences(row, rows, log, steps, is_over=True))
 
 
-def main(build, packages, name):
+def main(build, packages, name, solver=""):
     for number in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM):
-        signal.signal(number, signal.SIG_DFL)  # whoever started this may have them ignored
+        signal.signal(number, signal.SIG_DFL)  # the caller may ignore them, and children inherit that
     rows = table.load()
     row = next(row for row in rows["rows"] if row.name == name)
+    if solver == "libsolv":
+        row = dataclasses.replace(row, **row.libsolv)
     with Machine(build, packages) as machine:
         found = run(row, rows, machine)
     for difference in found:

@@ -1,4 +1,4 @@
-"""The steps of which a row's `before` and `during` consist."""
+"""The steps that `before` and `during` of a row can call."""
 
 import pathlib
 import re
@@ -10,25 +10,25 @@ import subprocess
 from machine import paths
 from machine.watch import same_content, text_of
 
-HOOKS = paths.STATE / "hooks"  # commands that come before the machine's own
-TOOLS = paths.STATE / "tools"  # commands that come instead of them
-INSTALLING = paths.STATE / "installing"  # made by a slow package
+HOOKS = paths.STATE / "hooks"  # scripts that run before the commands of the same name
+TOOLS = paths.STATE / "tools"  # the commands of the PATH, without the forgotten one
+INSTALLING = paths.STATE / "installing"  # created by a slow package
 GO = paths.STATE / "go"  # ends a slow package
 
 
 class Steps:
-    """What can be done on the machine of a row."""
+    """The steps on the machine of one row."""
 
     def __init__(self, machine, row):
         self.machine = machine
         self.row = row
-        self.status = None  # of the program that await_exit() has waited for
+        self.status = None  # exit status of the program, set by await_exit()
         HOOKS.mkdir()
         machine.environment["PATH"] = f"{HOOKS}:{machine.environment['PATH']}"
         machine.screen.probe()
 
     def names(self):
-        """What the lines of a row can name: the steps below, the parts of the machine, and places on it."""
+        """The names that a row can use: the steps below, the parts of the machine, and some of its paths."""
         parts = ("board", "console", "environment", "packages", "program", "screen")
         return {name: getattr(self, name) for name in dir(self) if not name.startswith("_")} | {
             **{name: getattr(self.machine, name) for name in parts},
@@ -38,7 +38,7 @@ class Steps:
     # Before the program starts.
 
     def sh(self, lines):
-        """Runs shell lines on the machine; none may fail."""
+        """Runs shell lines on the machine. The row fails when one of them fails."""
         call = self.machine.run("bash", "-euc", lines)
         assert call.returncode == 0, call.stdout
 
@@ -54,19 +54,23 @@ class Steps:
         """Installs a package file."""
         self.sh(f"opkg install {self.machine.packages.folder / file}")
 
+    def packaged_file_is_whole(self, file, path):
+        """Compares a file on the machine with that in the package file."""
+        self.sh(f"dpkg-deb --fsys-tarfile {self.machine.packages.folder / file} | tar -xO ./{path} | cmp - /{path}")
+
     def fill(self, folder):
-        """Leaves no room in a folder that is a small file system."""
+        """Fills a folder that is a small file system."""
         self.sh(f"head -c 1M /dev/zero >{folder}/filler || true")
 
     def hook(self, command, lines):
-        """Runs shell lines each time the program's shell calls the command, and then the command."""
+        """Runs shell lines before each call of the command by the program's shell."""
         real = shutil.which(command, path=self.machine.environment["PATH"])
         _write_script(HOOKS / command, f'#!/usr/bin/env bash\nreal={shlex.quote(real)}\n{lines}\nexec "$real" "$@"\n')
 
     def strike(self, command, arguments, lines, call=1):
-        """Runs shell lines once, before the program's shell calls the command with such arguments, a
-        pattern, for the first time or the given one. `$real` is the command itself, for lines that want it
-        run earlier."""
+        """Runs shell lines once: before the call number `call` of the command by the program's shell. Only
+        calls count whose arguments match the pattern `arguments`. In the lines, `$real` is the path of the
+        command."""
         calls = HOOKS / f".{command}"
         self.hook(command, f"""\
 pattern={shlex.quote(arguments)}
@@ -75,7 +79,7 @@ if [[ $* == $pattern ]] && echo >>{calls} && [ "$(wc -l <{calls})" -eq {call} ];
 fi""")
 
     def forget(self, command):
-        """Takes the command off the PATH. Returns where another one can be put in its place."""
+        """Removes the command from the PATH. Returns the path for a replacement."""
         TOOLS.mkdir()
         _, *folders = self.machine.environment["PATH"].split(":")
         self.machine.run("bash", "-c", 'for folder in "${@:3}"; do find "$folder/" -maxdepth 1 ! -name "$1" '
@@ -84,39 +88,43 @@ fi""")
         return TOOLS / command
 
     def replace_application(self, lines):
-        """Puts shell lines in place of the main application; its calls are recorded all the same."""
+        """Replaces the main application by shell lines. Its calls are still recorded."""
         application = pathlib.Path("/root/Hmi")
-        application.unlink()  # a link to the project's
+        application.unlink()  # a link to the stand-in
         _write_script(application, f'#!/bin/sh\necho "$0 $*" >>{paths.CALLS}\n{lines}\n')
 
     def start_by(self, lines):
-        """Starts the program by shell lines from now on, in which it is "$@"."""
+        """Makes every later start run these shell lines instead of the program; it starts nothing itself.
+
+        The lines start the program by "$@", the program with its arguments. `program` stands for the shell
+        that runs them, which becomes the program itself only through `exec "$@"`.
+        """
         self.machine.program.command = ["/bin/sh", "-c", lines, "starter", *self.machine.program.command]
 
     def start_idler(self, group=0):
-        """Starts a process that does nothing, in the group of another or its own. Returns its Popen."""
+        """Starts a process that sleeps, in the process group `group` or in its own. Returns its Popen."""
         return subprocess.Popen(["sleep", "1000"], process_group=group)
 
     # The program and the board.
 
     def start(self, *arguments):
-        """Starts the program, also beside one that runs. Returns its Popen."""
+        """Starts the program, also beside a running instance. Returns its Popen."""
         return self.machine.program.start(*self.row.arguments, *arguments)
 
     def start_again(self, *arguments):
-        """Starts the program with a new log of the screen and of the console."""
+        """Starts the program with empty logs of the screen and the console."""
         paths.SCREEN_LOG.write_bytes(b"")
         self.machine.console.clear()
         return self.start(*arguments)
 
     def cut_off(self):
-        """Ends the program as a power cut does, without a word."""
+        """Kills the program, as a power cut does."""
         self.machine.program.stop(signal.SIGKILL)
 
     def switch_board_on(self, *options):
-        # Ten control bytes at a time, as the program reads them: it goes on at once. No `C` before it
-        # has read the answer to the start command, nor a second one while it reads the first: each
-        # takes it about a second, and which comes first would be left to chance.
+        # Each control byte is repeated ten times, because the program reads ten bytes at a time. The
+        # delays keep the order fixed: each read takes about a second, and no `C` may arrive before the
+        # program has read the reply to the start command, and no second `C` during the read of the first.
         self.machine.board.start("--control-repeat", "10", "--boot-delay", "2500",
                                  "--request-interval", "3000", *options)
 
@@ -125,12 +133,12 @@ fi""")
         paths.BOARD_SUMMARY.unlink()
 
     def press(self):
-        """Clicks the button, and waits for the effect."""
+        """Clicks the button and waits for the effect."""
         self.click()
         self.await_("the effect of the button", self._is_pressed)
 
     def click(self, times=1):
-        """Clicks the button, as often in a row."""
+        """Clicks the button, `times` times without a pause."""
         self.await_button()
         self.machine.screen.tell_probe("\n".join(["click udisk"] * times))
 
@@ -141,10 +149,10 @@ fi""")
         """Ends the wait of a slow package."""
         GO.touch()
 
-    # Waiting, and looking.
+    # Waiting and inspection.
 
     def await_(self, what, condition, *arguments):
-        """Waits until condition(*arguments) holds, but not longer than the program runs."""
+        """Waits until condition(*arguments) is true. Fails when the program ends first."""
         return self.machine.await_(what, condition, *arguments)
 
     def await_button(self):
@@ -156,7 +164,7 @@ fi""")
         self.await_(text, lambda: any(text in item.get("text", "") for item in self.machine.screen.items.values()))
 
     def await_item(self, name, **properties):
-        """Waits for an item on the screen, with these properties."""
+        """Waits for an item on the screen with these properties."""
         def is_there():
             item = self.machine.screen.items.get(name)
             return item is not None and properties.items() <= item.items()
@@ -164,41 +172,41 @@ fi""")
         self.await_(name, is_there)
 
     def await_path(self, path):
-        """Waits until the path is there."""
+        """Waits until the path exists."""
         self.await_(path, pathlib.Path(path).exists)
 
     def await_removal(self, path):
-        """Waits until the path is there no more."""
+        """Waits until the path does not exist."""
         self.await_(f"removal of {path}", lambda: not pathlib.Path(path).exists())
 
     def await_copy(self, file, copy):
-        """Waits until the copy is whole."""
+        """Waits until the copy is complete."""
         self.await_(f"a copy of {file}", same_content, file, copy)
 
     def await_line(self, path, expression):
-        """Waits until the file has a line that the regular expression fits."""
+        """Waits until a text line of the file matches the regular expression."""
         self.await_(expression, lambda: re.search(expression, text_of(path), re.MULTILINE))
 
     def await_installer(self):
-        """Waits until a slow package is at work."""
+        """Waits until the installation of a slow package has started."""
         self.await_("the installer", lambda: INSTALLING.exists() and INSTALLING.stat().st_size)
 
     def await_board(self, expression):
-        """Waits until the board's transcript has a line that the regular expression fits."""
+        """Waits until a text line of the board's transcript matches the regular expression."""
         self.await_(expression, self.machine.board.saw, expression)
 
     def await_exit(self):
-        """Waits for the program's end; its exit status is what the row's `status` is compared with."""
+        """Waits for the end of the program. Its exit status is compared with `status` of the row."""
         status = self.machine.program.wait()
         self.status = status if status >= 0 else 128 - status
 
     def await_end(self, process):
-        """Waits for the end of another process, a Popen."""
-        self.await_("the end of the other", lambda: process.poll() is not None)
+        """Waits for the end of another process, given as its Popen."""
+        self.await_("the end of the other process", lambda: process.poll() is not None)
 
     def gone(self):
-        """The classes of the program's objects in the order in which it has taken them down."""
-        return re.findall(r"^screenprobe: (.*) is gone$", self.machine.console.text, re.MULTILINE)
+        """The classes of the program's objects, in the order of their destruction."""
+        return re.findall(r"^probe: (.*) is gone$", self.machine.console.text, re.MULTILINE)
 
     def _is_idle(self):
         button = self.machine.screen.items.get("udisk", {})

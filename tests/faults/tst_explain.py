@@ -149,7 +149,7 @@ GOOD = [*START, "qml: result: 0    index: 0  ipkList.length: 1", *entries("to en
 
 
 def failing(*lines, index=0, count=1):
-    return [*START, *lines, f"qml: result: 256    index: {index}  ipkList.length: {count}"]
+    return [*START, *lines, f"qml: result: 65280    index: {index}  ipkList.length: {count}"]
 
 
 def call(*arguments, status, text="", environment=None):

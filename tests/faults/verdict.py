@@ -1,4 +1,4 @@
-"""Compares what a machine has come to with what its row says."""
+"""Compares the state of a machine with the expectations of its row."""
 
 import itertools
 import os
@@ -8,13 +8,13 @@ from machine import HAND_OVER, paths
 from machine.packages import INSTALL
 from machine.watch import names_in, same_content, text_of
 
-# A row's upper bound leaves room for a busy processor, but not for an emulated one.
+# The upper bounds of the rows allow for a busy processor but not for an emulated one.
 SLOWNESS = 2 if os.environ.get("UPDATE_ASSISTANT_EMULATOR") else 1
 
 
 def differences(row, table, log, steps, is_over=False):
-    """Yields what is not as the row says, a line each. Once the row `is_over` the board is off, and its
-    summary counts, too."""
+    """Yields a text for each difference from the row. When the row `is_over`, boardsim has stopped, and its
+    summary is compared too."""
     machine = steps.machine
     painted = machine.screen.painted
     return itertools.chain(
@@ -72,7 +72,7 @@ def _code_differences(row, table, console, painted):
 
 
 def painted_result(painted):
-    """The result that the screen tells of the control board, None before it does."""
+    """The result of the board's update that the screen shows; None before it shows one."""
     text = painted["items"].get("tip_en", {}).get("text", "")
     code = re.search(r"Error Code\[(-?\d+)\]", text)
     if code:
@@ -81,11 +81,12 @@ def painted_result(painted):
 
 
 def pattern(entries, table):
-    """A regular expression for lines of the console.
+    """A regular expression for output lines. Each entry is one of these:
 
-    An entry is a line as it stands; "@NAME" for the lines of that name in [lines]; a list that
-    begins with how often the rest of it comes: "+", "*", or numbers such as "3" and "2,5"; or one
-    that begins with "|" and has one entry of the rest.
+    TEXT             this output line
+    "@NAME"          the output lines of that name in [lines]
+    [COUNT, ...]     the other entries, repeated; COUNT is "+", "*", or a number or range: "3", "2,5"
+    ["|", ...]       one of the other entries
     """
     parts = []
     for entry in entries:
@@ -102,7 +103,7 @@ def pattern(entries, table):
 
 
 def console_of(lines, table):
-    """The lines that are the program's own, without its listings of packages."""
+    """The output lines of the program itself, without its listings of packages."""
     own = re.compile("|".join(table["own_lines"]))
     return [line for line in lines if own.match(line)]
 
@@ -137,7 +138,7 @@ def _package_differences(row, machine):
         for file in files:
             copy = folder / os.path.basename(file)
             if str(copy) not in row.disk and not same_content(copy, machine.packages.folder / file):
-                yield f"{copy}: no longer what was put there"
+                yield f"{copy}: differs from what was put there"
 
 
 def _board_differences(row, board, is_over):
@@ -146,7 +147,7 @@ def _board_differences(row, board, is_over):
     summary = board.summary()
     if summary is None:
         if is_over:
-            yield "the board has left no summary"
+            yield "boardsim has written no summary"
         return
     yield from _same("the board's verdict", row.board_outcome, summary["outcome"])
     given = {row.board[i + 1] for i, option in enumerate(row.board) if option == "--fault"}
@@ -162,7 +163,7 @@ def _board_differences(row, board, is_over):
 
 
 def disk_state(path):
-    """What is at a path: "absent", "folder", "empty folder", or "file"."""
+    """What exists at a path: "absent", "folder", "empty folder", or "file"."""
     if not os.path.lexists(path):
         return "absent"
     if os.path.isdir(path):

@@ -14,7 +14,7 @@ struct Clock {
     int looks = 0;
 };
 
-thread_local Clock wallClock;
+thread_local Clock gWallClock;
 
 } // namespace
 
@@ -23,36 +23,36 @@ thread_local Clock wallClock;
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the library's are reserved
 extern "C" int gettimeofday(timeval *now, void * /*zone*/) noexcept
 {
-    if (!wallClock.isFake) {
+    if (!gWallClock.isFake) {
         timespec real = {};
         clock_gettime(CLOCK_REALTIME, &real);
         now->tv_sec = real.tv_sec;
         now->tv_usec = real.tv_nsec / 1000;
         return 0;
     }
-    ++wallClock.looks;
-    now->tv_sec = static_cast<time_t>(wallClock.nowMs / 1000);
-    now->tv_usec = static_cast<suseconds_t>(wallClock.nowMs % 1000 * 1000);
-    wallClock.nowMs += wallClock.stepMs;
+    ++gWallClock.looks;
+    now->tv_sec = static_cast<time_t>(gWallClock.nowMs / 1000);
+    now->tv_usec = static_cast<suseconds_t>(gWallClock.nowMs % 1000 * 1000);
+    gWallClock.nowMs += gWallClock.stepMs;
     return 0;
 }
 
 FakeClock::FakeClock(const QTime &start, int stepMs)
 {
-    wallClock = {true, QDateTime(QDate::currentDate(), start).toMSecsSinceEpoch(), stepMs, 0};
+    gWallClock = {true, QDateTime(QDate::currentDate(), start).toMSecsSinceEpoch(), stepMs, 0};
 }
 
 FakeClock::~FakeClock()
 {
-    wallClock = {};
+    gWallClock = {};
 }
 
 void FakeClock::setStep(int stepMs)
 {
-    wallClock.stepMs = stepMs;
+    gWallClock.stepMs = stepMs;
 }
 
 int FakeClock::looks() const
 {
-    return wallClock.looks;
+    return gWallClock.looks;
 }

@@ -4,13 +4,10 @@
 
 /// What a handler of the downloader's signals may do: start the next transfer, stop, or delete the
 /// object.
-class TestDownloadHandlers : public QObject {
+class TestDownloadHandlers : public DownloadTest {
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
-
     void finishedHandlerStartsTheNext();
     void runningHandlerStartsTheNext();
     void errorHandlerStartsTheNext_data();
@@ -21,25 +18,13 @@ private slots:
     void anyHandlerMayDeleteTheObject();
 
 private:
-    std::unique_ptr<RecordingManager> m_manager;
+    void compareNothingHeld(const Download &download) const;
 };
-
-void TestDownloadHandlers::init()
-{
-    // No test meets the connections of another.
-    m_manager = std::make_unique<RecordingManager>();
-}
-
-void TestDownloadHandlers::cleanup()
-{
-    m_manager.reset();
-}
 
 void TestDownloadHandlers::finishedHandlerStartsTheNext()
 {
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::fixedLength("first"));
-    server.on("/b", HttpScript::head(6).send("sec").hold().send("ond"));
+    m_server->on("/a", HttpScript::fixedLength("first"));
+    m_server->on("/b", HttpScript::head(6).send("sec").hold().send("ond"));
     Download download;
     bool startedNext = false;
     connect(download.fileIo.get(), &FileIO::finished, this, [&] {
@@ -48,16 +33,16 @@ void TestDownloadHandlers::finishedHandlerStartsTheNext()
         startedNext = true;
         download.log.clear();
         download.fileIo->setDestination(download.fileUrl("next"));
-        download.fileIo->start(server.url("/b"));
+        download.fileIo->start(m_server->url("/b"));
     });
-    download.startOnce(server.url("/a"));
+    download.startOnce(m_server->url("/a"));
     AWAIT(startedNext);
     QCOMPARE(download.log.names(),
              Lines({"destinationChanged", "urlChanged", "progressChanged", "started",
                     "runningChanged", "started"}));
-    AWAIT_EQUAL(server.requestCount("/b") > 0, true);
+    AWAIT_EQUAL(m_server->requestCount("/b") > 0, true);
     QCOMPARE(download.openFiles(), 1);
-    server.release("/b");
+    m_server->release("/b");
     AWAIT(download.finished());
     QVERIFY(!download.failed());
     QCOMPARE(download.content(), QByteArray("first"));
@@ -67,9 +52,8 @@ void TestDownloadHandlers::finishedHandlerStartsTheNext()
 
 void TestDownloadHandlers::runningHandlerStartsTheNext()
 {
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::fixedLength("first"));
-    server.on("/b", HttpScript::fixedLength("second"));
+    m_server->on("/a", HttpScript::fixedLength("first"));
+    m_server->on("/b", HttpScript::fixedLength("second"));
     Download download;
     bool startedNext = false;
     connect(download.fileIo.get(), &FileIO::runningChanged, this, [&] {
@@ -77,9 +61,9 @@ void TestDownloadHandlers::runningHandlerStartsTheNext()
             return;
         startedNext = true;
         download.fileIo->setDestination(download.fileUrl("next"));
-        download.fileIo->start(server.url("/b"));
+        download.fileIo->start(m_server->url("/b"));
     });
-    download.startOnce(server.url("/a"));
+    download.startOnce(m_server->url("/a"));
     AWAIT_EQUAL(download.log.names().count(QByteArray("finished")), 2);
     QVERIFY(!download.failed());
     QCOMPARE(download.content("next"), QByteArray("second"));
@@ -102,12 +86,11 @@ void TestDownloadHandlers::errorHandlerStartsTheNext()
 {
     QFETCH(int, failure);
 
-    ScriptedHttpServer server;
     if (failure == 1)
-        server.on("/a", HttpScript::redirect("/c", "moved"));
+        m_server->on("/a", HttpScript::redirect("/c", "moved"));
     else if (failure == 2)
-        server.on("/a", HttpScript::head(4).hold().send("body"));
-    server.on("/b", HttpScript::fixedLength("second"));
+        m_server->on("/a", HttpScript::head(4).hold().send("body"));
+    m_server->on("/b", HttpScript::fixedLength("second"));
     Download download;
     QVERIFY(QDir(download.dir.path()).mkdir(QStringLiteral("sub")));
     if (failure == 2)
@@ -119,13 +102,13 @@ void TestDownloadHandlers::errorHandlerStartsTheNext()
         if (errors++ > 0)
             return;
         download.fileIo->setDestination(download.fileUrl("next"));
-        download.fileIo->start(server.url("/b"));
+        download.fileIo->start(m_server->url("/b"));
     });
-    download.startOnce(server.url("/a"));
+    download.startOnce(m_server->url("/a"));
     if (failure == 2) {
-        AWAIT_EQUAL(server.requests().size(), 1);
+        AWAIT_EQUAL(m_server->requests().size(), 1);
         QVERIFY(QDir(download.path("sub")).removeRecursively());
-        server.release("/a");
+        m_server->release("/a");
     } else if (failure == 3) {
         download.fileIo->stop();
     } else if (failure == 4) {
@@ -256,6 +239,16 @@ void runRow(ScriptedHttpServer &server, const Download &download, const Recordin
 
 } // namespace
 
+void TestDownloadHandlers::compareNothingHeld(const Download &download) const
+{
+    QByteArrayList files = download.files();
+    files.removeAll("file");
+    QCOMPARE(files, Lines());
+    deleteReleased();
+    for (const RecordingManager::Sent &sent : m_manager->sent())
+        QVERIFY(!sent.reply);
+}
+
 void TestDownloadHandlers::anyHandlerMayStop_data()
 {
     addHandlerRows();
@@ -267,27 +260,20 @@ void TestDownloadHandlers::anyHandlerMayStop()
     QFETCH(QByteArray, signal);
     QFETCH(int, emission);
 
-    ScriptedHttpServer server;
-    scriptRows(server);
+    scriptRows(*m_server);
     Download download;
     prepareRow(download, path);
     FileIO *const fileIo = download.fileIo.get();
     const SignalTrigger trigger(fileIo, signal, emission, [fileIo] { fileIo->stop(); });
-    runRow(server, download, *m_manager, path);
+    runRow(*m_server, download, *m_manager, path);
     AWAIT(trigger.hasFired());
     fileIo->stop();
 
     // Nothing is left over, and the object still works.
-    QByteArrayList files = download.files();
-    files.removeAll("file");
-    QCOMPARE(files, Lines());
-    QCOMPARE(download.openFiles(), 0);
-    deleteReleased();
-    for (const RecordingManager::Sent &sent : m_manager->sent())
-        QVERIFY(!sent.reply);
+    compareNothingHeld(download);
     fileIo->setDestination(download.fileUrl("next"));
     download.log.clear();
-    fileIo->start(server.url("/ok"));
+    fileIo->start(m_server->url("/ok"));
     AWAIT(download.finished());
     QVERIFY(!download.failed());
     QCOMPARE(download.content("next"), QByteArray(2000, 'x'));
@@ -304,23 +290,16 @@ void TestDownloadHandlers::anyHandlerMayDeleteTheObject()
     QFETCH(QByteArray, signal);
     QFETCH(int, emission);
 
-    ScriptedHttpServer server;
-    scriptRows(server);
+    scriptRows(*m_server);
     Download download;
     prepareRow(download, path);
     const SignalTrigger trigger(download.fileIo.get(), signal, emission,
                                 [&download] { download.fileIo.reset(); });
-    runRow(server, download, *m_manager, path);
+    runRow(*m_server, download, *m_manager, path);
     AWAIT(trigger.hasFired());
     QVERIFY(!download.fileIo);
 
-    QByteArrayList files = download.files();
-    files.removeAll("file");
-    QCOMPARE(files, Lines());
-    QCOMPARE(download.openFiles(), 0);
-    deleteReleased();
-    for (const RecordingManager::Sent &sent : m_manager->sent())
-        QVERIFY(!sent.reply);
+    compareNothingHeld(download);
 }
 
 QTEST_GUILESS_MAIN(TestDownloadHandlers)

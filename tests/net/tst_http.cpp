@@ -1,18 +1,21 @@
 #include "capture.h"
-#include "downloadfixture.h"
-#include "fakeclock.h"
+#include "httpfixture.h"
 
-#include <QTimer>
+namespace {
 
-#include <functional>
+bool hangsUp(const HttpScript &script)
+{
+    const QList<HttpScript::Step> &steps = script.steps();
+    return !steps.isEmpty() && steps.last().kind == HttpScript::Step::Close;
+}
 
-class TestHttp : public QObject {
+} // namespace
+
+/// What the requests of the screens send and return.
+class TestHttp : public DownloadTest {
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
-
     // Requests
     void getSendsTheUrlAlone();
     void postSendsTheUrlAndTheBodyAlone();
@@ -31,117 +34,45 @@ private slots:
     void secondPieceWithinAPauseReplacesTheFirst();
     void postReturnsTheAnswer();
     void callForgetsTheEarlierText();
-
-    // The wait
-    void silenceIsWaitedOutInNinePauses();
-    void answerEndsTheWaitAfterItsPause();
-    void silenceIsWaitedOutInRealTime();
-    void eventsAreProcessedMeanwhile();
-    void delayLastsByTheWallClock();
-    void delayOfNothingProcessesNothing_data();
-    void delayOfNothingProcessesNothing();
-    void delayEndsEarlyAcrossMidnight();
-
-    // The shared reply
-    void lateAnswerReadsTheNewerReply();
-    void lateAnswerIsForgottenByTheNextCall();
-    void repliesStayAlive();
-    void innerCallSharesTheText();
-    void readWithoutAReplyDoesNothing();
-    void replyDeletedMeanwhileIsSurvived();
-    void managerDeletedMeanwhileIsSurvived();
-    void objectDeletedMeanwhileIsSurvived();
-    void downloadReleasesTheHeldReply();
-    void downloadStartedMeanwhileIsWhole();
-    void destructorAbortsTheHeldReply();
-
-private:
-    std::unique_ptr<RecordingManager> m_manager;
 };
-
-namespace {
-
-const QTime kNoon(12, 0);
-
-QString text(const QUrl &url)
-{
-    return QString::fromLatin1(url.toEncoded());
-}
-
-/// Runs `action` when the event loop turns next, if `context` still lives then.
-void soon(QObject *context, const std::function<void()> &action)
-{
-    auto *const timer = new QTimer(context);
-    timer->setSingleShot(true);
-    QObject::connect(timer, &QTimer::timeout, context, action);
-    timer->start(0);
-}
-
-/// Asks for what is not going to be answered, without a wait in real time.
-QString getUnanswered(FileIO &fileIo, const QUrl &url)
-{
-    const FakeClock clock(kNoon, 50);
-    return fileIo.httpGet(text(url));
-}
-
-bool hangsUp(const HttpScript &script)
-{
-    const QList<HttpScript::Step> &steps = script.steps();
-    return !steps.isEmpty() && steps.last().kind == HttpScript::Step::Close;
-}
-
-} // namespace
-
-void TestHttp::init()
-{
-    // No test meets the connections of another.
-    m_manager = std::make_unique<RecordingManager>();
-}
-
-void TestHttp::cleanup()
-{
-    m_manager.reset();
-}
 
 void TestHttp::getSendsTheUrlAlone()
 {
-    ScriptedHttpServer server;
-    server.on("/a?q=1", HttpScript::fixedLength("body"));
+    m_server->on("/a?q=1", HttpScript::fixedLength("body"));
     FileIO fileIo;
-    fileIo.httpGet(text(server.url("/a?q=1")));
+    fileIo.httpGet(text(m_server->url("/a?q=1")));
     QCOMPARE(m_manager->sent().size(), 1);
     QCOMPARE(m_manager->sent().at(0).operation, QNetworkAccessManager::GetOperation);
-    QCOMPARE(m_manager->sent().at(0).request, QNetworkRequest(server.url("/a?q=1")));
+    QCOMPARE(m_manager->sent().at(0).request, QNetworkRequest(m_server->url("/a?q=1")));
 
     // Nor does anything reach the wire that the library does not send by itself.
     const std::unique_ptr<QNetworkReply> plain(
-        m_manager->get(QNetworkRequest(server.url("/a?q=1"))));
+        m_manager->get(QNetworkRequest(m_server->url("/a?q=1"))));
     AWAIT(plain->isFinished());
-    QCOMPARE(server.requests().size(), 2);
-    QCOMPARE(server.requests().at(0).method, QByteArray("GET"));
-    QCOMPARE(server.requests().at(0).path, QByteArray("/a?q=1"));
-    QCOMPARE(server.requests().at(0).headers, server.requests().at(1).headers);
-    QCOMPARE(server.requests().at(0).body, QByteArray());
+    QCOMPARE(m_server->requests().size(), 2);
+    QCOMPARE(m_server->requests().at(0).method, QByteArray("GET"));
+    QCOMPARE(m_server->requests().at(0).path, QByteArray("/a?q=1"));
+    QCOMPARE(m_server->requests().at(0).headers, m_server->requests().at(1).headers);
+    QCOMPARE(m_server->requests().at(0).body, QByteArray());
 }
 
 void TestHttp::postSendsTheUrlAndTheBodyAlone()
 {
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::fixedLength("body"));
+    m_server->on("/a", HttpScript::fixedLength("body"));
     FileIO fileIo;
     const MessageCapture messages; // the library complains of a missing Content-Type
-    fileIo.httpPost(text(server.url("/a")), QStringLiteral("data"));
+    fileIo.httpPost(text(m_server->url("/a")), QStringLiteral("data"));
     QCOMPARE(m_manager->sent().size(), 1);
     QCOMPARE(m_manager->sent().at(0).operation, QNetworkAccessManager::PostOperation);
-    QCOMPARE(m_manager->sent().at(0).request, QNetworkRequest(server.url("/a")));
+    QCOMPARE(m_manager->sent().at(0).request, QNetworkRequest(m_server->url("/a")));
 
     const std::unique_ptr<QNetworkReply> plain(
-        m_manager->post(QNetworkRequest(server.url("/a")), QByteArray("data")));
+        m_manager->post(QNetworkRequest(m_server->url("/a")), QByteArray("data")));
     AWAIT(plain->isFinished());
-    QCOMPARE(server.requests().size(), 2);
-    QCOMPARE(server.requests().at(0).method, QByteArray("POST"));
-    QCOMPARE(server.requests().at(0).headers, server.requests().at(1).headers);
-    QCOMPARE(server.requests().at(0).body, QByteArray("data"));
+    QCOMPARE(m_server->requests().size(), 2);
+    QCOMPARE(m_server->requests().at(0).method, QByteArray("POST"));
+    QCOMPARE(m_server->requests().at(0).headers, m_server->requests().at(1).headers);
+    QCOMPARE(m_server->requests().at(0).body, QByteArray("data"));
 }
 
 void TestHttp::postBodyIsLatin1_data()
@@ -161,37 +92,34 @@ void TestHttp::postBodyIsLatin1()
     QFETCH(QString, data);
     QFETCH(QByteArray, body);
 
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::fixedLength("taken"));
+    m_server->on("/a", HttpScript::fixedLength("taken"));
     FileIO fileIo;
     const MessageCapture messages;
-    QCOMPARE(fileIo.httpPost(text(server.url("/a")), data), QStringLiteral("taken"));
-    QCOMPARE(server.requests().size(), 1);
-    QCOMPARE(server.requests().at(0).body, body);
-    QCOMPARE(server.requests().at(0).header("content-length"), QByteArray::number(body.size()));
+    QCOMPARE(fileIo.httpPost(text(m_server->url("/a")), data), QStringLiteral("taken"));
+    QCOMPARE(m_server->requests().size(), 1);
+    QCOMPARE(m_server->requests().at(0).body, body);
+    QCOMPARE(m_server->requests().at(0).header("content-length"), QByteArray::number(body.size()));
 }
 
 void TestHttp::urlIsParsedTolerantly()
 {
-    ScriptedHttpServer server;
-    server.on("/a%20b?c=100%25", HttpScript::fixedLength("body"));
+    m_server->on("/a%20b?c=100%25", HttpScript::fixedLength("body"));
     FileIO fileIo;
-    QCOMPARE(fileIo.httpGet(text(server.url("/")) + QStringLiteral("a b?c=100%")),
+    QCOMPARE(fileIo.httpGet(text(m_server->url("/")) + QStringLiteral("a b?c=100%")),
              QStringLiteral("body"));
 }
 
 void TestHttp::runningSendsNothing()
 {
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::fixedLength("body"));
+    m_server->on("/a", HttpScript::fixedLength("body"));
     FileIO fileIo;
-    fileIo.httpGet(text(server.url("/a")));
+    fileIo.httpGet(text(m_server->url("/a")));
     fileIo.setRunning(true);
     // It returns at once: the event loop does not turn.
     bool turned = false;
     soon(&fileIo, [&turned] { turned = true; });
-    const QString got = fileIo.httpGet(text(server.url("/a")));
-    const QString posted = fileIo.httpPost(text(server.url("/a")), QStringLiteral("data"));
+    const QString got = fileIo.httpGet(text(m_server->url("/a")));
+    const QString posted = fileIo.httpPost(text(m_server->url("/a")), QStringLiteral("data"));
     QCOMPARE(got, QLatin1String(""));
     QCOMPARE(posted, QLatin1String(""));
     QVERIFY(!got.isNull());
@@ -200,17 +128,16 @@ void TestHttp::runningSendsNothing()
     QCOMPARE(m_manager->sent().size(), 1);
 
     fileIo.setRunning(false);
-    QCOMPARE(fileIo.httpGet(text(server.url("/a"))), QStringLiteral("body"));
+    QCOMPARE(fileIo.httpGet(text(m_server->url("/a"))), QStringLiteral("body"));
 }
 
 void TestHttp::failedDownloadSendsNothing()
 {
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::fixedLength("body"));
+    m_server->on("/a", HttpScript::fixedLength("body"));
     Download download;
-    download.startOnce(server.url("/missing"));
+    download.startOnce(m_server->url("/missing"));
     AWAIT(download.failed());
-    QCOMPARE(download.fileIo->httpGet(text(server.url("/a"))), QString());
+    QCOMPARE(download.fileIo->httpGet(text(m_server->url("/a"))), QString());
     QCOMPARE(m_manager->sent().size(), 1);
 }
 
@@ -240,16 +167,15 @@ void TestHttp::answerIsReturned()
     QFETCH(HttpScript, script);
     QFETCH(QString, answer);
 
-    ScriptedHttpServer server;
-    server.on("/a", script);
-    server.on("/b", HttpScript::fixedLength("other"));
+    m_server->on("/a", script);
+    m_server->on("/b", HttpScript::fixedLength("other"));
     FileIO fileIo;
     const TransferLog log(&fileIo);
-    QCOMPARE(fileIo.httpGet(text(server.url("/a"))), answer);
+    QCOMPARE(fileIo.httpGet(text(m_server->url("/a"))), answer);
     QCOMPARE(m_manager->sent().size(), 1);
-    QCOMPARE(server.requestCount("/b"), 0);
+    QCOMPARE(m_server->requestCount("/b"), 0);
     if (!hangsUp(script)) // then Qt itself may ask again, and on a busy processor does
-        QCOMPARE(server.requests().size(), 1);
+        QCOMPARE(m_server->requests().size(), 1);
     QCOMPARE(log.entries(), Lines()); // these requests tell nobody
 }
 
@@ -273,8 +199,7 @@ void TestHttp::noAnswerIsAnEmptyText()
     QFETCH(HttpScript, script);
     QFETCH(QString, otherUrl);
 
-    ScriptedHttpServer server;
-    server.on("/a", script);
+    m_server->on("/a", script);
     FileIO fileIo;
     const TransferLog log(&fileIo);
     const MessageCapture messages;
@@ -286,7 +211,8 @@ void TestHttp::noAnswerIsAnEmptyText()
         if (reply->isFinished())
             clock.setStep(50);
     });
-    const QString answer = fileIo.httpGet(otherUrl.isEmpty() ? text(server.url("/a")) : otherUrl);
+    const QString answer =
+        fileIo.httpGet(otherUrl.isEmpty() ? text(m_server->url("/a")) : otherUrl);
     QCOMPARE(answer, QString());
     QVERIFY(!answer.isNull());
     QCOMPARE(log.entries(), Lines());
@@ -295,20 +221,18 @@ void TestHttp::noAnswerIsAnEmptyText()
 
 void TestHttp::firstPieceIsReturnedAlone()
 {
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::head(9).send("first").hold().send("next"));
+    m_server->on("/a", HttpScript::head(9).send("first").hold().send("next"));
     FileIO fileIo;
-    QCOMPARE(fileIo.httpGet(text(server.url("/a"))), QStringLiteral("first"));
+    QCOMPARE(fileIo.httpGet(text(m_server->url("/a"))), QStringLiteral("first"));
     // The rest comes, is read, and hurts nobody.
-    server.release("/a");
+    m_server->release("/a");
     AWAIT(m_manager->lastReply()->isFinished());
     QCOMPARE(m_manager->lastReply()->bytesAvailable(), 0);
 }
 
 void TestHttp::secondPieceWithinAPauseReplacesTheFirst()
 {
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::head(11).send("first").hold().send("second"));
+    m_server->on("/a", HttpScript::head(11).send("first").hold().send("second"));
     FileIO fileIo;
     int pieces = 0;
     soon(this, [&] {
@@ -316,287 +240,32 @@ void TestHttp::secondPieceWithinAPauseReplacesTheFirst()
             if (++pieces > 1)
                 return;
             // No pause ends before this handler has returned.
-            server.release("/a");
+            m_server->release("/a");
             AWAIT_EQUAL(pieces, 2);
         });
     });
-    QCOMPARE(fileIo.httpGet(text(server.url("/a"))), QStringLiteral("second"));
+    QCOMPARE(fileIo.httpGet(text(m_server->url("/a"))), QStringLiteral("second"));
 }
 
 void TestHttp::postReturnsTheAnswer()
 {
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::head(9).send("first").hold().send("next"));
+    m_server->on("/a", HttpScript::head(9).send("first").hold().send("next"));
     FileIO fileIo;
     const MessageCapture messages;
-    QCOMPARE(fileIo.httpPost(text(server.url("/a")), QStringLiteral("data")),
+    QCOMPARE(fileIo.httpPost(text(m_server->url("/a")), QStringLiteral("data")),
              QStringLiteral("first"));
 }
 
 void TestHttp::callForgetsTheEarlierText()
 {
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::fixedLength("body"));
+    m_server->on("/a", HttpScript::fixedLength("body"));
     FileIO fileIo;
-    QCOMPARE(fileIo.httpGet(text(server.url("/a"))), QStringLiteral("body"));
-    QCOMPARE(getUnanswered(fileIo, server.url("/missing")), QString());
-    QCOMPARE(fileIo.httpGet(text(server.url("/a"))), QStringLiteral("body"));
+    QCOMPARE(fileIo.httpGet(text(m_server->url("/a"))), QStringLiteral("body"));
+    QCOMPARE(getUnanswered(fileIo, m_server->url("/missing")), QString());
+    QCOMPARE(fileIo.httpGet(text(m_server->url("/a"))), QStringLiteral("body"));
     const MessageCapture messages;
     const FakeClock clock(kNoon, 50);
-    QCOMPARE(fileIo.httpPost(text(server.url("/missing")), QString()), QString());
-}
-
-void TestHttp::silenceIsWaitedOutInNinePauses()
-{
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::silence());
-    FileIO fileIo;
-    const FakeClock clock(kNoon, 1);
-    QCOMPARE(fileIo.httpGet(text(server.url("/a"))), QString());
-    // A pause of 100 ms: a look for its end, and one in each millisecond up to it.
-    QCOMPARE(clock.looks(), 9 * 101);
-}
-
-void TestHttp::answerEndsTheWaitAfterItsPause()
-{
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::fixedLength("body"));
-    FileIO fileIo;
-    // Time stands still until the answer is there.
-    FakeClock clock(kNoon, 0);
-    int looksBefore = 0;
-    soon(this, [&] {
-        connect(m_manager->lastReply(), &QNetworkReply::readyRead, this, [&] {
-            looksBefore = clock.looks();
-            clock.setStep(100);
-        });
-    });
-    QCOMPARE(fileIo.httpGet(text(server.url("/a"))), QStringLiteral("body"));
-    QVERIFY(looksBefore > 0);
-    QCOMPARE(clock.looks() - looksBefore, 2); // to the end of this pause, and no other
-}
-
-void TestHttp::silenceIsWaitedOutInRealTime()
-{
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::silence());
-    FileIO fileIo;
-    QCOMPARE(fileIo.httpGet(text(server.url("/a"))), QString());
-    QCOMPARE(server.requests().size(), 1);
-    QVERIFY(m_manager->lastReply()->isRunning());
-}
-
-void TestHttp::eventsAreProcessedMeanwhile()
-{
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript().hold().then(HttpScript::fixedLength("body")));
-    FileIO fileIo;
-    // Only the event loop of the wait can bring the answer.
-    soon(this, [&] { server.release("/a"); });
-    QCOMPARE(fileIo.httpGet(text(server.url("/a"))), QStringLiteral("body"));
-}
-
-void TestHttp::delayLastsByTheWallClock()
-{
-    FileIO fileIo;
-    bool turned = false;
-    soon(&fileIo, [&turned] { turned = true; });
-    const FakeClock clock(kNoon, 1);
-    fileIo.delay_ms(250);
-    QCOMPARE(clock.looks(), 251); // the start and 250 steps of 1 ms
-    QVERIFY(turned);
-}
-
-void TestHttp::delayOfNothingProcessesNothing_data()
-{
-    QTest::addColumn<int>("ms");
-
-    QTest::newRow("0") << 0;
-    QTest::newRow("negative") << -1000;
-}
-
-void TestHttp::delayOfNothingProcessesNothing()
-{
-    QFETCH(int, ms);
-
-    FileIO fileIo;
-    bool turned = false;
-    soon(&fileIo, [&turned] { turned = true; });
-    const FakeClock clock(kNoon, 10);
-    fileIo.delay_ms(ms);
-    QCOMPARE(clock.looks(), 2);
-    QVERIFY(!turned);
-}
-
-void TestHttp::delayEndsEarlyAcrossMidnight()
-{
-    FileIO fileIo;
-    bool turned = false;
-    soon(&fileIo, [&turned] { turned = true; });
-    const FakeClock clock(QTime(23, 59, 59, 950), 10);
-    fileIo.delay_ms(100);
-    QCOMPARE(clock.looks(), 2);
-    QVERIFY(!turned);
-}
-
-void TestHttp::lateAnswerReadsTheNewerReply()
-{
-    ScriptedHttpServer server;
-    server.on("/late", HttpScript().hold().then(HttpScript::fixedLength("late")));
-    server.on("/new", HttpScript().hold().then(HttpScript::fixedLength("new")));
-    FileIO fileIo;
-    QCOMPARE(getUnanswered(fileIo, server.url("/late")), QString());
-
-    QNetworkReply *const late = m_manager->lastReply();
-    connect(late, &QNetworkReply::readyRead, this, [&server] { server.release("/new"); });
-    soon(this, [&server] { server.release("/late"); });
-    QCOMPARE(fileIo.httpGet(text(server.url("/new"))), QStringLiteral("new"));
-    QCOMPARE(late->bytesAvailable(), 4); // nobody has read it
-    QCOMPARE(m_manager->lastReply()->bytesAvailable(), 0);
-}
-
-void TestHttp::lateAnswerIsForgottenByTheNextCall()
-{
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript().hold().then(HttpScript::fixedLength("late")));
-    FileIO fileIo;
-    QCOMPARE(getUnanswered(fileIo, server.url("/a")), QString());
-    server.release("/a");
-    AWAIT(m_manager->lastReply()->isFinished());
-    QCOMPARE(m_manager->lastReply()->bytesAvailable(), 0); // it was read
-    fileIo.setRunning(true);
-    QCOMPARE(fileIo.httpGet(text(server.url("/a"))), QString());
-}
-
-void TestHttp::repliesStayAlive()
-{
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::silence());
-    FileIO fileIo;
-    QCOMPARE(getUnanswered(fileIo, server.url("/a")), QString());
-    QCOMPARE(getUnanswered(fileIo, server.url("/a")), QString());
-    deleteReleased();
-    QCOMPARE(m_manager->sent().size(), 2);
-    for (const RecordingManager::Sent &sent : m_manager->sent()) {
-        QVERIFY(sent.reply);
-        QVERIFY(sent.reply->isRunning());
-        // Still connected to the object.
-        QVERIFY(QObject::disconnect(sent.reply, SIGNAL(readyRead()), &fileIo,
-                                    SLOT(onReadyReadReply())));
-    }
-}
-
-void TestHttp::innerCallSharesTheText()
-{
-    ScriptedHttpServer server;
-    server.on("/outer", HttpScript::silence());
-    server.on("/inner", HttpScript::fixedLength("inner"));
-    FileIO fileIo;
-    QString inner;
-    soon(this, [&] { inner = fileIo.httpGet(text(server.url("/inner"))); });
-    QCOMPARE(fileIo.httpGet(text(server.url("/outer"))), QStringLiteral("inner"));
-    QCOMPARE(inner, QStringLiteral("inner"));
-}
-
-void TestHttp::readWithoutAReplyDoesNothing()
-{
-    FileIO fileIo;
-    const TransferLog log(&fileIo);
-    QVERIFY(call(&fileIo, "onReadyReadReply"));
-    QCOMPARE(log.entries(), Lines());
-}
-
-void TestHttp::replyDeletedMeanwhileIsSurvived()
-{
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::silence());
-    server.on("/b", HttpScript::fixedLength("body"));
-    FileIO fileIo;
-    soon(this, [&] {
-        delete m_manager->lastReply();
-        call(&fileIo, "onReadyReadReply");
-    });
-    QCOMPARE(getUnanswered(fileIo, server.url("/a")), QString());
-    QVERIFY(!m_manager->lastReply());
-    QCOMPARE(fileIo.httpGet(text(server.url("/b"))), QStringLiteral("body"));
-}
-
-void TestHttp::managerDeletedMeanwhileIsSurvived()
-{
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::silence());
-    server.on("/b", HttpScript::fixedLength("body"));
-    FileIO fileIo;
-    soon(this, [&] { m_manager.reset(); });
-    QCOMPARE(getUnanswered(fileIo, server.url("/a")), QString());
-    QVERIFY(!m_manager);
-    QCOMPARE(fileIo.httpGet(text(server.url("/b"))), QStringLiteral("body"));
-}
-
-void TestHttp::objectDeletedMeanwhileIsSurvived()
-{
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::silence());
-    auto fileIo = std::make_unique<FileIO>();
-    soon(this, [&] { fileIo.reset(); });
-    const FakeClock clock(kNoon, 50);
-    const QString answer = fileIo->httpGet(text(server.url("/a")));
-    QCOMPARE(answer, QString());
-    QVERIFY(!answer.isNull());
-    QVERIFY(!fileIo);
-    QCOMPARE(clock.looks(), 3); // what is gone waits no longer
-}
-
-void TestHttp::downloadReleasesTheHeldReply()
-{
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::silence());
-    server.on("/b", HttpScript::fixedLength("body"));
-    Download download;
-    QCOMPARE(getUnanswered(*download.fileIo, server.url("/a")), QString());
-    const QPointer<QNetworkReply> held = m_manager->lastReply();
-    download.startOnce(server.url("/b"));
-    QVERIFY(held);
-    QVERIFY(held->isRunning()); // released, not aborted
-    AWAIT(download.finished());
-    QVERIFY(!held);
-    QVERIFY(!download.failed());
-    QCOMPARE(download.content(), QByteArray("body"));
-}
-
-void TestHttp::downloadStartedMeanwhileIsWhole()
-{
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript().hold().then(HttpScript::fixedLength("late")));
-    server.on("/b", HttpScript::head(10).send("begun").hold().send("ended"));
-    Download download;
-    soon(this, [&] {
-        download.startOnce(server.url("/b"));
-        server.release("/a");
-    });
-    QCOMPARE(download.fileIo->httpGet(text(server.url("/a"))), QString());
-    server.release("/b");
-    AWAIT(download.finished());
-    QVERIFY(!download.failed());
-    QCOMPARE(download.content(), QByteArray("begunended"));
-}
-
-void TestHttp::destructorAbortsTheHeldReply()
-{
-    ScriptedHttpServer server;
-    server.on("/a", HttpScript::head(100).hold());
-    Download download;
-    QCOMPARE(getUnanswered(*download.fileIo, server.url("/a")), QString());
-    const QPointer<QNetworkReply> held = m_manager->lastReply();
-    // Under way: a connection that a request has not used yet would be kept for the next one.
-    AWAIT(held->attribute(QNetworkRequest::HttpStatusCodeAttribute).isValid());
-    QVERIFY(held->isRunning());
-    download.fileIo.reset();
-    QCOMPARE(held->error(), QNetworkReply::OperationCanceledError);
-    QCOMPARE(download.log.entries(), Lines());
-    deleteReleased();
-    QVERIFY(!held);
-    AWAIT_EQUAL(server.openConnectionCount(), 0);
+    QCOMPARE(fileIo.httpPost(text(m_server->url("/missing")), QString()), QString());
 }
 
 QTEST_GUILESS_MAIN(TestHttp)

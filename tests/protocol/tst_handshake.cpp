@@ -1,12 +1,8 @@
 #include "capture.h"
-#include "fileio.h"
+#include "openbridgetest.h"
 #include "peer.h"
 #include "plainframe.h"
-#include "pty.h"
-#include "serialport.h"
 #include "waits.h"
-
-#include <QtTest>
 
 namespace {
 
@@ -86,13 +82,10 @@ QByteArray readWaits(int count)
 
 } // namespace
 
-class TestHandshake : public QObject {
+class TestHandshake : public OpenBridgeTest {
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
-
     void v3JudgesItsOwnRequest_data();
     void v3JudgesItsOwnRequest();
     void v3OnAClosedPort();
@@ -130,23 +123,7 @@ private:
     Exchange exchange(Handshake handshake, const QByteArray &answer);
     /// The same, for its result only.
     int resultOf(Handshake handshake, const QByteArray &answer);
-
-    std::unique_ptr<Pty> m_line;
-    std::unique_ptr<FileIO> m_io;
 };
-
-void TestHandshake::init()
-{
-    m_line = std::make_unique<Pty>();
-    m_io = std::make_unique<FileIO>();
-    QVERIFY(m_io->serialPort()->Open(m_line->path().constData(), "115200"));
-}
-
-void TestHandshake::cleanup()
-{
-    m_io.reset();
-    m_line.reset();
-}
 
 TestHandshake::Exchange TestHandshake::exchange(Handshake handshake, const QByteArray &answer)
 {
@@ -475,5 +452,3 @@ void TestHandshake::localVersionIsWhatWasSet()
 
 QTEST_APPLESS_MAIN(TestHandshake)
 #include "tst_handshake.moc"
-
-#include <memory>

@@ -12,9 +12,9 @@ QStringList RecordingBridge::takeCalls()
     return taken;
 }
 
-void RecordingBridge::setLists(const QString &pattern, const QList<QStringList> &answers)
+void RecordingBridge::setLists(const char *pattern, const QList<QStringList> &answers)
 {
-    m_lists[pattern] = answers;
+    m_lists[QString::fromLatin1(pattern)] = answers;
 }
 
 void RecordingBridge::setStatus(const QString &command, int status)

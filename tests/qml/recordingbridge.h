@@ -25,7 +25,7 @@ public:
 
     /// `answers`: for the first, second ... call with this pattern; the last one stays. Without any
     /// the list is empty.
-    void setLists(const QString &pattern, const QList<QStringList> &answers);
+    void setLists(const char *pattern, const QList<QStringList> &answers);
     /// Commands without a status give 0.
     void setStatus(const QString &command, int status);
 

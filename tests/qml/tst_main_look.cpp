@@ -98,7 +98,7 @@ void TestMainLook::placesOnTheScreen_data()
 void TestMainLook::placesOnTheScreen()
 {
     QFETCH(QSize, size);
-    m_bridge->setLists(QString::fromLatin1(kStick), {stickPackages(3)});
+    m_bridge->setLists(kStick, {stickPackages(3)});
     load();
     m_screen->resize(size);
     const qreal width = size.width();
@@ -178,7 +178,7 @@ Text {
 
 void TestMainLook::rowPlaces()
 {
-    m_bridge->setLists(QString::fromLatin1(kStick), {stickPackages(4)});
+    m_bridge->setLists(kStick, {stickPackages(4)});
     load();
     const QList<QQuickItem *> rows = m_screen->rowItems();
     QCOMPARE(rows.size(), 4);
@@ -206,7 +206,7 @@ void TestMainLook::listStaysCenteredWithoutRows()
 
 void TestMainLook::buttonLook()
 {
-    m_bridge->setLists(QString::fromLatin1(kStick), {stickPackages(1)});
+    m_bridge->setLists(kStick, {stickPackages(1)});
     load();
     QCOMPARE(m_screen->text("udisk"), QStringLiteral("U Disk Update(U盘升级)"));
     QCOMPARE(m_screen->color("udisk"), QColor(QStringLiteral("#333333")));
@@ -219,7 +219,7 @@ void TestMainLook::buttonLook()
 
 void TestMainLook::progressLook()
 {
-    m_bridge->setLists(QString::fromLatin1(kStaged), {stagedPackages(3)});
+    m_bridge->setLists(kStaged, {stagedPackages(3)});
     load();
     QVERIFY(awaitInstall(stagedPackages(1).first(), 0));
     installPackages(0, 0);
@@ -233,7 +233,7 @@ void TestMainLook::progressLook()
 
 void TestMainLook::stateOtherThanWaitAndOkIsRed()
 {
-    m_bridge->setLists(QString::fromLatin1(kStick), {stickPackages(1)});
+    m_bridge->setLists(kStick, {stickPackages(1)});
     load();
     QQuickItem *state = m_screen->rowItems().first()->childItems().at(1);
     state->setProperty("text", QStringLiteral("fail"));
@@ -246,8 +246,7 @@ void TestMainLook::everyTextCanBeTranslated()
     QVERIFY(QCoreApplication::installTranslator(&translator));
     m_bridge->version = QStringLiteral("V4.1.3");
     m_bridge->updateResult = -1;
-    m_bridge->setLists(QString::fromLatin1(kBoardImages),
-                       {{QStringLiteral("/mnt/update_ipk/app.bin")}});
+    m_bridge->setLists(kBoardImages, {{QStringLiteral("/mnt/update_ipk/app.bin")}});
     const auto compareTipsBracketed = [this](const Tips &tips) {
         QCOMPARE(m_screen->text("tip_en"), bracketed(tips.english));
         QCOMPARE(m_screen->text("tip_cn"), bracketed(tips.chinese));
@@ -269,8 +268,8 @@ void TestMainLook::everyTextCanBeTranslated()
     compareTipsBracketed(kBoardFailed);
 
     m_bridge->updateResult = 0;
-    m_bridge->setLists(QString::fromLatin1(kBoardImages), {{}});
-    m_bridge->setLists(QString::fromLatin1(kStaged), {stagedPackages(2)});
+    m_bridge->setLists(kBoardImages, {{}});
+    m_bridge->setLists(kStaged, {stagedPackages(2)});
     m_screen->clickButton();
     compareTipsBracketed(kStarted);
     QVERIFY(awaitInstall(stagedPackages(1).first(), 0));

@@ -171,10 +171,9 @@ void TestPackageList::loadNamed(Names names, int count, const QSize &size, Stage
     m_names = packageNames(names, count);
     m_bridge->version = QStringLiteral("V4.1.3");
     if (stage == Waiting)
-        m_bridge->setLists(QString::fromLatin1(kStick),
-                           {inFolder("/mnt/nand_disk/update_ipk/", m_names)});
+        m_bridge->setLists(kStick, {inFolder("/mnt/nand_disk/update_ipk/", m_names)});
     else
-        m_bridge->setLists(QString::fromLatin1(kStaged), {inFolder("/tmp/ota/", m_names)});
+        m_bridge->setLists(kStaged, {inFolder("/tmp/ota/", m_names)});
     load();
     m_screen->resize(size);
     reach(stage);
@@ -549,7 +548,7 @@ void TestPackageList::listStaysInTheHand()
 
 void TestPackageList::fewerPackagesNextTimeStandAtTheTop()
 {
-    m_bridge->setLists(QString::fromLatin1(kStick), {stickPackages(40), stickPackages(3)});
+    m_bridge->setLists(kStick, {stickPackages(40), stickPackages(3)});
     load();
     drag(70, -70);
     QVERIFY(row(0).top() < list().top());

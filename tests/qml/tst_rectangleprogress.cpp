@@ -1,20 +1,14 @@
-#include "capture.h"
+#include "viewtest.h"
 
 #include <QColor>
 #include <QQmlProperty>
-#include <QQuickItem>
-#include <QQuickView>
-#include <QtTest>
-
-#include <memory>
 
 /// The progress bar alone.
-class TestRectangleProgress : public QObject {
+class TestRectangleProgress : public ViewTest {
     Q_OBJECT
 
 private slots:
     void init();
-    void cleanup();
 
     void implicitSizes();
     void colors();
@@ -22,33 +16,18 @@ private slots:
     void barWidthFollowsTheVisualPosition();
 
 private:
-    QQuickItem *bar() const { return m_view->rootObject(); }
+    QQuickItem *bar() const { return root(); }
     QQuickItem *part(const char *property) const
     {
         return bar()->property(property).value<QQuickItem *>();
     }
     double value() const { return bar()->property("value").toDouble(); }
-
-    std::unique_ptr<QQuickView> m_view;
-    std::unique_ptr<MessageCapture> m_console;
 };
 
 void TestRectangleProgress::init()
 {
-    m_console = std::make_unique<MessageCapture>();
-    m_view = std::make_unique<QQuickView>();
-    m_view->setSource(QUrl(QStringLiteral("qrc:/RectangleProgress.qml")));
-    QVERIFY(bar());
-    m_view->show();
-    QVERIFY(QTest::qWaitForWindowExposed(m_view.get()));
-}
-
-void TestRectangleProgress::cleanup()
-{
-    m_view.reset();
-    const QStringList messages = m_console->messages();
-    m_console.reset();
-    QCOMPARE(messages, QStringList());
+    load("qrc:/RectangleProgress.qml");
+    show();
 }
 
 void TestRectangleProgress::implicitSizes()

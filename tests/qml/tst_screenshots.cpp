@@ -89,13 +89,13 @@ void TestScreenshots::bringTo(Stage stage)
                              QStringLiteral("/tmp/ota/machine-media_1.0.7.ipk"),
                              QStringLiteral("/tmp/ota/mcu-firmware_4.1.3.ipk")};
     if (stage == Idle) {
-        m_bridge->setLists(QString::fromLatin1(kStick), {staged});
+        m_bridge->setLists(kStick, {staged});
         load();
         return;
     }
     m_bridge->version = QStringLiteral("V4.1.3");
     m_bridge->updateResult = stage == BoardFailed ? -1 : 0;
-    m_bridge->setLists(QString::fromLatin1(kStaged), {staged});
+    m_bridge->setLists(kStaged, {staged});
     load();
     QVERIFY(awaitInstall(staged.first(), 0));
     installPackages(0, stage == BoardFailed || stage == Success ? 3 : 1);

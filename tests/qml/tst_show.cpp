@@ -1,15 +1,10 @@
 #include "brackettranslator.h"
-#include "capture.h"
+#include "viewtest.h"
 
 #include <QColor>
 #include <QFont>
 #include <QImage>
-#include <QQuickItem>
-#include <QQuickView>
 #include <QScreen>
-#include <QtTest>
-
-#include <memory>
 
 namespace {
 
@@ -21,12 +16,11 @@ constexpr char kSuccessEnglish[] = "update successed. please restart machine by 
 } // namespace
 
 /// The status screen, in a view as the program opens it.
-class TestShow : public QObject {
+class TestShow : public ViewTest {
     Q_OBJECT
 
 private slots:
     void init();
-    void cleanup();
 
     void waitsByDefault();
     void geometry();
@@ -37,38 +31,16 @@ private slots:
     void bothTextsCanBeTranslated();
 
 private:
-    QQuickItem *root() const { return m_view->rootObject(); }
     QObject *infoTip() const { return root()->findChild<QObject *>(QStringLiteral("infoTip")); }
     QQuickItem *chinese() const { return qobject_cast<QQuickItem *>(infoTip()); }
     QQuickItem *english() const { return root()->childItems().at(2); }
-    void show();
     void compareTexts(const char *chineseText, const char *englishText, const QColor &color) const;
-
-    std::unique_ptr<QQuickView> m_view;
-    std::unique_ptr<MessageCapture> m_console;
 };
 
 void TestShow::init()
 {
-    m_console = std::make_unique<MessageCapture>();
-    m_view = std::make_unique<QQuickView>();
-    m_view->setSource(QUrl(QStringLiteral("qrc:/show.qml")));
-    QVERIFY(root());
-    QVERIFY(infoTip());
-}
-
-void TestShow::cleanup()
-{
-    m_view.reset();
-    const QStringList messages = m_console->messages();
-    m_console.reset();
-    QCOMPARE(messages, QStringList());
-}
-
-void TestShow::show()
-{
-    m_view->show();
-    QVERIFY(QTest::qWaitForWindowExposed(m_view.get()));
+    load("qrc:/show.qml");
+    QVERIFY(root() && infoTip());
 }
 
 void TestShow::compareTexts(const char *chineseText, const char *englishText,

@@ -1,13 +1,8 @@
-#include "capture.h"
+#include "viewtest.h"
 
 #include <QColor>
 #include <QFont>
-#include <QQuickItem>
-#include <QQuickView>
 #include <QSignalSpy>
-#include <QtTest>
-
-#include <memory>
 
 namespace {
 
@@ -17,7 +12,7 @@ const QPoint kOutside(150, 150);
 } // namespace
 
 /// The button alone, in the corner of a window that is larger than it.
-class TestTqButton : public QObject {
+class TestTqButton : public ViewTest {
     Q_OBJECT
 
 public slots:
@@ -25,7 +20,6 @@ public slots:
 
 private slots:
     void init();
-    void cleanup();
 
     void defaults();
     void labelIsWhiteAndCentered();
@@ -41,7 +35,7 @@ private slots:
     void buttonDisabledByItsClickLooksReleased();
 
 private:
-    QQuickItem *button() const { return m_view->rootObject(); }
+    QQuickItem *button() const { return root(); }
     QQuickItem *label() const { return button()->childItems().at(0); }
     QColor color() const { return button()->property("color").value<QColor>(); }
     void press(const QPoint &place) const
@@ -53,28 +47,13 @@ private:
     {
         QTest::mouseRelease(m_view.get(), Qt::LeftButton, Qt::NoModifier, place);
     }
-
-    std::unique_ptr<QQuickView> m_view;
-    std::unique_ptr<MessageCapture> m_console;
 };
 
 void TestTqButton::init()
 {
-    m_console = std::make_unique<MessageCapture>();
-    m_view = std::make_unique<QQuickView>();
-    m_view->setSource(QUrl(QStringLiteral("qrc:/TqButton.qml")));
-    QVERIFY(m_view->rootObject());
+    load("qrc:/TqButton.qml");
     m_view->resize(200, 200);
-    m_view->show();
-    QVERIFY(QTest::qWaitForWindowExposed(m_view.get()));
-}
-
-void TestTqButton::cleanup()
-{
-    m_view.reset();
-    const QStringList messages = m_console->messages();
-    m_console.reset();
-    QCOMPARE(messages, QStringList());
+    show();
 }
 
 void TestTqButton::defaults()

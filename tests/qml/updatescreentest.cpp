@@ -52,7 +52,7 @@ void UpdateScreenTest::load()
 
 void UpdateScreenTest::loadInstalling(int count)
 {
-    m_bridge->setLists(QString::fromLatin1(kStaged), {stagedPackages(count)});
+    m_bridge->setLists(kStaged, {stagedPackages(count)});
     load();
     QVERIFY(awaitInstall(stagedPackages(1).first(), 0));
     m_bridge->takeCalls();

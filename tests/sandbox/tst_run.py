@@ -1,4 +1,4 @@
-"""The private machine, seen from the host. The folder of a fact is hidden on the machine, unless shown."""
+"""The simulated machine, seen from the host. The folder of a fact is hidden on the machine, unless shown."""
 
 import os
 import pathlib
@@ -65,8 +65,23 @@ def foldersAreTheMachinesOwn(folder):
 
 
 def hostIsReadOnly(folder):
-    for host in ("/etc", "/usr", "/var/lib", PROJECT):
+    for host in ("/boot", "/home", PROJECT):
         sandbox("touch", f"{host}/{folder.name}", status=1)
+
+
+def machineHasADiskOfItsOwn(folder):
+    for own in ("/", "/etc", "/usr/bin", "/var/lib"):
+        changed = pathlib.Path(own, folder.name)
+        sandbox("touch", changed)
+        assert not changed.exists()
+    sandbox("sh", "-c", "rm /usr/bin/env && ! [ -e /usr/bin/env ]")
+    assert os.path.exists("/usr/bin/env")
+    full = sandbox("--small", "/=1048576", "sh", "-c", "head -c 2M /dev/zero >/var/full 2>/dev/null; "
+                   "stat --format=%s /var/full")
+    assert 1000000 < int(full) <= 1048576
+    for own in ("/", "/etc", "/usr", "/var"):
+        sandbox("--read-only", "/", "touch", f"{own}/{folder.name}", status=1)
+    assert not os.path.exists("/sys/disk")
 
 
 def bindIsWritable(folder):
@@ -81,6 +96,22 @@ def bindInAShownFolderIsWritable(folder):
     same("inside\n", text_of(build / "file"))
 
 
+# Of the host, --help and the README name only the folders that the last assertion adds.
+def noOtherFolderOfTheHostIsWritable(folder):
+    bound, profiles, state = (folder / name for name in ("bound", "profiles", "state"))
+    bound.mkdir()
+    profiles.mkdir()
+
+    def writable(*options, **variables):
+        mounts = (line.split() for line in sandbox(*options, "cat", "/proc/self/mountinfo", **variables).splitlines())
+        return {mount[4] for mount in mounts if "rw" in mount[5].split(",") and not mount[4].startswith(("/dev", "/proc"))}
+
+    own = writable(LLVM_PROFILE_FILE="")
+    same({"/", "/etc", "/mnt", "/opt", "/root", "/run", "/run/machine", "/srv", "/tmp", "/usr", "/var"}, own)
+    same(own | {str(bound), str(profiles)},
+         writable("--bind", bound, "--state", state, "--show", folder, LLVM_PROFILE_FILE=str(profiles / "counters")))
+
+
 def showIsReadOnly(folder):
     file = folder / "file"
     file.write_text("host\n", encoding="ascii")
@@ -92,9 +123,7 @@ def showIsReadOnly(folder):
 def stateIsKept(folder):
     packages, state = build_packages(folder), folder / "state"
     sandbox("--state", state, "--show", packages, "opkg", "install", packages / BASE)
-    same("machine-base - 1.2.0\n", sandbox("--state", state, "opkg", "list-installed"))
-    same("", sandbox("opkg", "list-installed"))  # another machine
-    assert (state / "root/etc/machine/release").is_file()
+    same("", sandbox("--state", state, "opkg", "list-installed"))  # the disk is new
     same(["opkg", "opkg"], [call.split()[0] for call in text_of(state / "calls.log").splitlines()])
 
 
@@ -200,13 +229,22 @@ def forbiddenNamespacesAreSaid(folder):
 def missingRealOpkgIsSaid(_):
     if shutil.which("opkg"):
         raise unittest.SkipTest("this host has an opkg")
-    assert "this host has no opkg" in sandbox("--opkg", "real", "true", status=125)
+    assert "there is no opkg on this host; OPKG names one elsewhere" in sandbox("--opkg", "real", "true", status=125)
+    assert "there is no /nowhere/opkg" in sandbox("--opkg", "real", "true", status=125, OPKG="/nowhere/opkg")
 
 
-def realOpkgGetsThePrivateRoot(folder):
-    tools, state = folder / "bin", folder / "state"
-    make_tool(tools / "opkg", 'echo "real: $*"')
-    same("real: --offline-root /run/machine/root --add-arch all:1 --add-arch any:2 install a.ipk\n",
-         sandbox("--state", state, "--show", tools, "--opkg", "real", "opkg", "install", "a.ipk",
-                 PATH=f"{tools}:{os.environ['PATH']}", SANDBOX_ARCHITECTURE="any"))
+def realOpkgIsCalledInPlaceOfTheStandIn(folder):
+    real, state = folder / "elsewhere/opkg", folder / "state"
+    make_tool(real, 'echo "real: $*"; cat /etc/opkg/opkg.conf')
+    said = sandbox("--state", state, "--opkg", "real", "opkg", "install", "a.ipk", OPKG=str(real))
+    same(["real: install a.ipk", "dest root /", "arch all 1", "arch noarch 1"], said.splitlines()[:4])
     same("opkg install a.ipk\n", text_of(state / "calls.log"))
+
+
+def missingOverlaysAreSaid(folder):
+    tools = few_tools(folder)
+    (tools / "bwrap").symlink_to(shutil.which("true"))
+    make_tool(tools / "unshare", "echo 'unshare failed: Operation not permitted' >&2", "exit 1")
+    (tools / "sh").symlink_to("/bin/sh")
+    assert "no disk of the machine's own (overlay file systems): unshare failed" in sandbox(
+        "cat", status=125, PATH=str(tools))

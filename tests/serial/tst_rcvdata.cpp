@@ -1,7 +1,5 @@
 #include "capture.h"
-#include "fileio.h"
-#include "pty.h"
-#include "serialport.h"
+#include "openbridgetest.h"
 #include "waits.h"
 
 #include <QtTest>
@@ -33,13 +31,10 @@ QByteArray bytesUpTo(int count)
 
 } // namespace
 
-class TestRcvData : public QObject {
+class TestRcvData : public OpenBridgeTest {
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
-
     void wholeBlockIsTakenAtOnce();
     void piecesThatMakeABlockEndEarly_data();
     void piecesThatMakeABlockEndEarly();
@@ -64,23 +59,7 @@ private:
     Block receive();
     /// Receives with a piece before each wait, until there are no more.
     Block receive(Waits &waits, QByteArrayList pieces);
-
-    std::unique_ptr<Pty> m_line;
-    std::unique_ptr<FileIO> m_io;
 };
-
-void TestRcvData::init()
-{
-    m_line = std::make_unique<Pty>();
-    m_io = std::make_unique<FileIO>();
-    QVERIFY(m_io->serialPort()->Open(m_line->path().constData(), "115200"));
-}
-
-void TestRcvData::cleanup()
-{
-    m_io.reset();
-    m_line.reset();
-}
 
 TestRcvData::Block TestRcvData::receive()
 {
@@ -261,5 +240,3 @@ void TestRcvData::nothingIsWrittenBeforeTheBuffer()
 
 QTEST_APPLESS_MAIN(TestRcvData)
 #include "tst_rcvdata.moc"
-
-#include <memory>

@@ -1,6 +1,4 @@
-#include "capture.h"
-#include "pty.h"
-#include "serialport.h"
+#include "openline.h"
 #include "waits.h"
 
 #include <QtTest>
@@ -19,7 +17,7 @@ struct ModemLines {
     int writesUntilFailure = 0;
     QList<int> writes;
 };
-ModemLines modem;
+ModemLines gModem;
 
 const QByteArray kLow("1 x usleep 250000 us\n");
 const QByteArray kSettle("1 x usleep 50000 us\n");
@@ -27,15 +25,15 @@ const QByteArray kSettle("1 x usleep 50000 us\n");
 int modemLines(unsigned long request, int *bits)
 {
     if (request == TIOCMGET) {
-        *bits = modem.bits;
+        *bits = gModem.bits;
         return 0;
     }
-    modem.writes.append(*bits);
-    if (modem.writes.size() > modem.writesUntilFailure) {
+    gModem.writes.append(*bits);
+    if (gModem.writes.size() > gModem.writesUntilFailure) {
         errno = EIO;
         return -1;
     }
-    modem.bits = *bits;
+    gModem.bits = *bits;
     return 0;
 }
 
@@ -76,21 +74,19 @@ private:
 
 void TestStrobe::init()
 {
-    modem = {};
-    modem.writesUntilFailure = 2;
+    gModem = {};
+    gModem.writesUntilFailure = 2;
     m_writesBefore.clear();
 }
 
 void TestStrobe::strobe(Waits::Mode mode)
 {
-    Pty line;
-    SerialPort port;
-    QVERIFY(port.Open(line.path().constData(), "115200"));
+    OpenLine line;
     DescriptorCapture out(1);
     DescriptorCapture err(2);
     Waits waits(mode);
-    waits.setBefore([this](const QByteArray &) { m_writesBefore.append(modem.writes.size()); });
-    port.StrobeDTRRTS();
+    waits.setBefore([this](const QByteArray &) { m_writesBefore.append(gModem.writes.size()); });
+    line.port.StrobeDTRRTS();
     m_waits = waits.asked();
     m_err = err.take();
     m_out = out.take();
@@ -98,19 +94,19 @@ void TestStrobe::strobe(Waits::Mode mode)
 
 void TestStrobe::dropsAndRaisesBothLines()
 {
-    modem.bits = TIOCM_DTR;
+    gModem.bits = TIOCM_DTR;
     strobe();
-    QCOMPARE(modem.writes, QList<int>({0, TIOCM_DTR | TIOCM_RTS}));
+    QCOMPARE(gModem.writes, QList<int>({0, TIOCM_DTR | TIOCM_RTS}));
     QCOMPARE(m_out, QByteArray("Clearing DTR/RTS\nSetting DTR/RTS\n"));
     QCOMPARE(m_err, QByteArray());
 }
 
 void TestStrobe::otherLinesStay()
 {
-    modem.bits = TIOCM_CTS | TIOCM_RTS | TIOCM_CAR;
+    gModem.bits = TIOCM_CTS | TIOCM_RTS | TIOCM_CAR;
     strobe();
     constexpr int others = TIOCM_CTS | TIOCM_CAR;
-    QCOMPARE(modem.writes, QList<int>({others, others | TIOCM_DTR | TIOCM_RTS}));
+    QCOMPARE(gModem.writes, QList<int>({others, others | TIOCM_DTR | TIOCM_RTS}));
 }
 
 void TestStrobe::holdsEachState()
@@ -122,9 +118,9 @@ void TestStrobe::holdsEachState()
 
 void TestStrobe::failedDropStops()
 {
-    modem.writesUntilFailure = 0;
+    gModem.writesUntilFailure = 0;
     strobe();
-    QCOMPARE(modem.writes.size(), 1);
+    QCOMPARE(gModem.writes.size(), 1);
     QCOMPARE(m_waits, QByteArray());
     QCOMPARE(m_out, QByteArray("Clearing DTR/RTS\n"));
     QCOMPARE(m_err, QByteArray("ioctl('TIOCMSET'): Input/output error\n"));
@@ -132,9 +128,9 @@ void TestStrobe::failedDropStops()
 
 void TestStrobe::failedRaiseIsReported()
 {
-    modem.writesUntilFailure = 1;
+    gModem.writesUntilFailure = 1;
     strobe();
-    QCOMPARE(modem.writes.size(), 2);
+    QCOMPARE(gModem.writes.size(), 2);
     QCOMPARE(m_waits, kLow);
     QCOMPARE(m_out, QByteArray("Clearing DTR/RTS\nSetting DTR/RTS\n"));
     QCOMPARE(m_err, QByteArray("ioctl('TIOCMSET'): Input/output error\n"));

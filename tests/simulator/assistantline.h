@@ -7,6 +7,7 @@
 /// The assistant's end of the line, as a test holds it.
 class AssistantLine {
 public:
+    /// Opens `device`; isOpen() tells whether that failed.
     explicit AssistantLine(const QString &device);
     ~AssistantLine();
     AssistantLine(const AssistantLine &) = delete;
@@ -15,7 +16,7 @@ public:
     bool isOpen() const { return m_descriptor >= 0; }
     void close();
 
-    /// Sends all of it in one write.
+    /// Sends all of it in one write. False when not all of it was taken.
     bool send(const QByteArray &bytes);
 
     /// Waits for `count` bytes; fewer when the line is hung up or nothing comes for ten seconds.

@@ -50,6 +50,11 @@ bool TestBoard::awaitViolations(int count) const
     return await([count](const Report &report) { return report.violations.size() >= count; });
 }
 
+bool TestBoard::refuses(const QByteArray &bytes)
+{
+    return line.send(bytes) && awaitViolations();
+}
+
 bool TestBoard::awaitFaults(int count) const
 {
     return await([count](const Report &report) { return report.faultsMade.size() >= count; });

@@ -27,6 +27,8 @@ public:
     /// Waits until `condition` holds. False when it does not in ten seconds.
     bool await(const Condition &condition) const;
     bool awaitViolations(int count = 1) const;
+    /// Sends `bytes` to the board and waits for the first violation.
+    bool refuses(const QByteArray &bytes);
     bool awaitFaults(int count) const;
     bool awaitSent(int count) const;
     bool awaitQuiet(boardsim::Milliseconds quiet) const;

@@ -155,7 +155,7 @@ void TestBoardSimExchange::imageIsReceived()
     Options options = inBootLoader();
     options.imageFile = directory.filePath(QStringLiteral("image.bin"));
     TestBoard board(options);
-    const QByteArray image = sampleImage(size);
+    const QByteArray image = firmwareOfSize(size);
 
     QCOMPARE(board.line.receive(1), QByteArray("C"));
     const QVector<QByteArray> answers = sendInTurn(board.line, wholeTransfer(image));
@@ -185,7 +185,7 @@ void TestBoardSimExchange::imageIsReceivedOnAPacedLine()
     Options options = inBootLoader();
     options.baud = 115200;
     TestBoard board(options);
-    const QByteArray image = sampleImage(3000);
+    const QByteArray image = firmwareOfSize(3000);
 
     QCOMPARE(board.line.receive(1), QByteArray("C"));
     sendInTurn(board.line, wholeTransfer(image));

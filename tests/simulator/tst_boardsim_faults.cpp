@@ -170,7 +170,7 @@ void TestBoardSimFaults::placeOfABlockIsMet()
     const QByteArray fault = "nak@" + place;
     TestBoard board(inBootLoader(withFaults({fault})));
     QCOMPARE(board.line.receive(1), QByteArray("C"));
-    const QVector<QByteArray> frames = wholeTransfer(sampleImage(size));
+    const QVector<QByteArray> frames = wholeTransfer(firmwareOfSize(size));
     QCOMPARE(board.line.exchange(frames.first(), 2), kAckAndRequest);
     for (int i = 1; i <= size / 1024 + 1; ++i)
         QCOMPARE(board.line.exchange(frames.at(i), 1), i == block ? kNakReply : kAckReply);
@@ -313,7 +313,7 @@ void TestBoardSimFaults::lostAckStillTakesTheBlock()
 {
     TestBoard board(inBootLoader(withFaults({"lost-ack@block:1"})));
     QCOMPARE(board.line.receive(1), QByteArray("C"));
-    const QVector<QByteArray> frames = wholeTransfer(sampleImage(1500));
+    const QVector<QByteArray> frames = wholeTransfer(firmwareOfSize(1500));
     QCOMPARE(board.line.exchange(frames.at(0), 2), kAckAndRequest);
     QVERIFY(board.line.send(frames.at(1)));
     QVERIFY(board.await([](const Report &r) { return r.lastTransfer().blocksReceived == 1; }));

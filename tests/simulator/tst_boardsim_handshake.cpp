@@ -114,8 +114,7 @@ void TestBoardSimHandshake::everyByteOfAHandshakeCounts()
     QFETCH(QByteArray, frame);
     TestBoard board(quickToNotice());
 
-    QVERIFY(board.line.send(frame));
-    QVERIFY(board.awaitViolations());
+    QVERIFY(board.refuses(frame));
     board.stop();
     const Report report = board.report();
     QVERIFY(report.hasUnexplainedViolation());
@@ -154,8 +153,7 @@ void TestBoardSimHandshake::badByteIsNamed()
     QFETCH(QString, text);
     TestBoard board(quickToNotice());
 
-    QVERIFY(board.line.send(frame));
-    QVERIFY(board.awaitViolations());
+    QVERIFY(board.refuses(frame));
     board.stop();
     QCOMPARE(board.report().violations.size(), 1);
     QCOMPARE(board.report().violations.first().text, text);
@@ -164,8 +162,7 @@ void TestBoardSimHandshake::badByteIsNamed()
 void TestBoardSimHandshake::cutHandshakeIsReported()
 {
     TestBoard board(quickToNotice());
-    QVERIFY(board.line.send(goodHandshakeV4().left(75)));
-    QVERIFY(board.awaitViolations());
+    QVERIFY(board.refuses(goodHandshakeV4().left(75)));
     QCOMPARE(board.report().violations.first().text,
              QStringLiteral("frame broke off after 75 of 76 bytes"));
     QCOMPARE(board.line.exchange(goodHandshakeV3(), 73), kAnswerV3);
@@ -196,8 +193,7 @@ void TestBoardSimHandshake::handshakeEndsTheWaitForATransfer()
     QVERIFY(board.report().violations.isEmpty());
 
     // The application runs now: it knows no transfer.
-    QVERIFY(board.line.send(startFrame("app.bin", "3")));
-    QVERIFY(board.awaitViolations());
+    QVERIFY(board.refuses(startFrame("app.bin", "3")));
 }
 
 void TestBoardSimHandshake::handshakeAmongTheDataIsReported()
@@ -205,8 +201,7 @@ void TestBoardSimHandshake::handshakeAmongTheDataIsReported()
     TestBoard board(inBootLoader(quickToNotice()));
     QCOMPARE(board.line.receive(1), QByteArray("C"));
     QCOMPARE(board.line.exchange(startFrame("app.bin", "3"), 2).size(), 2);
-    QVERIFY(board.line.send(goodHandshakeV3()));
-    QVERIFY(board.awaitViolations());
+    QVERIFY(board.refuses(goodHandshakeV3()));
     QCOMPARE(board.report().handshakesV3, 0);
 }
 
@@ -317,8 +312,7 @@ void TestBoardSimHandshake::mergedAnswerComesWithTheNext()
 void TestBoardSimHandshake::lostBytesBreakTheHandshake()
 {
     TestBoard board(quickToNotice({"lose-bytes=3@handshake"}));
-    QVERIFY(board.line.send(goodHandshakeV3()));
-    QVERIFY(board.awaitViolations());
+    QVERIFY(board.refuses(goodHandshakeV3()));
     board.stop();
     const Report report = board.report();
     QCOMPARE(report.violations.first().text,
@@ -348,8 +342,7 @@ void TestBoardSimHandshake::validHandshakeEndsWhatAFaultExplains()
 {
     TestBoard board(quickToNotice({"wrong-foot@version"}));
     QCOMPARE(board.line.exchange(goodVersionQuery(), 36).right(1), QByteArray("\xe6"));
-    QVERIFY(board.line.send(changed(goodHandshakeV3(), 71)));
-    QVERIFY(board.awaitViolations());
+    QVERIFY(board.refuses(changed(goodHandshakeV3(), 71)));
     QVERIFY(!board.report().hasUnexplainedViolation());
 
     QCOMPARE(board.line.exchange(goodHandshakeV3(), 73), kAnswerV3);

@@ -154,8 +154,7 @@ void TestBoardSimPackets::everyByteOfAPacketCounts()
     for (int i = 0; i < step; ++i)
         QCOMPARE(loader.line.exchange(packetSequence().at(i), kPacketSize), kAnswers.at(i));
 
-    QVERIFY(loader.line.send(changed(packetSequence().at(step), offset)));
-    QVERIFY(loader.awaitViolations());
+    QVERIFY(loader.refuses(changed(packetSequence().at(step), offset)));
     loader.stop();
     QVERIFY(loader.report().hasUnexplainedViolation());
     QCOMPARE(loader.sent().size(), step);
@@ -190,8 +189,7 @@ void TestBoardSimPackets::badPacketIsNamed()
     QFETCH(QByteArray, bytes);
     QFETCH(QString, text);
     BootLoader loader(quietBootLoader());
-    QVERIFY(loader.line.send(bytes));
-    QVERIFY(loader.awaitViolations());
+    QVERIFY(loader.refuses(bytes));
     loader.stop();
     QCOMPARE(loader.violation(), text);
 }
@@ -226,8 +224,7 @@ void TestBoardSimPackets::packetOutOfTurnIsReported()
     for (int i = 0; i < before; ++i)
         QCOMPARE(loader.line.exchange(packetSequence().at(i), kPacketSize), kAnswers.at(i));
 
-    QVERIFY(loader.line.send(packetSequence().at(step)));
-    QVERIFY(loader.awaitViolations());
+    QVERIFY(loader.refuses(packetSequence().at(step)));
     loader.stop();
     QCOMPARE(loader.violation(), text);
     QCOMPARE(loader.sent().size(), before);
@@ -237,8 +234,7 @@ void TestBoardSimPackets::orderIsKeptAfterABadPacket()
 {
     BootLoader loader(quietBootLoader());
     QCOMPARE(loader.line.exchange(connectPacket(), kPacketSize), kConnectAnswer);
-    QVERIFY(loader.line.send(changed(syncPacket(), 40)));
-    QVERIFY(loader.awaitViolations());
+    QVERIFY(loader.refuses(changed(syncPacket(), 40)));
     QCOMPARE(loader.line.exchange(syncPacket(), kPacketSize), kSyncAnswer);
     QCOMPARE(loader.report().violations.size(), 1);
 }
@@ -248,8 +244,7 @@ void TestBoardSimPackets::bootLoaderForgetsTheConnection()
     BootLoader loader(quietBootLoader());
     QCOMPARE(loader.line.exchange(connectPacket(), kPacketSize), kConnectAnswer);
     QCOMPARE(loader.line.exchange(goodStartCommand(), 18).size(), 18);
-    QVERIFY(loader.line.send(syncPacket()));
-    QVERIFY(loader.awaitViolations());
+    QVERIFY(loader.refuses(syncPacket()));
     QCOMPARE(loader.violation(),
              QStringLiteral("sync packet where the connect packet should come"));
 }
@@ -257,8 +252,7 @@ void TestBoardSimPackets::bootLoaderForgetsTheConnection()
 void TestBoardSimPackets::applicationKnowsNoPackets()
 {
     TestBoard board(quietBootLoader());
-    QVERIFY(board.line.send(connectPacket()));
-    QVERIFY(board.awaitViolations());
+    QVERIFY(board.refuses(connectPacket()));
     QCOMPARE(board.report().violations.first().text,
              QStringLiteral("64 unexpected bytes from 0xae on"));
     QCOMPARE(board.report().connects, 0);
@@ -268,8 +262,7 @@ void TestBoardSimPackets::packetAmongTheDataIsReported()
 {
     BootLoader loader(quietBootLoader());
     QCOMPARE(loader.line.exchange(startFrame("app.bin", "3"), 2).size(), 2);
-    QVERIFY(loader.line.send(connectPacket()));
-    QVERIFY(loader.awaitViolations());
+    QVERIFY(loader.refuses(connectPacket()));
     QCOMPARE(loader.violation(), QStringLiteral("64 unexpected bytes from 0xae on"));
 }
 
@@ -333,8 +326,7 @@ void TestBoardSimPackets::cutPacketIsReported()
     QFETCH(int, size);
     QFETCH(QString, text);
     BootLoader loader(quietBootLoader());
-    QVERIFY(loader.line.send(connectPacket().left(size)));
-    QVERIFY(loader.awaitViolations());
+    QVERIFY(loader.refuses(connectPacket().left(size)));
     QCOMPARE(loader.violation(), text);
     QCOMPARE(loader.line.exchange(connectPacket(), kPacketSize), kConnectAnswer);
 }
@@ -427,8 +419,7 @@ void TestBoardSimPackets::mergedAnswerComesWithTheNext()
 void TestBoardSimPackets::lostBytesBreakThePacket()
 {
     BootLoader loader(quietBootLoader({"lose-bytes=2@connect"}));
-    QVERIFY(loader.line.send(connectPacket()));
-    QVERIFY(loader.awaitViolations());
+    QVERIFY(loader.refuses(connectPacket()));
     loader.stop();
     QCOMPARE(loader.violation(), QStringLiteral("frame broke off after 62 of 64 bytes"));
     QVERIFY(!loader.report().hasUnexplainedViolation());
@@ -459,8 +450,7 @@ void TestBoardSimPackets::connectEndsWhatAFaultExplains()
     BootLoader loader(quietBootLoader({"drop-bytes@sync"}));
     QCOMPARE(loader.line.exchange(connectPacket(), kPacketSize), kConnectAnswer);
     QCOMPARE(loader.line.exchange(syncPacket(), 63).size(), 63);
-    QVERIFY(loader.line.send(syncPacket()));
-    QVERIFY(loader.awaitViolations());
+    QVERIFY(loader.refuses(syncPacket()));
     QVERIFY(!loader.report().hasUnexplainedViolation());
 
     QCOMPARE(loader.line.exchange(connectPacket(), kPacketSize), kConnectAnswer);

@@ -80,7 +80,7 @@ void TestBoardSimProgram::updateIsReported()
     const QString device = program.waitUntilReady();
     QCOMPARE(QFile::symLinkTarget(path("line")), device);
 
-    const QByteArray image = sampleImage(2048);
+    const QByteArray image = firmwareOfSize(2048);
     {
         AssistantLine line(path("line"));
         QCOMPARE(line.exchange(goodVersionQuery(), 36).mid(16, 5), QByteArray("V4.9\0", 5));

@@ -53,8 +53,7 @@ void TestBoardSimStrict::everyByteOfTheVersionQueryCounts()
     QFETCH(QByteArray, frame);
     TestBoard board(quickToNotice());
 
-    QVERIFY(board.line.send(frame));
-    QVERIFY(board.awaitViolations());
+    QVERIFY(board.refuses(frame));
     board.stop();
     QVERIFY(board.report().hasUnexplainedViolation());
     QCOMPARE(board.sent().size(), 0);
@@ -72,8 +71,7 @@ void TestBoardSimStrict::everyByteOfTheStartCommandCounts()
     QFETCH(QByteArray, frame);
     TestBoard board(quickToNotice());
 
-    QVERIFY(board.line.send(frame));
-    QVERIFY(board.awaitViolations());
+    QVERIFY(board.refuses(frame));
     board.stop();
     QCOMPARE(board.sent().size(), 0);
     QCOMPARE(board.report().startCommands, 0);
@@ -102,8 +100,7 @@ void TestBoardSimStrict::badByteIsNamed()
     QFETCH(QString, text);
     TestBoard board(quickToNotice());
 
-    QVERIFY(board.line.send(changed(goodVersionQuery(), offset)));
-    QVERIFY(board.awaitViolations());
+    QVERIFY(board.refuses(changed(goodVersionQuery(), offset)));
     QCOMPARE(board.violation(), text);
 }
 
@@ -222,7 +219,8 @@ void TestBoardSimStrict::everyByteOfABlockCounts()
     QCOMPARE(board.line.receive(1), QByteArray("C"));
     QCOMPARE(board.line.exchange(startFrame("app.bin", "bb8"), 2).size(), 2);
 
-    QCOMPARE(board.line.exchange(changed(dataBlock(1, sampleImage(1024)), offset), 1), kNakReply);
+    QCOMPARE(board.line.exchange(changed(dataBlock(1, firmwareOfSize(1024)), offset), 1),
+             kNakReply);
     const Report report = board.report();
     QVERIFY2(board.violation().startsWith(text), qPrintable(board.violation()));
     QCOMPARE(report.lastTransfer().blocksReceived, 0);
@@ -233,7 +231,7 @@ void TestBoardSimStrict::earlyEotIsReportedAndTaken()
     TestBoard board(inBootLoader());
     QCOMPARE(board.line.receive(1), QByteArray("C"));
     QCOMPARE(board.line.exchange(startFrame("app.bin", "400"), 2).size(), 2);
-    QCOMPARE(board.line.exchange(dataBlock(1, sampleImage(1024)), 1).size(), 1);
+    QCOMPARE(board.line.exchange(dataBlock(1, firmwareOfSize(1024)), 1).size(), 1);
 
     // The extra block of padding is missing.
     QCOMPARE(board.line.exchange(eot(), 2),
@@ -284,8 +282,7 @@ void TestBoardSimStrict::unexpectedBytesAreReported()
     options.startInBootLoader = inBootLoader;
     TestBoard board(options);
 
-    QVERIFY(board.line.send(bytes));
-    QVERIFY(board.awaitViolations());
+    QVERIFY(board.refuses(bytes));
     QCOMPARE(board.report().violations.size(), 1);
     QCOMPARE(board.violation(), text);
 }
@@ -318,8 +315,7 @@ void TestBoardSimStrict::cutFrameIsReported()
     if (inBootLoader)
         QCOMPARE(board.line.receive(1), QByteArray("C"));
 
-    QVERIFY(board.line.send(bytes));
-    QVERIFY(board.awaitViolations());
+    QVERIFY(board.refuses(bytes));
     QCOMPARE(board.violation(), text);
     if (inBootLoader)
         QCOMPARE(board.line.receive(1), kNakReply);
@@ -345,8 +341,7 @@ void TestBoardSimStrict::badFurtherEndFrameIsReported()
     for (const QByteArray &frame : wholeTransfer("abc"))
         QVERIFY(!board.line.exchange(frame, 1).isEmpty());
 
-    QVERIFY(board.line.send(shortBlock(0, "app.bin")));
-    QVERIFY(board.awaitViolations());
+    QVERIFY(board.refuses(shortBlock(0, "app.bin")));
     QCOMPARE(board.violation(), QStringLiteral("payload of the end frame is not all zeros"));
 }
 
@@ -356,8 +351,7 @@ void TestBoardSimStrict::commandAmongTheDataIsReported()
     QCOMPARE(board.line.receive(1), QByteArray("C"));
     QCOMPARE(board.line.exchange(startFrame("app.bin", "3"), 2).size(), 2);
 
-    QVERIFY(board.line.send(goodVersionQuery()));
-    QVERIFY(board.awaitViolations());
+    QVERIFY(board.refuses(goodVersionQuery()));
     QCOMPARE(board.report().versionQueries, 0);
 }
 

@@ -5,7 +5,8 @@
 
 #include <QByteArrayList>
 
-/// The faults of a simulated board as its command line has them, like "split=20@version".
+/// The faults of a simulated board as its command line has them, like "split=20@version". Ends the
+/// program at a malformed one.
 inline QVector<boardsim::Fault> boardFaults(const QByteArrayList &texts)
 {
     QVector<boardsim::Fault> faults;

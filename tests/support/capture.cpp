@@ -44,33 +44,33 @@ QByteArray DescriptorCapture::take()
 
 namespace {
 
-QMutex messageMutex;
-QStringList capturedMessages;
-QtMessageHandler previousHandler = nullptr;
+QMutex gMessageMutex;
+QStringList gCapturedMessages;
+QtMessageHandler gPreviousHandler = nullptr;
 
 void captureMessage(QtMsgType /*type*/, const QMessageLogContext & /*context*/,
                     const QString &message)
 {
-    const QMutexLocker lock(&messageMutex);
-    capturedMessages.append(message);
+    const QMutexLocker lock(&gMessageMutex);
+    gCapturedMessages.append(message);
 }
 
 } // namespace
 
 MessageCapture::MessageCapture()
 {
-    const QMutexLocker lock(&messageMutex);
-    capturedMessages.clear();
-    previousHandler = qInstallMessageHandler(captureMessage);
+    const QMutexLocker lock(&gMessageMutex);
+    gCapturedMessages.clear();
+    gPreviousHandler = qInstallMessageHandler(captureMessage);
 }
 
 MessageCapture::~MessageCapture()
 {
-    qInstallMessageHandler(previousHandler);
+    qInstallMessageHandler(gPreviousHandler);
 }
 
 QStringList MessageCapture::messages() const
 {
-    const QMutexLocker lock(&messageMutex);
-    return capturedMessages;
+    const QMutexLocker lock(&gMessageMutex);
+    return gCapturedMessages;
 }

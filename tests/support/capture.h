@@ -7,7 +7,7 @@
 /// Catches what is written to a standard descriptor (by stdio and by children) while it lives.
 class DescriptorCapture {
 public:
-    /// `descriptor`: 1 or 2.
+    /// `descriptor`: 1 or 2. Ends the program when it cannot be caught.
     explicit DescriptorCapture(int descriptor);
     ~DescriptorCapture();
     DescriptorCapture(const DescriptorCapture &) = delete;
@@ -32,6 +32,7 @@ public:
     MessageCapture(const MessageCapture &) = delete;
     MessageCapture &operator=(const MessageCapture &) = delete;
 
+    /// Those so far, in order.
     QStringList messages() const;
 };
 

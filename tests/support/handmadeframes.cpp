@@ -1,6 +1,7 @@
 #include "handmadeframes.h"
 
 #include <cstdint>
+#include <random>
 
 namespace {
 
@@ -68,15 +69,14 @@ QVector<QByteArray> wholeTransfer(const QByteArray &image)
     return frames << eot() << endFrame();
 }
 
-QByteArray sampleImage(int size)
+QByteArray firmwareOfSize(int size)
 {
-    QByteArray image;
-    unsigned value = 12345;
-    while (image.size() < size) {
-        value = value * 1103515245U + 12345U;
-        image += static_cast<char>((value >> 16) & 0xFFU);
-    }
-    return image;
+    std::mt19937 random(static_cast<unsigned>(size));
+    QByteArray bytes;
+    bytes.reserve(size);
+    while (bytes.size() < size)
+        bytes.append(static_cast<char>(random() & 0xFFU));
+    return bytes;
 }
 
 QByteArray changed(QByteArray frame, int offset)

@@ -4,7 +4,6 @@
 #include <QFile>
 #include <QtGlobal>
 
-#include <random>
 #include <unistd.h>
 
 namespace {
@@ -66,14 +65,4 @@ void FirmwareDir::link(const QString &name, const QByteArray &target) const
 {
     if (symlink(target.constData(), QFile::encodeName(path(name)).constData()) != 0)
         qFatal("cannot link %s", qPrintable(name));
-}
-
-QByteArray firmwareOfSize(int size)
-{
-    std::mt19937 random(static_cast<unsigned>(size));
-    QByteArray bytes;
-    bytes.reserve(size);
-    while (bytes.size() < size)
-        bytes.append(static_cast<char>(random() & 0xFFU));
-    return bytes;
 }

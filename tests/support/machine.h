@@ -18,14 +18,16 @@ bool onSimulatedMachine();
             QSKIP("needs fixed paths of the machine: start it with sandbox/run");                  \
     } while (false)
 
-/// A pseudo-terminal, linked at the device path of the control board while this object lives.
+/// A pseudo-terminal, linked at the device path of the control board while this object lives. The
+/// constructor ends the program off the simulated machine.
 class BoardLine : public Pty {
 public:
     BoardLine();
     ~BoardLine() override;
 };
 
-/// The directory of firmware images, new and empty.
+/// The directory of firmware images, made for this object and removed with it. What fails ends the
+/// program.
 class FirmwareDir {
 public:
     FirmwareDir();
@@ -33,13 +35,11 @@ public:
     FirmwareDir(const FirmwareDir &) = delete;
     FirmwareDir &operator=(const FirmwareDir &) = delete;
 
+    /// Where the file `name` is or would be.
     QString path(const QString &name) const;
     void put(const QString &name, const QByteArray &content) const;
     /// Makes `name` a symbolic link to `target`.
     void link(const QString &name, const QByteArray &target) const;
 };
-
-/// Bytes without a regular pattern, the same at each call.
-QByteArray firmwareOfSize(int size);
 
 #endif // MACHINE_H

@@ -31,4 +31,13 @@ private:
     std::thread m_thread;
 };
 
+/// A script that sends `reply` once it has received `count` bytes, and ends.
+inline Peer::Script replyAfter(int count, const QByteArray &reply)
+{
+    return [count, reply](Pty &line) {
+        line.receive(count);
+        line.send(reply);
+    };
+}
+
 #endif // PEER_H

@@ -114,7 +114,6 @@ struct HttpServerState {
     QMap<QByteArray, QList<HttpScript>> scripts;
     QMap<QByteArray, int> releasedHolds;
     QList<HttpRequest> requests;
-    int connections = 0;
     int openConnections = 0;
     qint64 bytesSent = 0;
 
@@ -155,7 +154,6 @@ public:
         });
         connect(m_socket, &QTcpSocket::disconnected, this, &HttpConnection::end);
         const QMutexLocker lock(&m_state->mutex);
-        ++m_state->connections;
         ++m_state->openConnections;
     }
 
@@ -378,12 +376,6 @@ int ScriptedHttpServer::requestCount(const QByteArray &path) const
     for (const HttpRequest &request : requests())
         count += request.path == path ? 1 : 0;
     return count;
-}
-
-int ScriptedHttpServer::connectionCount() const
-{
-    const QMutexLocker lock(&m_state->mutex);
-    return m_state->connections;
 }
 
 int ScriptedHttpServer::openConnectionCount() const

@@ -86,14 +86,11 @@ public:
     void release(const QByteArray &path);
 
     QUrl url(const QByteArray &path) const;
-    quint16 port() const { return m_port; }
 
     /// The requests in the order of their arrival.
     QList<HttpRequest> requests() const;
     /// Requests of one path.
     int requestCount(const QByteArray &path) const;
-    /// Connections taken so far.
-    int connectionCount() const;
     /// Connections that are open now.
     int openConnectionCount() const;
     /// Bytes that the system has taken for the clients so far.

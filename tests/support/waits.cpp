@@ -52,11 +52,11 @@ struct Recorder {
     }
 };
 
-thread_local std::optional<Recorder> recorder;
+thread_local std::optional<Recorder> gRecorder;
 
 bool isNoting()
 {
-    return recorder && !recorder->isBusy;
+    return gRecorder && !gRecorder->isBusy;
 }
 
 int failInterrupted()
@@ -86,16 +86,16 @@ extern "C" int select(int count, fd_set *readable, fd_set *writable, fd_set *fai
     if (!isNoting() || !wait)
         return library(count, readable, writable, failed, wait);
     const long asked = wait->tv_sec * kUsPerSecond + wait->tv_usec;
-    recorder->note("select " + QByteArray::number(static_cast<qint64>(asked)) + " us");
+    gRecorder->note("select " + QByteArray::number(static_cast<qint64>(asked)) + " us");
     const auto setLeft = [wait](long left) {
         wait->tv_sec = left / kUsPerSecond;
         wait->tv_usec = left % kUsPerSecond;
     };
-    if (const auto left = recorder->takeInterruption()) {
+    if (const auto left = gRecorder->takeInterruption()) {
         setLeft(*left);
         return failInterrupted();
     }
-    if (recorder->mode == Waits::Real)
+    if (gRecorder->mode == Waits::Real)
         return library(count, readable, writable, failed, wait);
     timeval none{0, 0};
     const int ready = library(count, readable, writable, failed, &none);
@@ -109,10 +109,10 @@ extern "C" int usleep(useconds_t us)
     static auto *const library = original<int(useconds_t)>("usleep");
     if (!isNoting())
         return library(us);
-    recorder->note("usleep " + QByteArray::number(us) + " us");
-    if (recorder->takeInterruption())
+    gRecorder->note("usleep " + QByteArray::number(us) + " us");
+    if (gRecorder->takeInterruption())
         return failInterrupted();
-    return recorder->mode == Waits::Real ? library(us) : 0;
+    return gRecorder->mode == Waits::Real ? library(us) : 0;
 }
 
 extern "C" int nanosleep(const timespec *wait, timespec *rest)
@@ -121,44 +121,44 @@ extern "C" int nanosleep(const timespec *wait, timespec *rest)
     if (!isNoting())
         return library(wait, rest);
     const qint64 asked = qint64{wait->tv_sec} * kNsPerSecond + wait->tv_nsec;
-    recorder->note("nanosleep " + QByteArray::number(asked) + " ns");
-    if (const auto left = recorder->takeInterruption()) {
+    gRecorder->note("nanosleep " + QByteArray::number(asked) + " ns");
+    if (const auto left = gRecorder->takeInterruption()) {
         if (rest)
             *rest = {*left / kNsPerSecond, *left % kNsPerSecond};
         return failInterrupted();
     }
-    return recorder->mode == Waits::Real ? library(wait, rest) : 0;
+    return gRecorder->mode == Waits::Real ? library(wait, rest) : 0;
 }
 
 extern "C" clock_t clock() noexcept
 {
     static auto *const library = original<clock_t()>("clock");
-    return isNoting() && recorder->mode == Waits::AtOnce ? recorder->looks++ : library();
+    return isNoting() && gRecorder->mode == Waits::AtOnce ? gRecorder->looks++ : library();
 }
 
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 Waits::Waits(Mode mode)
 {
-    recorder.emplace(Recorder{mode});
+    gRecorder.emplace(Recorder{mode});
 }
 
 Waits::~Waits()
 {
-    recorder.reset();
+    gRecorder.reset();
 }
 
 void Waits::setBefore(const Before &before)
 {
-    recorder->before = before;
+    gRecorder->before = before;
 }
 
 void Waits::interrupt(long left)
 {
-    recorder->left = left;
+    gRecorder->left = left;
 }
 
 QByteArray Waits::asked() const
 {
-    return recorder->asked();
+    return gRecorder->asked();
 }

@@ -6,22 +6,27 @@ import re
 import signal
 
 from facts import FORCE, await_update_screen, install_calls, opkg, output, same, start_and_await_screen
-from machine.paths import PID_FILE, PROGRAM_LOG, PROJECT, ROOT, STAGED, STICK
+from machine.paths import DATABASE, PACKAGE_SETTINGS, PID_FILE, PROGRAM_LOG, PROJECT, STAGED, STICK
 from machine.processes import EMULATOR
 from machine.watch import WAIT_S, is_running, same_content, text_of
 
 BASE = "good/10-machine-base_1.2.0.ipk"
 VERSION = re.search(r"^ *VERSION ([0-9.]*)$", text_of(PROJECT / "CMakeLists.txt"), re.MULTILINE)[1]
-INSTALLED_PROGRAM = ROOT / "usr/bin/update-assistant"
-START_SCRIPT = ROOT / "usr/bin/update-assistant-start"
-DOCUMENTS = ROOT / "usr/share/doc/update-assistant"
+INSTALLED_PROGRAM = pathlib.Path("/usr/bin/update-assistant")
+START_SCRIPT = pathlib.Path("/usr/bin/update-assistant-start")
+DOCUMENTS = pathlib.Path("/usr/share/doc/update-assistant")
 
 
 def package(machine, kind="plain"):
     """The package, or "revised" the one after it. It may be for another processor than this machine's."""
     file, = (machine.build / "tests/system/packages" / kind).glob("*.ipk")
-    machine.environment["SANDBOX_ARCHITECTURE"] = output("dpkg-deb", "--field", file, "Architecture").strip()
+    with open(PACKAGE_SETTINGS, "a", encoding="ascii") as settings:
+        settings.write(f"arch {architecture(file)} 20\n")
     return file
+
+
+def architecture(file):
+    return output("dpkg-deb", "--field", file, "Architecture").strip()
 
 
 def install(machine, kind="plain"):
@@ -33,9 +38,10 @@ def state(machine):
 
 
 def files():
-    """The mode and path of each installed file."""
-    found = (path for path in ROOT.rglob("*") if path.is_file() and not path.is_relative_to(ROOT / "var"))
-    return [f"{path.stat().st_mode & 0o777:o} {path.relative_to(ROOT)}" for path in sorted(found)]
+    """The mode and path of each file of a package."""
+    listed = (pathlib.Path(line.split("\t")[0]) for names in DATABASE.parent.glob("info/*.list")
+              for line in text_of(names).splitlines() if line)
+    return [f"{path.stat().st_mode & 0o777:o} {path.relative_to('/')}" for path in sorted(listed) if not path.is_dir()]
 
 
 def filesArriveAtTheirPlaces(machine):
@@ -55,18 +61,19 @@ def filesArriveAtTheirPlaces(machine):
 # What every opkg can read, and nothing that it would have to look up or run.
 def packageIsPlain(machine):
     file = package(machine)
-    architecture = machine.environment["SANDBOX_ARCHITECTURE"]
+    size = sum(int(line.split()[2]) for line in output("dpkg-deb", "--contents", file).splitlines() if line[0] == "-")
     same("debian-binary\ncontrol.tar.gz\ndata.tar.gz\n", output("ar", "t", file))
     same("Package: update-assistant\n"
          f"Version: {VERSION}\n"
-         f"Architecture: {architecture}\n"
+         f"Architecture: {architecture(file)}\n"
          "Maintainer: Example Maintainer <maintainer@example.com>\n"
          "Section: utils\n"
          "Priority: optional\n"
+         f"Installed-Size: {size}\n"
          "Description: On-device software update with control-board firmware transfer\n",
          output("dpkg-deb", "--field", file))
     same("./\n./control\n", output("sh", "-c", f"dpkg-deb --ctrl-tarfile '{file}' | tar -t"))
-    same(f"update-assistant_{VERSION}_{architecture}.ipk", file.name)
+    same(f"update-assistant_{VERSION}_{architecture(file)}.ipk", file.name)
     contents = [line.split() for line in output("dpkg-deb", "--contents", file).splitlines()]
     same({("root/root", "2030-01-01")}, {(line[1], line[3]) for line in contents})
 
@@ -83,7 +90,8 @@ def isReinstalledDowngradedAndRemoved(machine):
     same(f"installed {VERSION}", state(machine))
     opkg(machine, "remove", "update-assistant")
     same("machine-base - 1.2.0\n", opkg(machine, "list-installed"))
-    same(["644 etc/machine/active-release", "644 etc/machine/release", "644 etc/machine/settings.ini"], files())
+    same(["644 etc/machine/release", "644 etc/machine/settings.ini"], files())
+    assert not any(path.exists() for path in (INSTALLED_PROGRAM, START_SCRIPT, DOCUMENTS))
 
 
 def started_with(**variables):

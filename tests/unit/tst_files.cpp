@@ -6,6 +6,7 @@
 #include <QtTest>
 
 #include <csignal>
+#include <memory>
 #include <sys/resource.h>
 
 class TestFiles : public QObject {
@@ -394,5 +395,3 @@ void TestFiles::md5Of256EntriesDoesNotReturn()
 
 QTEST_APPLESS_MAIN(TestFiles)
 #include "tst_files.moc"
-
-#include <memory>

@@ -8,17 +8,17 @@
 
 namespace {
 
-const char *kernelVersion = nullptr;
+const char *gKernelVersion = nullptr;
 
 } // namespace
 
 // Stands before the C library's: the test decides what the kernel says. Null makes it fail.
 extern "C" int uname(utsname *name) noexcept
 {
-    if (!kernelVersion)
+    if (!gKernelVersion)
         return -1;
     *name = {};
-    std::strncpy(name->version, kernelVersion, sizeof name->version - 1);
+    std::strncpy(name->version, gKernelVersion, sizeof name->version - 1);
     return 0;
 }
 
@@ -79,7 +79,7 @@ void TestKernel::buildStampBecomesADate()
     QFETCH(QByteArray, version);
     QFETCH(QString, expected);
 
-    kernelVersion = version.constData();
+    gKernelVersion = version.constData();
     FileIO fileIO;
     QCOMPARE(fileIO.readKernelData(), expected);
     QCOMPARE(fileIO.property("kernelData").toString(), expected);
@@ -88,20 +88,20 @@ void TestKernel::buildStampBecomesADate()
 void TestKernel::failedUnameIsInvalid()
 {
     FileIO fileIO;
-    kernelVersion = "#1 Thu Sep 16 19:25:17 CST 2021";
+    gKernelVersion = "#1 Thu Sep 16 19:25:17 CST 2021";
     fileIO.readKernelData();
-    kernelVersion = nullptr;
+    gKernelVersion = nullptr;
     QCOMPARE(fileIO.readKernelData(), QStringLiteral("Invalid"));
 }
 
 void TestKernel::everyReadAsksAfresh()
 {
     FileIO fileIO;
-    kernelVersion = "#1 Thu Sep 16 19:25:17 CST 2021";
+    gKernelVersion = "#1 Thu Sep 16 19:25:17 CST 2021";
     QCOMPARE(fileIO.property("kernelData").toString(), QStringLiteral("2021-09-16 19:25:17"));
-    kernelVersion = "#1 Fri Sep 17 20:26:18 CST 2021";
+    gKernelVersion = "#1 Fri Sep 17 20:26:18 CST 2021";
     QCOMPARE(fileIO.property("kernelData").toString(), QStringLiteral("2021-09-17 20:26:18"));
-    kernelVersion = "#1";
+    gKernelVersion = "#1";
     QCOMPARE(fileIO.property("kernelData").toString(), QStringLiteral("Invalid"));
 }
 
@@ -110,7 +110,7 @@ void TestKernel::monthIsAlwaysNine()
     FileIO fileIO;
     for (const char *month : {"Jan", "Feb", "Dec", "09", "?"}) {
         const QByteArray version = "#1 Thu " + QByteArray(month) + " 14 08:05:09 CST 2021";
-        kernelVersion = version.constData();
+        gKernelVersion = version.constData();
         QCOMPARE(fileIO.readKernelData(), QStringLiteral("2021-09-14 08:05:09"));
     }
 }
@@ -121,7 +121,7 @@ void TestKernel::timeOfDayIsCutTo39CharactersInAll()
     QCOMPARE(expected.size(), 39);
     const QByteArray version = "#1 Thu Sep 16 " + QByteArray(40, '7') + " C 2021";
     QVERIFY(version.size() <= 64);
-    kernelVersion = version.constData();
+    gKernelVersion = version.constData();
     FileIO fileIO;
     QCOMPARE(fileIO.readKernelData(), expected);
 }
@@ -179,7 +179,7 @@ void TestKernel::onlyTheReferenceBuildIsNew()
     QFETCH(QByteArray, version);
     QFETCH(bool, isNew);
 
-    kernelVersion = version.constData();
+    gKernelVersion = version.constData();
     FileIO fileIO;
     fileIO.readKernelData();
     DescriptorCapture out(1);
@@ -191,13 +191,13 @@ void TestKernel::onlyTheReferenceBuildIsNew()
 
 void TestKernel::isNewLooksAtTheLastReadOnly()
 {
-    kernelVersion = "#1 Thu Sep 16 19:25:17 CST 2021";
+    gKernelVersion = "#1 Thu Sep 16 19:25:17 CST 2021";
     FileIO fileIO;
     DescriptorCapture out(1);
     const bool before = fileIO.property("isNewKernel").toBool();
     fileIO.readKernelData();
     const bool after = fileIO.property("isNewKernel").toBool();
-    kernelVersion = "#1";
+    gKernelVersion = "#1";
     const bool later = fileIO.property("isNewKernel").toBool();
     out.take();
     QCOMPARE(before, false);
@@ -216,7 +216,7 @@ void TestKernel::answerHasNoLineFeed()
 
 void TestKernel::nothingIsEmitted()
 {
-    kernelVersion = "#1 Thu Sep 16 19:25:17 CST 2021";
+    gKernelVersion = "#1 Thu Sep 16 19:25:17 CST 2021";
     FileIO fileIO;
     QSignalSpy dataChanged(&fileIO, &FileIO::kernelDataChanged);
     QSignalSpy isNewChanged(&fileIO, &FileIO::isNewKernelChanged);

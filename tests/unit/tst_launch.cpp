@@ -10,6 +10,7 @@
 #include <QtTest>
 
 #include <csignal>
+#include <memory>
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -376,5 +377,3 @@ void TestLaunch::showTipReturnsZeroAndLeavesNoWindow()
 
 QTEST_MAIN(TestLaunch)
 #include "tst_launch.moc"
-
-#include <memory>

@@ -8,19 +8,19 @@
 
 namespace {
 
-unsigned lastLevel;
-const char *lastFormat;
-QByteArray lastMessage;
-int hookCalls;
+unsigned gLastLevel;
+const char *gLastFormat;
+QByteArray gLastMessage;
+int gHookCalls;
 
 LOG_PRINTF(2, 0) void recordingHook(unsigned level, const char *format, va_list args)
 {
-    ++hookCalls;
-    lastLevel = level;
-    lastFormat = format;
+    ++gHookCalls;
+    gLastLevel = level;
+    gLastFormat = format;
     char text[200];
     std::vsnprintf(text, sizeof text, format, args);
-    lastMessage = text;
+    gLastMessage = text;
 }
 
 // The va_list fronts need a variadic caller.
@@ -83,7 +83,7 @@ private slots:
 
 void TestLog::init()
 {
-    hookCalls = 0;
+    gHookCalls = 0;
 }
 
 void TestLog::cleanup()
@@ -136,7 +136,7 @@ void TestLog::everyFrontGoesThroughTheHook()
     DescriptorCapture err(2);
 
     const auto expect = [](unsigned level, const char *message) {
-        return lastLevel == level && lastMessage == message;
+        return gLastLevel == level && gLastMessage == message;
     };
     Log("a %d\n", 1);
     QVERIFY(expect(0, "a 1\n"));
@@ -153,7 +153,7 @@ void TestLog::everyFrontGoesThroughTheHook()
     LogAssertFailed("x", "y", 1, "z");
     QVERIFY(expect(2, "y: 1: z Assertion 'x' failed.\n"));
 
-    QCOMPARE(hookCalls, 7);
+    QCOMPARE(gHookCalls, 7);
     QCOMPARE(err.take(), QByteArray());
 }
 
@@ -162,7 +162,7 @@ void TestLog::formatIsPassedUnchanged()
     SetLogFunc(recordingHook);
     static const char format[] = "%s%%";
     Log(format, "x");
-    QVERIFY(lastFormat == format);
+    QVERIFY(gLastFormat == format);
 }
 
 void TestLog::nullHookDiscardsEverything()
@@ -195,7 +195,7 @@ void TestLog::quietIsTheDefaultHooksAlone()
     gQuiet = 1;
     SetLogFunc(recordingHook);
     Log("still passed on\n");
-    QCOMPARE(hookCalls, 1);
+    QCOMPARE(gHookCalls, 1);
 }
 
 void TestLog::streamCanBeReplacedAndRestored()

@@ -7,6 +7,7 @@
 #include <QtTest>
 
 #include <csignal>
+#include <memory>
 #include <sys/resource.h>
 #include <system_error>
 #include <thread>
@@ -330,5 +331,3 @@ void TestShell::threadThatCannotBeMadeThrows()
 
 QTEST_GUILESS_MAIN(TestShell)
 #include "tst_shell.moc"
-
-#include <memory>

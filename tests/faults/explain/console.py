@@ -28,7 +28,7 @@ NO_IMAGE = re.compile(r"\bls: .*\*\.bin\b")
 RESULT = re.compile(r"result:\s+(-?\d+)\s+index:\s+(\d+)\s+ipkList\.length:\s+(\d+)")
 
 # The package manager's lines that name the package it works on.
-INSTALLS_WORDS = ("Installing", "Upgrading", "Downgrading", "Reinstalling", "Unpacking", "Setting up", "Configuring")
+INSTALLS_WORDS = ("Installing", "Upgrading", "Downgrading", "Reinstalling", "Configuring")
 INSTALLS = re.compile(rf"^(?:{'|'.join(INSTALLS_WORDS)}) ([\w.+-]*\w)\b")
 # What its messages look like, and those of commands. Nothing is concluded from them: they are shown when no
 # row has them.

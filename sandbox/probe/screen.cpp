@@ -1,4 +1,4 @@
-#include "screenprobe.h"
+#include "screen.h"
 
 #include <QCoreApplication>
 #include <QEvent>
@@ -13,7 +13,9 @@
 
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -25,7 +27,7 @@ QString idOf(QQuickItem *item)
     return context ? context->nameForObject(item) : QString();
 }
 
-/// Whether the screen's own file made the item, not the file of one of its components.
+/// Whether the item is declared in the file of the screen, not in that of a component.
 bool isOfTheScreen(QQuickItem *item, QQuickWindow *window)
 {
     const QList<QQuickItem *> screen = window->contentItem()->childItems();
@@ -60,7 +62,7 @@ QJsonArray textsOf(QQuickItem *row)
     return texts;
 }
 
-/// Adds what an item and those in it show.
+/// Adds the visible item and its visible descendants to `items` and `rows`.
 void addItem(QQuickItem *item, QQuickWindow *window, QJsonObject &items, QJsonArray &rows)
 {
     if (!item->isVisible())
@@ -71,7 +73,7 @@ void addItem(QQuickItem *item, QQuickWindow *window, QJsonObject &items, QJsonAr
         items.insert(id, propertiesOf(item));
     if (item->inherits("QQuickColumn")) {
         for (QQuickItem *row : children) {
-            if (!row->childItems().isEmpty()) // the repeater is an item, too
+            if (!row->childItems().isEmpty()) // the repeater is also an item
                 rows.append(textsOf(row));
         }
         return;
@@ -101,63 +103,48 @@ void sendMouse(QQuickWindow *window, QEvent::Type type, const QPointF &place,
                                                 pressed, Qt::NoModifier));
 }
 
-/// Says on standard error when the object has gone.
-void tellEndOf(const QObject *object)
+/// Reports on standard error when the object is destroyed.
+void reportEnd(const QObject *object)
 {
     const QByteArray name = object->metaObject()->className();
-    QObject::connect(object, &QObject::destroyed, [name] {
-        std::fprintf(stderr, "screenprobe: %s is gone\n", name.constData());
-    });
+    QObject::connect(object, &QObject::destroyed,
+                     [name] { std::fprintf(stderr, "probe: %s is gone\n", name.constData()); });
 }
 
-/// The same for what `main` has made: the application, and the view or the engine and the bridge.
-void tellEndsOf(QQuickWindow *window)
+/// The same for the objects that `main` has made: the application, and the view or the engine and
+/// the bridge.
+void reportEnds(QQuickWindow *window)
 {
-    tellEndOf(QCoreApplication::instance());
+    reportEnd(QCoreApplication::instance());
     const QQmlEngine *const engine = qmlEngine(window);
     if (!engine) {
-        tellEndOf(window); // a view, which has an engine of its own
+        reportEnd(window); // a view, which owns its engine
         return;
     }
-    tellEndOf(engine);
+    reportEnd(engine);
     const QVariant bridge = engine->rootContext()->contextProperty(QStringLiteral("fileIO"));
-    tellEndOf(bridge.value<QObject *>());
-}
-
-bool openNamed(QFile &file, const char *variable, int flags)
-{
-    const QByteArray path = qgetenv(variable);
-    if (path.isEmpty())
-        return true;
-    const int descriptor = ::open(path.constData(), flags | O_CLOEXEC, 0644);
-    if (descriptor >= 0
-        && file.open(descriptor,
-                     (flags & O_WRONLY) != 0 ? QIODevice::WriteOnly | QIODevice::Unbuffered
-                                             : QIODevice::ReadWrite | QIODevice::Unbuffered,
-                     QFileDevice::AutoCloseHandle))
-        return true;
-    std::fprintf(stderr, "screenprobe: %s: %s cannot be opened\n", variable, path.constData());
-    return false;
+    reportEnd(bridge.value<QObject *>());
 }
 
 } // namespace
 
-bool ScreenProbe::start()
+Screen::Screen(const QString &log, const QString &control)
+    : m_log(log)
+    // A FIFO that is also open for writing never reports end of file.
+    , m_control(::open(QFile::encodeName(control).constData(), O_RDWR | O_NONBLOCK | O_CLOEXEC))
 {
-    m_clock.start();
-    // A FIFO that is open for writing, too, never comes to its end.
-    if (!openNamed(m_log, "SCREEN_PROBE_LOG", O_WRONLY | O_CREAT | O_APPEND)
-        || !openNamed(m_control, "SCREEN_PROBE_CONTROL", O_RDWR | O_NONBLOCK))
-        return false;
-    if (m_control.isOpen()) {
-        auto *const notifier = new QSocketNotifier(m_control.handle(), QSocketNotifier::Read, this);
-        connect(notifier, &QSocketNotifier::activated, this, &ScreenProbe::obey);
+    if (m_control < 0 || !m_log.open(QIODevice::Append | QIODevice::Unbuffered)) {
+        std::fprintf(stderr, "probe: %s or %s cannot be opened\n", qPrintable(log),
+                     qPrintable(control));
+        std::_Exit(1);
     }
+    m_clock.start();
+    auto *const notifier = new QSocketNotifier(m_control, QSocketNotifier::Read, this);
+    connect(notifier, &QSocketNotifier::activated, this, &Screen::obey);
     QCoreApplication::instance()->installEventFilter(this);
-    return true;
 }
 
-bool ScreenProbe::eventFilter(QObject *object, QEvent *event)
+bool Screen::eventFilter(QObject *object, QEvent *event)
 {
     if (event->type() == QEvent::Show && !m_window) {
         if (auto *const window = qobject_cast<QQuickWindow *>(object))
@@ -166,15 +153,14 @@ bool ScreenProbe::eventFilter(QObject *object, QEvent *event)
     return QObject::eventFilter(object, event);
 }
 
-void ScreenProbe::watch(QQuickWindow *window)
+void Screen::watch(QQuickWindow *window)
 {
     m_window = window;
-    tellEndsOf(window);
-    if (m_log.isOpen())
-        connect(window, &QQuickWindow::frameSwapped, this, &ScreenProbe::record);
+    reportEnds(window);
+    connect(window, &QQuickWindow::frameSwapped, this, &Screen::record);
 }
 
-void ScreenProbe::record()
+void Screen::record()
 {
     QJsonObject items;
     QJsonArray rows;
@@ -187,9 +173,11 @@ void ScreenProbe::record()
     m_log.write(QJsonDocument(state).toJson(QJsonDocument::Compact) + '\n');
 }
 
-void ScreenProbe::obey()
+void Screen::obey()
 {
-    const QList<QByteArray> lines = m_control.read(PIPE_BUF).split('\n');
+    char buffer[PIPE_BUF];
+    const ssize_t count = ::read(m_control, buffer, sizeof buffer);
+    const QList<QByteArray> lines = QByteArray(buffer, count > 0 ? int(count) : 0).split('\n');
     for (const QByteArray &line : lines) {
         if (line.startsWith("click "))
             click(QString::fromUtf8(line.mid(6)));
@@ -198,11 +186,11 @@ void ScreenProbe::obey()
     }
 }
 
-void ScreenProbe::click(const QString &id)
+void Screen::click(const QString &id)
 {
     QQuickItem *const item = m_window ? findItem(m_window->contentItem(), id) : nullptr;
     if (!item) {
-        std::fprintf(stderr, "screenprobe: there is no %s to click\n", qPrintable(id));
+        std::fprintf(stderr, "probe: there is no %s to click\n", qPrintable(id));
         return;
     }
     const QPointF middle = item->mapToScene(QPointF(item->width() / 2, item->height() / 2));

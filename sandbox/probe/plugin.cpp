@@ -1,4 +1,5 @@
 #include "peakmemory.h"
+#include "screen.h"
 
 #include <QCoreApplication>
 #include <QEvent>
@@ -14,7 +15,13 @@
 #include <unistd.h>
 #include <utility>
 
-// A plugin that observes an unmodified program: QT_QPA_GENERIC_PLUGINS=KEY:FILE loads it.
+// A plugin that observes the unmodified program. QT_QPA_GENERIC_PLUGINS selects what it does:
+//
+//   firstframe:FILE   writes the time of the first frame and the peak memory, then ends the program
+//   screen:LOG:FIFO   records what the screen shows and operates it, see Screen
+//   stalls:FILE       writes each stall of the GUI thread
+//
+// Nothing runs for what is not selected.
 
 namespace {
 
@@ -35,8 +42,8 @@ FILE *openReport(const QString &path)
     return report;
 }
 
-/// Writes the time of the first frame (monotonic clock), and the peak memory once the process has
-/// become idle after that frame. Then ends the program.
+/// Writes one line: the time of the first frame in nanoseconds (monotonic clock) and the peak
+/// memory in kilobytes 50 ms later. Then ends the program.
 class FirstFrame : public QObject {
     using Clock = std::chrono::steady_clock;
 
@@ -79,8 +86,8 @@ private:
     bool m_shown = false;
 };
 
-/// Posts an event to the GUI thread every millisecond. Writes one output line for each stall of
-/// more than two milliseconds: its start and its end, by the clock of `date`.
+/// Posts an event to the GUI thread every millisecond. Writes one line for each stall of more than
+/// two milliseconds: its start and its end in nanoseconds (clock of `date`).
 class Stalls : public QObject {
     using Clock = std::chrono::system_clock;
 
@@ -115,7 +122,7 @@ private:
             if (!m_answered.load(std::memory_order_acquire))
                 continue;
             m_answered.store(false, std::memory_order_relaxed);
-            m_asked = Clock::now(); // handed over by the posted event
+            m_asked = Clock::now(); // the posted event hands it over
             QCoreApplication::postEvent(this, new QEvent(QEvent::User), Qt::HighEventPriority);
         }
     }
@@ -129,17 +136,19 @@ private:
 
 class ProbePlugin : public QGenericPlugin {
     Q_OBJECT
-    Q_PLUGIN_METADATA(IID QGenericPluginFactoryInterface_iid FILE "probes.json")
+    Q_PLUGIN_METADATA(IID QGenericPluginFactoryInterface_iid FILE "probe.json")
 
 public:
-    QObject *create(const QString &key, const QString &path) override
+    /// The application owns the result.
+    QObject *create(const QString &key, const QString &files) override
     {
         if (key == QLatin1String("firstframe"))
-            return new FirstFrame(path);
+            return new FirstFrame(files);
         if (key == QLatin1String("stalls"))
-            return new Stalls(path);
-        return nullptr;
+            return new Stalls(files);
+        return new Screen(files.section(QLatin1Char(':'), 0, 0),
+                          files.section(QLatin1Char(':'), 1));
     }
 };
 
-#include "probes.moc"
+#include "plugin.moc"

@@ -1,0 +1,6 @@
+"""Package files (.ipk) and what a package manager makes of them.
+
+    packagefile   reads a package: its control file, the names of its files; extracts it
+    control       the fields of control files and of the package database; versions; dependencies
+    installer     installs packages as the machine's package manager does; sandbox/bin/opkg is its command line
+"""
