@@ -1,8 +1,7 @@
 """The fields of a control file and of the package database."""
 
+import os
 import re
-import subprocess
-from dataclasses import dataclass, field
 
 RELATIONS = {"<<": "lt", "<": "le", "<=": "le", "=": "eq", ">=": "ge", ">": "ge", ">>": "gt"}
 _DEPENDENCY = re.compile(r"\s*(?P<name>[^\s(]+)\s*(?:\(\s*(?P<relation>[<>=]+)\s*(?P<version>[^\s)]+)\s*\))?\s*")
@@ -10,8 +9,7 @@ _DEPENDENCY = re.compile(r"\s*(?P<name>[^\s(]+)\s*(?:\(\s*(?P<relation>[<>=]+)\s
 
 def compare(one, relation, other):
     """Whether the versions stand in the relation, one of RELATIONS."""
-    return subprocess.run(["dpkg", "--compare-versions", one, RELATIONS[relation], other],
-                          stderr=subprocess.DEVNULL, check=False).returncode == 0
+    return os.spawnlp(os.P_WAIT, "dpkg", "dpkg", "--compare-versions", one, RELATIONS[relation], other) == 0
 
 
 def stanzas(text):
@@ -31,18 +29,18 @@ def stanzas(text):
                 fields[name] = value.strip()
 
 
-@dataclass
 class Package:
     """A package: one that is installed, or a file that is to be."""
 
-    fields: dict
-    status: str = "not-installed"  # or half-installed, unpacked, installed
-    by_user: bool = True
-    installed_size: int = 0
-    installed_time: int = 0
-    conffiles: dict = field(default_factory=dict)  # path: checksum as installed, None before
-    file: object = None  # the PackageFile of one that is to be installed
-    scripts: str = ""  # where its maintainer scripts are until it is unpacked
+    def __init__(self, fields, status="not-installed", by_user=True, file=None):
+        self.fields = fields
+        self.status = status  # not-installed, half-installed, unpacked or installed
+        self.by_user = by_user
+        self.installed_size = 0
+        self.installed_time = 0
+        self.conffiles = {}  # path: checksum as installed, None before
+        self.file = file  # the PackageFile of one that is to be installed
+        self.scripts = ""  # where its maintainer scripts are until it is unpacked
 
     @property
     def name(self):

@@ -8,23 +8,18 @@ is a warning. Tests run the same cases with both. What nothing here needs is ref
 import contextlib
 import errno
 import fcntl
-import hashlib
+import glob
 import os
-import pathlib
-import shutil
-import subprocess
 import sys
-import tempfile
 import time
 
 from .control import Package, compare, stanzas
 from .packagefile import AS_PACKAGED, PackageError, PackageFile
 
-SETTINGS = pathlib.Path("/etc/opkg/opkg.conf")
-DATABASE = pathlib.Path("/var/lib/opkg/status")
-INFO = pathlib.Path("/var/lib/opkg/info")
-INFO_PREFIX = "//var/lib/opkg/info/"  # as it stands in messages
-LOCK = pathlib.Path("/var/run/opkg.lock")
+SETTINGS = "/etc/opkg/opkg.conf"
+DATABASE = "/var/lib/opkg/status"
+INFO = "//var/lib/opkg/info/"  # as it stands in messages
+LOCK = "/var/run/opkg.lock"
 TEMPORARY = "/tmp"
 ROOT = "/"
 FAILED = 255
@@ -52,7 +47,7 @@ def system_error(function, text, fault):
 def locked():
     """Keeps other calls out. Raises Failure when one is at work."""
     try:
-        LOCK.parent.mkdir(parents=True, exist_ok=True)
+        os.makedirs(os.path.dirname(LOCK), exist_ok=True)
         with open(LOCK, "w", encoding="ascii") as file:
             try:
                 fcntl.lockf(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
@@ -61,7 +56,7 @@ def locked():
                 system_error("opkg_cmd_exec", "Command failed to capture privilege lock", fault)
                 raise Failure from fault
             yield
-            LOCK.unlink()
+            os.unlink(LOCK)
     except OSError as fault:
         system_error("opkg_lock", f"Could not create lock file {LOCK}", fault)
         raise Failure from fault
@@ -74,8 +69,7 @@ class Installer:
         self._force_downgrade = force_downgrade
         self._force_reinstall = force_reinstall
         self._force_overwrite = force_overwrite
-        self._architectures = {line.split()[1] for line in SETTINGS.read_text(encoding="utf-8").splitlines()
-                               if line.startswith("arch ")}
+        self._architectures = {line.split()[1] for line in _text(SETTINGS).splitlines() if line.startswith("arch ")}
         self._packages = {package.name: package for package in _read_database()}
         self._owners = self._read_owners()
         self._is_changed = False
@@ -88,11 +82,11 @@ class Installer:
             files = [self._prepare(path) for path in paths]
         except (Failure, PackageError):
             return FAILED
-        with tempfile.TemporaryDirectory(prefix="opkg-", dir=TEMPORARY) as scripts:
-            status = 0
-            for package in files:
+        status = 0
+        with _temporary_folder("opkg") as scripts:
+            for number, package in enumerate(files):
                 try:
-                    self._install_file(package, files, scripts)
+                    self._install_file(package, files, f"{scripts}/{number}")
                 except Failure:
                     error("opkg_solver_install", f"Cannot install package {package.name}.")
                     status = FAILED
@@ -147,12 +141,12 @@ class Installer:
             error("opkg_prepare_url_for_install", f"Couldn't find anything to satisfy '{path}'.")
             raise Failure
         file = PackageFile(path, error, notice)
+        copy = f"{TEMPORARY}/{os.path.basename(path)}.control.{os.getpid()}"
         try:
-            with tempfile.NamedTemporaryFile(prefix=f"{os.path.basename(path)}.control.", dir=TEMPORARY,
-                                             buffering=0) as copy:
+            with _removed_at_the_end(copy), open(copy, "wb", buffering=0) as control:
                 with contextlib.suppress(OSError):  # a copy without room is an empty control file
-                    copy.write(file.control())
-                text = pathlib.Path(copy.name).read_text(encoding="utf-8", errors="replace")
+                    control.write(file.control())
+                text = _text(copy)
         except PackageError:
             error("pkg_init_from_file", f"Failed to extract control file from {path}.")
             raise
@@ -195,7 +189,8 @@ class Installer:
         self._check_dependencies(package, given)
         notice(f"Installing {package.name} ({package.version}) on root.")
         self._check_room(package)
-        package.scripts = tempfile.mkdtemp(prefix=f"{package.name}-", dir=scripts)
+        os.mkdir(scripts)
+        package.scripts = scripts
         try:
             self._unpack(package, old)
         except (Failure, PackageError, OSError):
@@ -264,8 +259,8 @@ class Installer:
             self._remove_obsolete(old, paths)
             self._remove_files(old)
             self._remove_scripts(old)
-        INFO.mkdir(parents=True, exist_ok=True)
-        self._extract(package, "control", f"{INFO_PREFIX}{package.name}.", 0,
+        os.makedirs(INFO, exist_ok=True)
+        self._extract(package, "control", f"{INFO}{package.name}.", 0,
                       f"Failed to extract maintainer scripts for {package.name}. Package debris may remain!")
         package.installed_size += self._extract(
             package, "data", ROOT, AS_PACKAGED, f"Failed to extract data files for {package.name}. "
@@ -334,20 +329,21 @@ class Installer:
         for path in sorted(folders, reverse=True):
             with contextlib.suppress(OSError):
                 os.rmdir(path)
-        (INFO / f"{package.name}.list").unlink(missing_ok=True)
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(f"{INFO}{package.name}.list")
 
     def _remove_scripts(self, package):
-        for path in INFO.glob(f"{package.name}.*"):
-            if path.suffix != ".list":
-                path.unlink()
+        for path in glob.glob(f"{INFO}{glob.escape(package.name)}.*"):
+            if not path.endswith(".list"):
+                os.unlink(path)
 
     def _run_script(self, package, name, arguments):
         """Returns the status of the maintainer script, 0 without one."""
-        path = f"{INFO_PREFIX}{package.name}.{name}" if package.status != "not-installed" else f"{package.scripts}/{name}"
+        path = f"{INFO}{package.name}.{name}" if package.status != "not-installed" else f"{package.scripts}/{name}"
         if not os.path.exists(path):
             return 0
         os.environ["PKG_ROOT"] = ROOT
-        status = subprocess.run(["/bin/sh", "-c", f"{path} {arguments}"], check=False).returncode
+        status = os.spawnv(os.P_WAIT, "/bin/sh", ["/bin/sh", "-c", f"{path} {arguments}"])
         if status < 0:
             error("xsystem", f"/bin/sh: Child killed by signal {-status}.")
             status = -1
@@ -358,7 +354,8 @@ class Installer:
     def _configure_all(self):
         """Configures every package that is only unpacked, also of earlier calls. Returns whether all succeeded."""
         try:
-            os.rmdir(tempfile.mkdtemp(prefix="opkg-intercept-", dir=TEMPORARY))
+            with _temporary_folder("opkg-intercept"):
+                pass
         except OSError as fault:
             system_error("opkg_prep_intercepts", f"Failed to make temp dir {TEMPORARY}", fault)
             return False
@@ -380,16 +377,16 @@ class Installer:
 
     def _back_up_settings(self, package, old):
         """Copies of changed configuration files, by path."""
-        listed = pathlib.Path(package.scripts, "conffiles")
-        if listed.exists():
+        listed = f"{package.scripts}/conffiles"
+        if os.path.exists(listed):
             package.conffiles = {ROOT + line.strip().lstrip("/"): None
-                                 for line in listed.read_text(encoding="utf-8").splitlines() if line.strip()}
+                                 for line in _text(listed).splitlines() if line.strip()}
         changed = [path for path, checksum in (old.conffiles if old else {}).items()
                    if os.path.exists(path) and _checksum(path) != checksum]
         changed += [path for path in package.conffiles
                     if os.path.exists(path) and not (old and path in old.conffiles)]
         for path in changed:
-            shutil.copy2(path, path + "-opkg.backup")
+            _write(path + "-opkg.backup", _text(path))
         return changed
 
     def _restore_settings(self, package, kept):
@@ -409,11 +406,8 @@ class Installer:
 
     def _list(self, name):
         """The paths of a package, as its list has them."""
-        try:
-            text = (INFO / f"{name}.list").read_text(encoding="utf-8", errors="surrogateescape")
-        except FileNotFoundError:
-            return []
-        return [line.split("\t")[0] for line in text.splitlines()]
+        path = f"{INFO}{name}.list"
+        return [line.split("\t")[0] for line in _text(path).splitlines()] if os.path.exists(path) else []
 
     def _read_owners(self):
         return {path: name for name in self._packages for path in self._list(name)}
@@ -422,13 +416,13 @@ class Installer:
         # The folder of all files has no name in the list. The next version takes it for an obsolete file.
         lines = ["\t".join(["/" + entry.path.rstrip("/"), f"0{entry.mode:o}", *filter(None, [entry.link])])
                  if entry.path else "" for entry in files]
-        _write(INFO / f"{package.name}.list", "\n".join(lines) + "\n")
+        _write(f"{INFO}{package.name}.list", "\n".join(lines) + "\n")
 
     def _write_database(self):
         """Without room for it the database is empty afterwards, and nobody is told."""
         if not self._is_changed:
             return
-        DATABASE.parent.mkdir(parents=True, exist_ok=True)
+        os.makedirs(os.path.dirname(DATABASE), exist_ok=True)
         _write(DATABASE, "".join(map(_stanza, self._packages.values())))
 
 
@@ -442,15 +436,48 @@ def _write(path, text):
             raise
 
 
+def _text(path):
+    with open(path, encoding="utf-8", errors="surrogateescape") as file:
+        return file.read()
+
+
+@contextlib.contextmanager
+def _removed_at_the_end(path):
+    try:
+        yield
+    finally:
+        with contextlib.suppress(OSError):
+            os.unlink(path)
+
+
+@contextlib.contextmanager
+def _temporary_folder(name):
+    """A folder that goes with all that is in it. Raises OSError."""
+    path = f"{TEMPORARY}/{name}-{os.getpid()}"
+    os.mkdir(path, 0o700)
+    try:
+        yield path
+    finally:
+        for folder, folders, files in os.walk(path, topdown=False):
+            for file in files:
+                os.unlink(f"{folder}/{file}")
+            for inner in folders:
+                link = os.path.islink(f"{folder}/{inner}")
+                (os.unlink if link else os.rmdir)(f"{folder}/{inner}")
+        os.rmdir(path)
+
+
 def _checksum(path):
+    import hashlib  # only a package with configuration files needs it, and each call would wait for it
+
     with open(path, "rb") as file:
         return hashlib.file_digest(file, "md5").hexdigest()
 
 
 def _read_database():
-    if not DATABASE.exists():
+    if not os.path.exists(DATABASE):
         return
-    for fields in stanzas(DATABASE.read_text(encoding="utf-8", errors="replace")):
+    for fields in stanzas(_text(DATABASE)):
         *_, by, status = fields["Status"].split()
         package = Package(fields, status=status, by_user=by == "user")
         package.installed_size = int(fields.get("Installed-Size", 0))

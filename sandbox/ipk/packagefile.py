@@ -5,10 +5,10 @@ data.tar.*, compressed by gzip, xz, bzip2, lz4 or zstd. Everything is streamed: 
 the package. Nothing is trusted: a damaged package gives a message and an exception, never more.
 """
 
+import collections
 import contextlib
 import ctypes
 import os
-from dataclasses import dataclass
 
 COMPRESSIONS = ("gz", "xz", "bz2", "lz4", "zst")
 BUFFER = 32768
@@ -64,14 +64,9 @@ class PackageError(Exception):
     """The package is damaged. What is wrong has been reported."""
 
 
-@dataclass
-class Entry:
-    """A member of control.tar.* or data.tar.*. `path` has no "./" or "/" in front."""
-
-    path: str
-    mode: int
-    size: int
-    link: str  # target of a symbolic link, else empty
+# A member of control.tar.* or data.tar.*. The path has no "./" or "/" in front; the link is the target of a symbolic
+# link, else empty.
+Entry = collections.namedtuple("Entry", "path mode size link")
 
 
 class PackageFile:

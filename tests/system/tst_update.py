@@ -16,7 +16,7 @@ INTERFACE = "good/30-user-interface_3.1.0.ipk"
 BOARD_FIRMWARE = "good/40-control-board-firmware_4.1.3.ipk"
 GOOD = [BASE, "good/20-drink-recipes_2.0.1.ipk", INTERFACE, BOARD_FIRMWARE]
 INSTALLED = ["control-board-firmware 4.1.3", "drink-recipes 2.0.1", "machine-base 1.2.0", "user-interface 3.1.0"]
-BASE = ["machine-base 1.2.0"]
+INSTALLED_BASE = ["machine-base 1.2.0"]
 NOTES = pathlib.Path("/root/notes.txt")
 
 
@@ -73,9 +73,9 @@ def failingPackageStopsTheRest(machine):
     start_quick_board(machine)
     start_on_screen(machine)
 
-    await_failure(machine, 256, 1)
+    await_failure(machine, 65280, 1)
     await_colour(machine, RED, TIPS)
-    same(BASE, machine.packages.installed())
+    same(INSTALLED_BASE, machine.packages.installed())
     same(2, len(machine.calls()))
     assert not machine.board.saw("version query")
     assert machine.program.is_running
@@ -86,8 +86,8 @@ def brokenPackageStopsTheRest(machine):
     start_quick_board(machine)
     machine.program.start()
 
-    await_failure(machine, 256, 1)
-    same(BASE, machine.packages.installed())
+    await_failure(machine, 65280, 1)
+    same(INSTALLED_BASE, machine.packages.installed())
     same(2, len(machine.calls()))
     assert not machine.board.saw("version query")
 
