@@ -34,7 +34,7 @@ def consoles():
     folder = pathlib.Path(os.environ["FAULT_MACHINES"])
     for row in KNOWN.rows:
         text = (folder / row.name.replace("/", "-") / "program.log").read_text(encoding="utf-8", errors="replace")
-        lines = [line for line in text.splitlines() if not line.startswith("screenprobe: ")]
+        lines = [line for line in text.splitlines() if not line.startswith("probe: ")]
         if lines:
             yield row, lines
 

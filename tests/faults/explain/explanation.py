@@ -44,6 +44,8 @@ def phases_of(run):
         return {"failed"} if status else {"installed"} if index + 1 >= count else {"installing"}
     if run.own:
         return {"installed", "image"}
+    if run.kills and not run.has_start:
+        return {"none", "installing"}  # the installer of the earlier instance may print on
     if run.begun or run.staged:
         return {"installing"}
     if not run.has_start:
