@@ -15,7 +15,7 @@ import table
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
 # A row mostly waits for the serial line, so many machines run at a time; emulated programs need the processor.
-MACHINES_PER_CORE = 4 if os.environ.get("UPDATE_ASSISTANT_EMULATOR") else 16
+MACHINES_PER_CORE = 4 if os.environ.get("UPDATE_ASSISTANT_EMULATOR") else 8
 
 
 def parse_arguments():
