@@ -16,7 +16,7 @@ private slots:
 
 namespace {
 
-constexpr qint64 kMostToFill = 1024 * 1024;
+constexpr qint64 kMostToFill = qint64{1024} * 1024;
 constexpr qint64 kPage = 4096; // what the disk gives away at once
 
 /// Leaves `room` bytes of the disk with the temporary files while it lives.
