@@ -48,18 +48,19 @@ def locked():
     """Keeps other calls out. Raises Failure when one is at work."""
     try:
         os.makedirs(os.path.dirname(LOCK), exist_ok=True)
-        with open(LOCK, "w", encoding="ascii") as file:
-            try:
-                fcntl.lockf(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
-            except OSError as fault:
-                system_error("opkg_lock", f"Could not lock {LOCK}", fault)
-                system_error("opkg_cmd_exec", "Command failed to capture privilege lock", fault)
-                raise Failure from fault
-            yield
-            os.unlink(LOCK)
+        file = open(LOCK, "w", encoding="ascii")
     except OSError as fault:
         system_error("opkg_lock", f"Could not create lock file {LOCK}", fault)
         raise Failure from fault
+    with file:
+        try:
+            fcntl.lockf(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except OSError as fault:
+            system_error("opkg_lock", f"Could not lock {LOCK}", fault)
+            system_error("opkg_cmd_exec", "Command failed to capture privilege lock", fault)
+            raise Failure from fault
+        yield
+        os.unlink(LOCK)
 
 
 class Installer:
@@ -422,8 +423,11 @@ class Installer:
         """Without room for it the database is empty afterwards, and nobody is told."""
         if not self._is_changed:
             return
-        os.makedirs(os.path.dirname(DATABASE), exist_ok=True)
-        _write(DATABASE, "".join(map(_stanza, self._packages.values())))
+        try:
+            os.makedirs(os.path.dirname(DATABASE), exist_ok=True)
+            _write(DATABASE, "".join(map(_stanza, self._packages.values())))
+        except OSError as fault:
+            system_error("opkg_conf_write_status_files", f"Can't open status file /{DATABASE}", fault)
 
 
 def _write(path, text):
