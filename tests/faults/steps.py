@@ -1,5 +1,6 @@
 """The steps that `before` and `during` of a row can call."""
 
+import os
 import pathlib
 import re
 import shlex
@@ -12,7 +13,7 @@ from machine.watch import same_content, text_of
 
 HOOKS = paths.STATE / "hooks"  # scripts that run before the commands of the same name
 TOOLS = paths.STATE / "tools"  # the commands of the PATH, without the forgotten one
-INSTALLING = paths.STATE / "installing"  # created by a slow package
+INSTALLING = paths.STATE / "installing"  # the process of a slow package's script
 GO = paths.STATE / "go"  # ends a slow package
 
 
@@ -148,6 +149,17 @@ fi""")
     def let_installer_end(self):
         """Ends the wait of a slow package."""
         GO.touch()
+
+    def kill_package_manager(self):
+        """Kills it, but not the script that it has started. Returns when the shell that called it has said so."""
+        for name in pathlib.Path("/proc").glob("[0-9]*/comm"):
+            if text_of(name) == "opkg\n":
+                os.kill(int(name.parent.name), signal.SIGKILL)
+        self.await_line(paths.PROGRAM_LOG, "^Killed$")
+
+    def kill_script(self):
+        """Kills the script of a slow package."""
+        os.kill(int(INSTALLING.read_text(encoding="ascii")), signal.SIGKILL)
 
     # Waiting and inspection.
 
