@@ -10,6 +10,7 @@ import errno
 import fcntl
 import glob
 import os
+import re
 import sys
 import time
 
@@ -451,8 +452,9 @@ def _write(path, text):
 
 
 def _text(path):
+    """The text of a file. A line ends at a NUL, too."""
     with open(path, encoding="utf-8", errors="surrogateescape") as file:
-        return file.read()
+        return re.sub("\0.*", "", file.read())
 
 
 @contextlib.contextmanager
@@ -496,7 +498,7 @@ def _read_database():
         package = Package(fields, status=status, by_user=by == "user")
         package.installed_size = int(fields.get("Installed-Size", 0))
         package.installed_time = int(fields.get("Installed-Time", 0))
-        package.conffiles = dict(line.split() for line in fields.get("Conffiles", "").splitlines() if line.strip())
+        package.conffiles = dict(re.findall(r"^ (\S+) (\S+)$", fields.get("Conffiles", ""), re.MULTILINE))
         yield package
 
 
