@@ -10,6 +10,7 @@ import errno
 import fcntl
 import glob
 import os
+import re
 import sys
 import time
 
@@ -72,13 +73,14 @@ class Installer:
         self._force_overwrite = force_overwrite
         self._architectures = {line.split()[1] for line in _text(SETTINGS).splitlines() if line.startswith("arch ")}
         self._packages = {package.name: package for package in _read_database()}
-        self._owners = self._read_owners()
+        self._owners = {}  # path: name of the package
         self._is_changed = False
 
     # ------------------------------------------------------------------ verbs
 
     def install(self, paths):
         """Installs package files. Returns the exit status."""
+        self._read_owners()
         try:
             files = [self._prepare(path) for path in paths]
         except (Failure, PackageError):
@@ -99,6 +101,7 @@ class Installer:
     def remove(self, names):
         """Removes packages. Returns the exit status."""
         status, removed = 0, False
+        self._read_owners()
         for name in names:
             package = self._packages.get(name)
             if not package:
@@ -119,10 +122,12 @@ class Installer:
                 status = FAILED
                 break
             self._remove_files(package)
-            self._run_script(package, "postrm", "remove")
+            if self._run_script(package, "postrm", "remove"):
+                status = FAILED
+            else:
+                removed = True
             self._remove_scripts(package)
             del self._packages[name]
-            removed = True
         if not removed:
             notice("No packages removed.")
         self._write_database()
@@ -299,7 +304,7 @@ class Installer:
     def _remove_obsolete(self, old, paths):
         """What the old version has and the new one has not."""
         failed = False
-        for path in self._list(old.name):
+        for path in self._list(old):
             if path in paths or os.path.isdir(path) or self._owners.get(path) != old.name:
                 continue
             notice(f"Removing obsolete file {path}.")
@@ -314,7 +319,7 @@ class Installer:
     def _remove_files(self, package):
         """Those that are still its own."""
         folders = []
-        for path in self._list(package.name):
+        for path in self._list(package):
             if not path or self._owners.get(path) != package.name:
                 continue
             if os.path.isdir(path) and not os.path.islink(path):
@@ -405,13 +410,19 @@ class Installer:
 
     # ------------------------------------------------------------------ the database
 
-    def _list(self, name):
-        """The paths of a package, as its list has them."""
-        path = f"{INFO}{name}.list"
-        return [line.split("\t")[0] for line in _text(path).splitlines()] if os.path.exists(path) else []
+    def _list(self, package):
+        """The paths of a package, as its list has them. A kill amid an upgrade leaves none."""
+        path = f"{INFO}{package.name}.list"
+        try:
+            return [line.split("\t")[0] for line in _text(path).splitlines()]
+        except OSError as fault:
+            if package.status != "half-installed":
+                system_error("pkg_get_installed_files", f"Failed to open {path}", fault)
+            return []
 
     def _read_owners(self):
-        return {path: name for name in self._packages for path in self._list(name)}
+        self._owners = {path: package.name for package in self._packages.values() if package.is_there
+                        for path in self._list(package)}
 
     def _write_list(self, package, files):
         # The folder of all files has no name in the list. The next version takes it for an obsolete file.
@@ -441,8 +452,9 @@ def _write(path, text):
 
 
 def _text(path):
+    """The text of a file. A line ends at a NUL, too."""
     with open(path, encoding="utf-8", errors="surrogateescape") as file:
-        return file.read()
+        return re.sub("\0.*", "", file.read())
 
 
 @contextlib.contextmanager
@@ -486,7 +498,7 @@ def _read_database():
         package = Package(fields, status=status, by_user=by == "user")
         package.installed_size = int(fields.get("Installed-Size", 0))
         package.installed_time = int(fields.get("Installed-Time", 0))
-        package.conffiles = dict(line.split() for line in fields.get("Conffiles", "").splitlines() if line.strip())
+        package.conffiles = dict(re.findall(r"^ (\S+) (\S+)$", fields.get("Conffiles", ""), re.MULTILINE))
         yield package
 
 

@@ -1,27 +1,34 @@
 """Reads package files (.ipk) as the package manager does, with libarchive.
 
 A package is an ar archive, or a gzip-compressed tar archive, of two more archives: control.tar.* and
-data.tar.*, compressed by gzip, xz, bzip2, lz4 or zstd. Everything is streamed: memory does not grow with
-the package. Nothing is trusted: a damaged package gives a message and an exception, never more.
+data.tar.*, compressed once by gzip, xz, bzip2, lz4 or zstd. Everything is streamed: memory does not grow with
+the package. Nothing is trusted: a damaged package gives a message and an exception, never more. An xz archive can
+ask for a dictionary of 1 GB; where the process may not have that, the package counts as damaged.
 """
 
 import collections
 import contextlib
 import ctypes
+import errno
 import os
 
 COMPRESSIONS = ("gz", "xz", "bz2", "lz4", "zst")
 BUFFER = 32768
+PIECE = 4096  # of a compressed archive: small, as it can unpack to a million times more before the limit is looked at
 CONTROL_LIMIT = 1024 * 1024  # bytes of a control file
+PART_LIMIT = 16 * 1024 * 1024  # bytes of control.tar; also of the outer archive, beside OUTER_RATIO times the file
+OUTER_RATIO = 4  # its members are compressed
 # Owner, permissions and times as the package says; a file that is there is removed first.
 AS_PACKAGED = 0x01 | 0x02 | 0x04 | 0x08 | 0x10
 
-ARCHIVE_OK, ARCHIVE_EOF, ARCHIVE_WARN = 0, 1, -20
+ARCHIVE_OK, ARCHIVE_EOF, ARCHIVE_WARN, ARCHIVE_FATAL = 0, 1, -20, -30
 _pointer, _text, _number, _size = ctypes.c_void_p, ctypes.c_char_p, ctypes.c_int, ctypes.c_ssize_t
 _OPEN = ctypes.CFUNCTYPE(_number, _pointer, _pointer)
 _READ = ctypes.CFUNCTYPE(_size, _pointer, _pointer, ctypes.POINTER(_pointer))
 _FUNCTIONS = {  # result, arguments
     "errno": (_number, _pointer),
+    "filter_bytes": (ctypes.c_int64, _pointer, _number),
+    "filter_count": (_number, _pointer),
     "error_string": (_text, _pointer),
     "entry_hardlink": (_text, _pointer),
     "entry_mode": (ctypes.c_uint, _pointer),
@@ -36,7 +43,7 @@ _FUNCTIONS = {  # result, arguments
     "read_new": (_pointer,),
     "read_next_header": (_number, _pointer, ctypes.POINTER(_pointer)),
     "read_open": (_number, _pointer, _pointer, _OPEN, _READ, _OPEN),
-    "read_open_filename": (_number, _pointer, _text, ctypes.c_size_t),
+    "set_error": (None, _pointer, _number, _text),
     "write_disk_new": (_pointer,),
     "write_disk_set_options": (_number, _pointer, _number),
     "write_disk_set_standard_lookup": (_number, _pointer),
@@ -73,11 +80,12 @@ class PackageFile:
     """A package file at a path.
 
     Messages go to report(function, text), with the names and the words of the package manager; the warnings, which
-    do not stop it, to warn(text).
+    do not stop it, to warn(text). The bytes to which the data unpacks are limited to `data_limit`, if that is given.
     """
 
-    def __init__(self, path, report, warn):
+    def __init__(self, path, report, warn, data_limit=None):
         self.path = str(path)
+        self._data_limit = data_limit
         self._report = report
         self._warn = warn
 
@@ -95,7 +103,11 @@ class PackageFile:
         raise PackageError
 
     def entries(self, part="data"):
-        """Yields the entries of the part, "control" or "data". Raises PackageError."""
+        """Yields the entries of the part, "control" or "data". Raises PackageError.
+
+        An entry comes before its content is unpacked: whoever stops there does not wait for a huge one. A sparse
+        entry can hide its size; only `data_limit` helps there.
+        """
         with self._open(part, "pkg_extract_data_file_names_to_stream") as archive:
             while True:
                 entry = self._next(archive, may_end=True)
@@ -170,16 +182,24 @@ class PackageFile:
         """The archive of the part. Its compression is found by its name, one after the other."""
         with contextlib.ExitStack() as stack:
             for compression in COMPRESSIONS:
-                archive = self._open_inner(f"{part}.tar.{compression}".encode(), stack)
+                limit = PART_LIMIT if part == "control" else self._data_limit
+                archive = self._open_inner(f"{part}.tar.{compression}".encode(), limit, stack)
                 if archive:
                     yield archive
                     return
             self._report(function, f"Failed to extract {part}.tar.* from package '{self.path}'.")
             raise PackageError
 
-    def _open_inner(self, name, stack):
-        outer = stack.enter_context(_opened(("ar", "tar"), ("gzip",)))
-        if _archive.read_open_filename(outer, os.fsencode(self.path), BUFFER) != ARCHIVE_OK:
+    def _open_inner(self, name, limit, stack):
+        try:
+            file = stack.enter_context(open(self.path, "rb", buffering=0))
+            size = os.fstat(file.fileno()).st_size
+        except OSError as fault:
+            self._report("open_outer", f"Failed to open package '{self.path}': {fault.strerror} (errno={fault.errno})")
+            return None
+        outer, is_open = stack.enter_context(_opened(
+            file.readinto, PART_LIMIT + OUTER_RATIO * size, ("ar", "tar"), ("gzip",)))
+        if not is_open:
             self._report("open_outer", f"Failed to open package '{self.path}': {_why(outer)}")
             return None
         while True:
@@ -188,30 +208,44 @@ class PackageFile:
                 return None
             if _relative(_archive.entry_pathname(entry)) == name:
                 break
-        buffer = ctypes.create_string_buffer(BUFFER)
-
-        def read(_, _context, block):
-            block[0] = ctypes.addressof(buffer)
-            return _archive.read_data(outer, buffer, BUFFER)
-
-        callbacks = (_OPEN(lambda *_: 0), _READ(read), _OPEN(lambda *_: 0))
-        stack.callback(lambda _: None, callbacks)  # they must outlive the archive that calls them
-        inner = stack.enter_context(_opened(("tar", "empty"), ("gzip", "xz", "bzip2", "lz4", "zstd")))
-        if _archive.read_open(inner, None, *callbacks) != ARCHIVE_OK:
+        inner, is_open = stack.enter_context(_opened(
+            lambda buffer: _archive.read_data(outer, buffer, PIECE), limit,
+            ("tar", "empty"), ("gzip", "xz", "bzip2", "lz4", "zstd")))
+        if not is_open:
             self._report("open_inner", f"Failed to open inner archive: {_why(inner)}")
+            return None
+        if _archive.filter_count(inner) > 2:  # the compression, and the one that is none
+            self._report("open_inner", "Failed to open inner archive: it is compressed more than once")
             return None
         return inner
 
 
 @contextlib.contextmanager
-def _opened(formats, filters):
+def _opened(fill, limit, formats, filters):
+    """An archive, and whether it could be opened. Its bytes come from fill(buffer), which returns their number; it
+    may unpack to `limit` bytes."""
     archive = _archive.read_new()
+    buffer = ctypes.create_string_buffer(PIECE)
+
+    def read(_, _context, block):
+        block[0] = ctypes.addressof(buffer)
+        if limit is not None and _archive.filter_bytes(archive, 0) > limit:
+            _archive.set_error(archive, errno.EFBIG, b"It is too large")
+            return ARCHIVE_FATAL
+        try:
+            return fill(buffer)
+        except OSError as fault:  # the library would not see it
+            _archive.set_error(archive, fault.errno, b"Error reading")
+            return ARCHIVE_FATAL
+
+    # They must outlive the archive, which calls them.
+    callbacks = (_OPEN(lambda *_: 0), _READ(read), _OPEN(lambda *_: 0))
     try:
         for name in formats:
             getattr(_archive, f"read_support_format_{name}")(archive)
         for name in filters:
             getattr(_archive, f"read_support_filter_{name}")(archive)
-        yield archive
+        yield archive, _archive.read_open(archive, None, *callbacks) == ARCHIVE_OK
     finally:
         _archive.read_free(archive)
 

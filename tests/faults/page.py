@@ -11,7 +11,6 @@ PAGE = pathlib.Path(__file__).resolve().parents[2] / "docs/failures.md"
 RULES = PAGE.with_name("packages.md")
 COLOURS = {"#ffffff": "white", "#ffff00": "yellow", "#ff0000": "red", "#008000": "green"}
 # Beginnings of the output lines that distinguish failures; an update without a failure prints the others too.
-BROKEN = "broken in green"  # advice of the rows whose success is none
 TELLING = ("[error]", "[NAK]", "[CA]", "ERROR: ", "select error")
 
 HEAD = """\
@@ -46,7 +45,7 @@ def sections(data):
     for screen in (*data["screens"], ""):
         advices = {}
         for row in data["rows"]:
-            if row.final_screen == screen and row.advice != BROKEN and not row.fault.startswith("none"):
+            if row.final_screen == screen and row.advice not in table.BROKEN and not row.fault.startswith("none"):
                 advices.setdefault(row.advice, {}).setdefault(telling_lines(row, data), []).append(row)
         if advices:
             yield screen, advices
@@ -137,13 +136,14 @@ def quoted(lines):
 
 def broken_in_green(data):
     """The section about a success that the screen shows although files are broken."""
-    rows = [row for row in data["rows"] if row.advice == BROKEN]
-    by_console = {}
-    for row in rows:
-        by_console.setdefault(telling_lines(row, data), []).append(row)
-    return ["## Green is not proof", "", "The screen shows the success in green in these cases, although a file is broken. "
-            "Only the console tells.", "", *advice_lines(BROKEN, by_console, data),
-            "What the builder of a package does against it: [packages.md](packages.md#room).", ""]
+    lines = ["## Green is not proof", "", "The screen shows the success in green in these cases, although a package is "
+             "broken. Only the console tells, if anything does.", ""]
+    for advice in table.BROKEN:
+        by_console = {}
+        for row in (row for row in data["rows"] if row.advice == advice):
+            by_console.setdefault(telling_lines(row, data), []).append(row)
+        lines += advice_lines(advice, by_console, data)
+    return [*lines, "What the builder of a package does against it: [packages.md](packages.md#room).", ""]
 
 
 def page():

@@ -79,6 +79,13 @@ if [[ $* == $pattern ]] && echo >>{calls} && [ "$(wc -l <{calls})" -eq {call} ];
     {lines}
 fi""")
 
+    def strike_while_unpacking(self, arguments, size, lines=""):
+        """Kills the package manager once, when a file that it unpacks has `size` bytes. Shell lines run after that."""
+        self.strike("opkg", arguments, f"""\
+    {{ (ulimit -c 0 -f {size // 1024}; exec env --default-signal=XFSZ "$real" "$@") 2>&3; }} 3>&2 2>/dev/null
+    {lines}
+    kill -9 $$""")
+
     def forget(self, command):
         """Removes the command from the PATH. Returns the path for a replacement."""
         TOOLS.mkdir()

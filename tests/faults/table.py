@@ -6,6 +6,8 @@ import tomllib
 from dataclasses import dataclass, field
 
 TABLE = pathlib.Path(__file__).with_name("table.toml")
+SOUND = ("done", "harmless")  # advice of the rows after which there is nothing to do
+BROKEN = ("broken in green", "repeat the earlier update")  # advice of the rows whose success is none
 
 
 @dataclass
@@ -18,6 +20,7 @@ class Row:
     advice: str  # key of [advice]: the remedy
     where: str = ""  # the step of the update at which it occurs
     why: str = ""  # the reason, if the outcome is surprising but intended
+    tries: str = ""  # key of [advice]: the remedy that the steps of this row try, with success
 
     machine: list = field(default_factory=list)  # options of sandbox/run
     staged: list = field(default_factory=list)  # package files in /tmp/ota
@@ -75,7 +78,19 @@ def load(path=TABLE):
     twice = {name for name in names if names.count(name) > 1}
     if twice:
         raise TableError(f"more than one row is named {', '.join(sorted(twice))}")
+    _check_tries(table)
     return table
+
+
+def _check_tries(table):
+    """A remedy for packages must have been tried, with success."""
+    for row in table["rows"]:
+        if row.tries and (row.tries not in table["advice"] or row.advice != "done"):
+            raise TableError(f"{row.name}: tries {row.tries}, which is no advice or does not end in the success")
+    tried = {row.tries for row in table["rows"]}
+    for row in table["rows"]:
+        if (row.area == "packages" or row.advice in BROKEN) and row.advice not in (*SOUND, *tried):
+            raise TableError(f"{row.name}: no row tries the advice {row.advice}")
 
 
 def _expanded(table):

@@ -25,6 +25,7 @@ TELLING = re.compile(r"\[(?:YModem|info|error|NAK|CA)\]|Filename: |Filesize: |ER
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
 
 from explain import Knowledge, explain, report
+from explain.explanation import PHASES
 
 KNOWN = Knowledge.load()
 
@@ -253,6 +254,33 @@ def twoFailuresAreBothTold(_folder):
         assert any(fault in told for fault in faults), told
     later = " ".join(report(explained([*failing(first), *GOOD[:10]])).split())
     assert "Earlier runs:" in later and "the preinst fails" in later and "first data block" in later, later
+
+
+def everyScreenHasItsPhase(_folder):
+    """A new screen needs a line in PHASES of explanation.py, or its rows fit every console."""
+    same({"", *KNOWN.screens}, set(PHASES))
+
+
+def anUpgradeThatWasCutOffIsToldUntilItIsRepeated(_folder):
+    """The package manager says at each call which packages have lost their list."""
+    def lost(name):
+        return f" * pkg_get_installed_files: Failed to open //var/lib/opkg/info/{name}.list: No such file or directory."
+
+    def update(*packages, lost_ones):
+        lines = [*START]
+        for index, name in enumerate(packages):
+            lines += [*map(lost, lost_ones), f"Upgrading {name} from 1.0 to 2.0 on root.",
+                      f"qml: result: 0    index: {index}  ipkList.length: {len(packages)}"]
+            lost_ones = [other for other in lost_ones if other != name]
+        return explained([*lines, *GOOD[5:]])
+
+    row = "upgrade-cut-off-then-firmware"
+    for packages, lost_ones in (("milk",), ("beans",)), (("milk", "cups"), ("beans",)), (("milk",), ("milk", "beans")):
+        found = update(*packages, lost_ones=lost_ones)
+        same(("failed", row), (found.verdict, names(found)[0]))
+    for packages in ("beans",), ("milk", "beans"), ("beans", "milk"):
+        found = update(*packages, lost_ones=["beans"])
+        assert found.verdict == "good" and row not in names(found), names(found)
 
 
 def listingsTellHowFarItCame(_folder):

@@ -10,7 +10,7 @@ STATUS = {GOOD: 0, FAILED: 1, UNDECIDED: 1, UNKNOWN: 2}
 FORMAT = 1
 MOST_OTHERS = 3  # rows named for another trouble
 
-# How far the program is when a screen is the last one. A screen that is not here fits everywhere.
+# How far the program is when a screen is the last one. Each screen of the table has a line here.
 PHASES = {
     "": {"none"},
     "status": {"none"},
@@ -100,7 +100,7 @@ class Explained:
                 continue
             cost = results_cost(row, run) + own_cost(row, run, self._has_end, owns)
             if cost < NEVER:
-                cost += OTHER_PHASE * (row.screen in PHASES and not PHASES[row.screen] & self.phases)
+                cost += OTHER_PHASE * PHASES[row.screen].isdisjoint(self.phases)
                 cost += MISSING_TEXT * sum(text not in self._found for text in row.also)
                 cost += OTHER_TEXT * len(list(self._other_texts(row)))
                 cost += LESS_EXACT * sum(exact not in row.also and any(text in exact for text in found.intersection(row.also))

@@ -37,7 +37,9 @@ def canonical(line):
         if count > 3:
             number, count = 1 if number == 1 else 3 if number == count else 2, 3
         return f"{block[1]}({number}/{count})."
-    return SIZE.sub("Filesize: #", LENGTH.sub("(len = #)", line))
+    if "(len = " in line:
+        line = LENGTH.sub("(len = #)", line)
+    return "Filesize: #" if SIZE.match(line) else line
 
 
 class Pattern:
