@@ -105,11 +105,12 @@ def inspect(folder, settings=Settings()):
     findings += room.findings(packages, settings.installed, settings.room)
     image, own = firmware.find(packages)
     findings += own
-    too_much = room.total(packages)
-    if too_much:
-        findings.append(too_much)
-    may_run = not (too_much or found.is_too_much or any(package.is_too_much for package in packages))
-    return Inspection(found.kind, found.staging, packages, _sorted(findings, packages), image, may_run, found.has_image)
+    is_too_much = found.is_too_much or any(package.is_too_much for package in packages)
+    if not is_too_much:
+        total = list(room.total(packages))
+        findings += total
+        is_too_much = bool(total)
+    return Inspection(found.kind, found.staging, packages, _sorted(findings, packages), image, not is_too_much, found.has_image)
 
 
 def _package(file, path, facts):

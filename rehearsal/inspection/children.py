@@ -96,6 +96,7 @@ def _work(function, item, writer):
         resource.setrlimit(resource.RLIMIT_AS, (used + MEMORY, used + MEMORY))
         resource.setrlimit(resource.RLIMIT_CPU, (PROCESSOR_SECONDS, PROCESSOR_SECONDS))
         resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+        resource.setrlimit(resource.RLIMIT_FSIZE, (0, 0))  # no file is written
         data = json.dumps(function(item)).encode()
         while data:
             data = data[os.write(writer, data):]

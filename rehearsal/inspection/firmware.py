@@ -45,8 +45,8 @@ def find(packages):
 
 
 def _without(packages):
-    if any(map(scripts.brings_firmware, packages)):
-        return
+    if any(scripts.brings_firmware(package) or not package.is_readable for package in packages):
+        return  # it may be there
     beside = [(package.file, path) for package in packages for path in package.beside_firmware]
     if beside:
         file, path = beside[-1]

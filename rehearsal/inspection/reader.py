@@ -12,12 +12,12 @@ import stat
 from ipk.packagefile import COMPRESSIONS, CONTROL_LIMIT
 from ipk.walk import Damage, Walk
 
-from . import program
+from . import integrity, program
 from .control import read_control
 from .words import error, shown, some, warning
 
 UNPACKED = 2 * 1024 ** 3  # bytes of a package, and of all of them
-ENTRIES = 200_000
+ENTRIES = 100_000
 OUTER_MEMBERS = 100
 CONTROL_UNPACKED = 16 * 1024 ** 2
 CONTROL_ENTRIES = 1000
@@ -29,7 +29,7 @@ PARTS = {f"{part}.tar.{compression}": part for part in ("control", "data") for c
 NEW_COPY = "Build the package again, and compare the file on the stick with what you have built."
 
 # What an entry may be that a package of ours has no use for.
-KINDS = {stat.S_IFCHR: "a device node", stat.S_IFBLK: "a device node", stat.S_IFIFO: "a FIFO", stat.S_IFSOCK: "a socket"}
+KINDS = {stat.S_IFCHR: "device", stat.S_IFBLK: "device", stat.S_IFIFO: "special", stat.S_IFSOCK: "special"}
 
 # Places at which a file of a package does harm, or is lost.
 PLACES = [
@@ -42,6 +42,7 @@ PLACES = [
      f"is not used: the program sends {program.FIRMWARE} and then deletes everything in that folder",
      f"Name the firmware {program.FIRMWARE_FILE}, or put the file to another place."),
 ]
+PLACE = re.compile("|".join(place[0] for place in PLACES))
 
 
 class _TooMuch(Exception):
@@ -61,6 +62,7 @@ class _Reading:
         self._findings = []
         self._seen = {}  # kinds of findings about entries: their paths
         self._names = []  # of the parts that were read
+        self._places = {}  # of the members of an ar archive: start, end, compression
         self._folders = sorted(folders, key=len, reverse=True)
         self._links = set()
         self._known = set()  # hashes of the paths of files
@@ -76,6 +78,7 @@ class _Reading:
             else:
                 self._read()
                 self._follow_firmware()
+                self._check_gzip()
         except Damage as damage:
             self._report_damage(damage)
         except OSError as fault:
@@ -91,19 +94,48 @@ class _Reading:
         self._findings.append(level(self._file, f"{shown(self._file)} {text}.", do))
 
     def _report_damage(self, damage):
-        where = f"in its member {shown(damage.member)}, " if damage.member else ""
-        self._complain(error, f"is damaged {where}at byte {damage.offset} of the file: {shown(damage.why)}. The package manager "
-                       "refuses it, and the update ends there", NEW_COPY)
+        member, offset, why = damage.member, damage.offset, damage.why
+        size = self._path.stat().st_size
+        if self._is_gzip():
+            member = member or integrity.member_at_fault(self._path, size)
+            found = integrity.fault(self._path, 0, size, "gz")
+            offset, why = found or (offset, why)
+        else:
+            start, end, compression = self._places.get(member, (0, 0, None))
+            found = compression in integrity.DECODERS and offset < size and integrity.fault(
+                self._path, start, end, compression)
+            offset = found.offset if found else offset
+        self._complain_of_damage(member, offset, why, "The package manager refuses it, and the update ends there")
+
+    def _complain_of_damage(self, member, offset, why, consequence):
+        where = f"in its member {shown(member)}, " if member else ""
+        self._complain(error, f"is damaged {where}at byte {offset} of the file: {shown(why)}. {consequence}", NEW_COPY)
+
+    def _is_gzip(self):
+        with open(self._path, "rb") as file:
+            return file.read(2) == b"\x1f\x8b"
+
+    def _check_gzip(self):
+        """The package manager does not notice every damage."""
+        places = [("", 0, self._path.stat().st_size)] if self._is_gzip() else [
+            (name, start, end) for name, (start, end, compression) in self._places.items() if compression == "gz"]
+        for name, start, end in places:
+            found = integrity.fault(self._path, start, end, "gz")
+            if found:
+                self._complain_of_damage(name, *found, "The package manager does not notice it, and installs damaged files")
 
     # ------------------------------------------------------------------ the package file
 
     def _read(self):
-        others = []
+        others, size = [], 0
         with Walk(self._path) as walk:
             for count, member in enumerate(walk.members()):
-                if count == OUTER_MEMBERS:
-                    raise _TooMuch(f"{OUTER_MEMBERS} members")
+                size += max(member.size, 0)
+                if count == OUTER_MEMBERS or size > UNPACKED:
+                    raise _TooMuch(f"{OUTER_MEMBERS} members, or {UNPACKED} bytes")
                 part = PARTS.get(member.name)
+                if member.offset is not None:
+                    self._places[member.name] = (member.offset, member.offset + member.size, member.name.rpartition(".")[2])
                 if part is None:
                     others.append(member.name)
                 elif part in (PARTS[name] for name in self._names):
@@ -126,7 +158,9 @@ class _Reading:
             self._facts["control_unpacked"] += _on_disk(entry.size)
             if count >= CONTROL_ENTRIES or self._facts["control_unpacked"] > CONTROL_UNPACKED:
                 raise _TooMuch(f"its control.tar has {CONTROL_ENTRIES} entries, or {CONTROL_UNPACKED} bytes")
-            self._look_at(entry, "control")
+            self._note_all(_faults_of_any(entry), entry)
+            if stat.S_IFMT(entry.mode) not in (stat.S_IFREG, stat.S_IFDIR) or entry.hardlink:
+                self._note_all(["control link"], entry)
             if not stat.S_ISREG(entry.mode) or entry.hardlink:
                 continue
             if entry.path == "control" and text is None:
@@ -149,12 +183,17 @@ class _Reading:
                 raise _TooMuch(f"{ENTRIES} entries")
             if self._facts["unpacked"] > UNPACKED or size < 0:
                 raise _TooMuch(f"{UNPACKED} bytes")
-            self._look_at(entry, "data")
-            self._count_room(entry, size)
-            self._look_for_firmware(walk, entry)
+            path = os.path.normpath("/" + entry.path)
+            self._note_all(_faults_of_any(entry), entry)
+            self._note_all(_faults_of_data(entry, path, self._links, self._known), entry)
+            self._known.add(hash(path))
+            if entry.link:
+                self._links.add(path)
+            self._count_room(path, size)
+            if path.startswith(program.FIRMWARE_FOLDER):
+                self._look_for_firmware(walk, entry, path)
 
-    def _count_room(self, entry, size):
-        path = os.path.normpath("/" + entry.path)
+    def _count_room(self, path, size):
         for folder in self._folders:
             if folder == "/" or path == folder or path.startswith(folder.rstrip("/") + "/"):
                 self._facts["below"][folder] += _on_disk(size)
@@ -162,12 +201,10 @@ class _Reading:
 
     # ------------------------------------------------------------------ the firmware
 
-    def _look_for_firmware(self, walk, entry):
-        path = os.path.normpath("/" + entry.path)
+    def _look_for_firmware(self, walk, entry, path):
         if path == program.FIRMWARE:
             self._facts["firmware"] = _firmware(walk, entry)
-        elif path.startswith(program.FIRMWARE_FOLDER) and not stat.S_ISDIR(entry.mode) and len(
-                self._facts["beside_firmware"]) < 3:
+        elif not stat.S_ISDIR(entry.mode) and len(self._facts["beside_firmware"]) < 3:
             self._facts["beside_firmware"].append(path[:LONGEST_PATH])
 
     def _follow_firmware(self):
@@ -186,21 +223,13 @@ class _Reading:
 
     # ------------------------------------------------------------------ entries
 
-    def _note(self, kind, entry):
-        """Remembers the path for one finding about all entries of this kind."""
-        kept = self._seen.setdefault(kind, [0, []])
-        kept[0] += 1
-        if len(kept[1]) < 3:
-            kept[1].append(entry.raw[:LONGEST_PATH])
-
-    def _look_at(self, entry, part):
-        for kind in _faults_of(entry, part, self._links, self._known):
-            self._note(kind, entry)
-        if part == "data":
-            path = os.path.normpath("/" + entry.path)
-            self._known.add(hash(path))
-            if entry.link:
-                self._links.add(path)
+    def _note_all(self, kinds, entry):
+        """Remembers the path for one finding about all entries of each kind."""
+        for kind in kinds:
+            kept = self._seen.setdefault(kind, [0, []])
+            kept[0] += 1
+            if len(kept[1]) < 3:
+                kept[1].append(entry.raw[:LONGEST_PATH])
 
     def _report_entries(self):
         for kind, (count, paths) in self._seen.items():
@@ -257,24 +286,26 @@ _REPORTS = {
 } | {f"place {number}": place[1:] for number, place in enumerate(PLACES)}
 
 
-def _faults_of(entry, part, links, known):
-    """Yields the kinds of what is wrong with an entry."""
-    kind = stat.S_IFMT(entry.mode)
-    if not entry.raw:
+def _faults_of_any(entry):
+    """Yields the kinds of what is wrong with the path of an entry."""
+    raw = entry.raw
+    if not raw:
         yield "no name"
-    if ".." in entry.raw.split("/"):
+    if ".." in raw and ".." in raw.split("/"):
         yield "traversal"
-    if not all(one >= " " and one != "\x7f" for one in entry.raw):
+    if not raw.isprintable() and any(one < " " or one == "\x7f" for one in raw):
         yield "control characters"
-    if len(os.fsencode(entry.raw)) > LONGEST_PATH or any(len(os.fsencode(one)) > LONGEST_PART for one in entry.raw.split("/")):
+    if len(raw) * 4 > LONGEST_PART and (len(os.fsencode(raw)) > LONGEST_PATH or any(
+            len(os.fsencode(part)) > LONGEST_PART for part in raw.split("/"))):
         yield "too long"
-    if part == "control":
-        if kind not in (stat.S_IFREG, stat.S_IFDIR) or entry.hardlink:
-            yield "control link"
-        return
-    path = os.path.normpath("/" + entry.path)
+
+
+def _faults_of_data(entry, path, links, known):
+    """Yields the kinds of what is wrong with an entry of data.tar. `links` has the paths of links before it, `known`
+    the hashes of all paths before it."""
+    kind = stat.S_IFMT(entry.mode)
     if kind in KINDS:
-        yield "device" if "device" in KINDS[kind] else "special"
+        yield KINDS[kind]
     if kind == stat.S_IFREG and entry.mode & (stat.S_ISUID | stat.S_ISGID):
         yield "setuid"
     if entry.link and _leads_out(path, entry.link):
@@ -283,9 +314,8 @@ def _faults_of(entry, part, links, known):
         yield "foreign link"
     if links and any(str(parent) in links for parent in pathlib.PurePath(path).parents):
         yield "below a link"
-    for number, (expression, *_) in enumerate(PLACES):
-        if kind != stat.S_IFDIR and re.match(expression, path[1:]):
-            yield f"place {number}"
+    if kind != stat.S_IFDIR and PLACE.match(path, 1):
+        yield from (f"place {number}" for number, place in enumerate(PLACES) if re.match(place[0], path[1:]))
 
 
 def _leads_out(path, target):

@@ -79,9 +79,8 @@ def _installed_sizes(packages, installed, folder, room):
 
 
 def total(packages):
-    """A finding when all packages together unpack to more than the rehearsal takes, or None."""
+    """A finding when all packages together unpack to more than the rehearsal takes."""
     size = sum(package.installed_size for package in packages)
-    if size <= UNPACKED:
-        return None
-    return error("", f"The packages unpack to {size} bytes, and the rehearsal takes {UNPACKED}. The update is not run.",
-                 "Rehearse fewer packages at a time.")
+    if size > UNPACKED:
+        yield error("", f"The packages unpack to {size} bytes, and the rehearsal takes {UNPACKED}. The update is not run.",
+                    "Rehearse fewer packages at a time.")
