@@ -212,7 +212,7 @@ def summary(facts, page):
     errors = sum(finding["level"] == "error" for finding in findings)
     installed = sum(package["status"] == "installed" for package in facts["packages"])
     print(f"{'SUCCESS' if facts['verdict'] == 'success' else 'FAILURE'}: {installed} of {len(facts['packages'])} packages "
-          f"installed, {errors} errors, {len(findings) - errors} warnings")
+          f"installed, {counted(errors, 'error')}, {counted(len(findings) - errors, 'warning')}")
     for finding in findings[:MOST_FINDINGS]:
         package = f"{shown(finding['package'])}: " if finding["package"] and finding["package"] not in finding["text"] else ""
         print(f"  {finding['level']}: {package}{shown(finding['text'])}")
@@ -224,6 +224,10 @@ def summary(facts, page):
         print(f"  firmware: {facts['firmware']['size']} bytes, {facts['firmware']['seconds']:.0f} s on a real line")
     print(f"  report: {shown(page)}")
     return 0 if facts["verdict"] == "success" and not errors else 1
+
+
+def counted(number, what):
+    return f"{number} {what}" if number == 1 else f"{number} {what}s"
 
 
 if __name__ == "__main__":

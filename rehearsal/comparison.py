@@ -269,7 +269,7 @@ class Comparison:
             text += f" Its {script[2]} ended with status {script[3]}."
         elif end["outcome"] in ("package failed", "board failed") and self.why():
             text += f" The failure manual knows: {self.why()}."
-        return file, text, outcome.do
+        return file, text, self.remedy() if end["outcome"] == "board failed" and self.remedy() else outcome.do
 
     def at_fault(self):
         end = self.end

@@ -41,6 +41,7 @@ BOARD_OFF_S = 2  # of silence after a serial line that does not open
 SETTLED_S = 1  # of silence after the last word of the screen
 LONGEST_LINE = 4096
 PIECE = 1 << 20
+MOST_PIECES = 64  # read at a time
 LARGEST_FIRMWARE = 1 << 28
 
 RESULT = re.compile(r"^qml: result: (-?\d+)\s+index: (\d+)\s+ipkList\.length: (\d+)$")
@@ -70,24 +71,34 @@ def as_text(name):
 
 
 class Lines:
-    """The lines that a growing file has got, without keeping them."""
+    """The lines with one of the marks that a growing file has got. It may grow very fast."""
 
-    def __init__(self, path):
+    def __init__(self, path, *marks):
         self._path = path
+        self._marks = marks
         self._file = None
         self._rest = b""
 
     def new(self):
-        """The whole lines since the last call, cut at LONGEST_LINE."""
+        """Whether the file has grown since the last call, and the new lines with a mark."""
         if not self._file:
             try:
                 self._file = open(self._path, "rb")
             except FileNotFoundError:
-                return []
-        data = self._file.read(PIECE)
-        *lines, self._rest = (self._rest + data).split(b"\n")
-        self._rest = self._rest[:LONGEST_LINE]
-        return [line[:LONGEST_LINE].decode("utf-8", "replace") for line in lines]
+                return False, []
+        grown, found = False, []
+        for _ in range(MOST_PIECES):
+            data = self._file.read(PIECE)
+            if not data:
+                break
+            grown = True
+            data = self._rest + data
+            end = data.rfind(b"\n") + 1
+            whole, self._rest = data[:end], data[end:][:LONGEST_LINE]
+            if any(mark in whole for mark in self._marks):
+                found += [line[:LONGEST_LINE].decode("utf-8", "replace") for line in whole.split(b"\n")
+                          if any(mark in line for mark in self._marks)]
+        return grown, found
 
 
 class Watch:
@@ -96,8 +107,8 @@ class Watch:
     def __init__(self, display, started):
         self._display = display
         self._started = started
-        self._console = Lines(paths.PROGRAM_LOG)
-        self._transcript = Lines(paths.BOARD_LOG)
+        self._console = Lines(paths.PROGRAM_LOG, b"qml: result:", NO_LINE.encode())
+        self._transcript = Lines(paths.BOARD_LOG, b"-> block ")
         self._wanted = []  # pictures to be taken when the screen stands still
         self._pictures = set()
         self.frame = None
@@ -112,14 +123,12 @@ class Watch:
         return round(time.time() - self._started, 3)
 
     def poll(self):
-        for line in self._console.new():
-            self._sign()
-            self._read(line)
-        for line in self._transcript.new():
-            self._sign()
-            block = BLOCK.search(line)
-            if block:
-                tell("block", number=int(block[1]), of=int(block[2]), at=self.seconds())
+        for source, take in ((self._console, self._read), (self._transcript, self._tell_block)):
+            has_grown, lines = source.new()
+            if has_grown:
+                self._sign()
+            for line in lines:
+                take(line)
         frame = self._display.frame()
         self.is_still = frame == self.frame
         if not self.is_still:
@@ -140,6 +149,11 @@ class Watch:
             tell("result", status=status, index=index, of=self.count, at=self.seconds())
         elif NO_LINE in line:
             self.has_no_line = True
+
+    def _tell_block(self, line):
+        block = BLOCK.search(line)
+        if block:
+            tell("block", number=int(block[1]), of=int(block[2]), at=self.seconds())
 
     def _look(self):
         state = self.frame.tips, self.frame.is_success
