@@ -45,10 +45,7 @@ def rehearse(given):
     started, progress = time.time(), Progress(sys.stdout)
     progress.say("inspecting the packages")
     previous = inspect(given.installed, Settings("folder")) if given.installed else None
-    kind = "folder" if given.stick else "auto"
-    inspection = inspect(given.folder, settings(given, kind, previous))
-    if given.stick and inspection.kind == "folder" and has_stick_folder(given.folder):
-        inspection = inspect(given.folder, settings(given, "stick", previous))
+    inspection = inspect(given.folder, settings(given, previous))
     facts = comparison.first_facts(given, inspection, started)
     if inspection.may_run and (previous is None or previous.may_run):
         with Machine(given.build, needed(inspection, previous)) as machine:
@@ -64,13 +61,9 @@ def rehearse(given):
     return summary(facts, page)
 
 
-def settings(given, kind, previous):
-    return Settings(kind, architectures=(*host_architectures(), *given.architectures),
+def settings(given, previous):
+    return Settings(architectures=(*host_architectures(), *given.architectures),
                     installed=after(previous) if previous else {}, room=given.room)
-
-
-def has_stick_folder(folder):
-    return (pathlib.Path(folder) / "update_ipk").is_dir()
 
 
 def needed(inspection, previous):
@@ -176,9 +169,8 @@ def show(progress, event, inspection):
         progress.say(f"previous release: package {event['index'] + 1} of {event['of']}: {event['file']}")
     elif kind == "program":
         progress.say("the program has started")
-    elif kind == "package":
-        file = inspection.order[event["index"]] if event["index"] < count else "?"
-        progress.say(f"package {event['index'] + 1} of {count}: {file}")
+    elif kind == "package" and event["index"] < count:
+        progress.say(f"package {event['index'] + 1} of {count}: {inspection.order[event['index']]}")
     elif kind == "board":
         progress.say("control board")
     elif kind == "block":

@@ -44,6 +44,7 @@ class Set:
     verdict: str  # of the run alone: success or failure
     templates: dict
     findings: list = dataclasses.field(default_factory=list)  # all of them: level, package, part of the text
+    at_fault: str = None  # the package that the run's own error names; default: one of those in `findings`
     kind: str = "folder"
     installed: dict = dataclasses.field(default_factory=dict)  # the previous release, as in `put`
     stick: bool = False  # press the button
