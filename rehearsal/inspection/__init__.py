@@ -14,9 +14,6 @@ import dataclasses
 import itertools
 import pathlib
 import subprocess
-import sys
-
-sys.path[:0] = [str(pathlib.Path(__file__).resolve().parents[2] / "sandbox")]
 
 from . import children, firmware, folder as folders, order, reader, room, scripts
 from .firmware import Firmware

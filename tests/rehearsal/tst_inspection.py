@@ -4,6 +4,8 @@ import os
 import pathlib
 import random
 import resource
+import signal
+import subprocess
 import sys
 import time
 
@@ -12,7 +14,7 @@ sys.path.insert(0, str(PROJECT))
 
 import sets
 from facts import output, same
-from rehearsal.inspection import Settings, after, host_architectures, inspect, program
+from rehearsal.inspection import Settings, after, children, host_architectures, inspect, program
 
 
 def inspected(row, folder):
@@ -221,3 +223,33 @@ def scriptsThatEndTheUpdateAreFound(folder):
     found = {one.package.removesuffix(".ipk") for one in inspect(folder).findings if "would end the update" in one.text}
     same([], [line for number, line in enumerate(ENDING) if f"ending{number}" not in found])
     same([], [line for number, line in enumerate(HARMLESS) if f"harmless{number}" in found])
+
+
+def readersThatFailAreNotWaitedFor(folder):
+    """A process that crashes, eats memory, writes or is killed gives no result, and the others go on."""
+    def work(what):
+        if what == "crash":
+            os.abort()
+        if what == "memory":
+            return len(bytes(4 * children.MEMORY))
+        if what == "write":
+            with open(folder / "written", "w", encoding="ascii") as file:
+                file.write("x")
+        if what == "killed":
+            os.kill(os.getpid(), signal.SIGKILL)
+        return what
+
+    same([1, None, None, None, None, 2], children.each(work, [1, "crash", "memory", "write", "killed", 2]))
+
+
+def interruptedInspectionLeavesNothing(_folder):
+    """Ctrl-C, and a kill: the processes that read packages end, too."""
+    for number in signal.SIGINT, signal.SIGKILL:
+        code = ("import sys, os, time; sys.path[:0] = sys.argv[1:]; from rehearsal.inspection import children\n"
+                "children.each(lambda item: print('at work', flush=True) or time.sleep(1000), [1])")
+        process = subprocess.Popen([sys.executable, "-c", code, PROJECT, PROJECT / "sandbox"], stdout=subprocess.PIPE,
+                                   stderr=subprocess.DEVNULL, text=True)
+        process.stdout.readline()
+        process.send_signal(number)
+        process.wait()
+        same("", process.stdout.read())  # comes to its end with the last process that has it open
