@@ -87,7 +87,7 @@ def embedded(folder, picture):
         path = (folder / picture["file"]).resolve()
         if path.is_relative_to(folder.resolve()) and path.is_file() and path.stat().st_size <= MOST_PICTURE:
             content = path.read_bytes()
-            if content.startswith(PNG) and content[12:16] == b"IHDR":
+            if content.startswith(PNG):
                 return Markup("data:image/png;base64," + base64.b64encode(content).decode("ascii"))
     except (OSError, ValueError):
         pass
@@ -116,7 +116,7 @@ def bounded(lines):
 
 def grouped(findings):
     """The findings, errors first, with those of the same text as one that has several packages."""
-    groups = collections.OrderedDict()
+    groups = {}
     for finding in sorted(findings, key=lambda finding: finding["level"] != "error"):
         key = finding["level"], finding["text"], finding["do"]
         groups.setdefault(key, []).append(finding["package"])
