@@ -90,6 +90,21 @@ def verdictAddsTheFindingsToTheRun(folder):
         assert headline(own, "good", findings=findings, verdict=verdict) == expected
 
 
+def verdictSaysWhatToDo(folder):
+    error = {"level": "error", "package": "", "text": "t", "do": "change the name"}
+    cause = {"seen": "s", "why": "w", "do": "start again", "rows": []}
+    for changes, expected in (
+            ({"findings": [error], "cause": cause}, "change the name"),
+            ({"findings": [error | {"do": ""}], "cause": cause}, "start again"),
+            ({"findings": [], "cause": cause | {"do": ""}}, "Read the findings and the console below."),
+            ({"findings": [], "cause": None, "packages": []}, "Bring packages, with names that end in .ipk."),
+            ({"findings": [error], "timeline": [], "packages": [{"file": "a.ipk"}]}, "It was not run")):
+        own = folder / str(len(list(folder.iterdir())))
+        own.mkdir()
+        header = re.search(r"<header.*</header>", written(own, "failed", **changes)[0], re.DOTALL)[0]
+        assert expected in header, (changes, header)
+
+
 def errorsComeFirst(folder):
     found = part(written(folder, "failed")[0], "findings")
     assert found.index("30-user-interface") < found.index("20-drink-recipes"), found
