@@ -27,8 +27,6 @@ _OPEN = ctypes.CFUNCTYPE(_number, _pointer, _pointer)
 _READ = ctypes.CFUNCTYPE(_size, _pointer, _pointer, ctypes.POINTER(_pointer))
 _FUNCTIONS = {  # result, arguments
     "errno": (_number, _pointer),
-    "filter_bytes": (ctypes.c_int64, _pointer, _number),
-    "filter_count": (_number, _pointer),
     "error_string": (_text, _pointer),
     "entry_hardlink": (_text, _pointer),
     "entry_mode": (ctypes.c_uint, _pointer),
@@ -37,9 +35,12 @@ _FUNCTIONS = {  # result, arguments
     "entry_set_pathname": (None, _pointer, _text),
     "entry_size": (ctypes.c_int64, _pointer),
     "entry_symlink": (_text, _pointer),
+    "filter_bytes": (ctypes.c_int64, _pointer, _number),
+    "filter_count": (_number, _pointer),
     "read_data": (_size, _pointer, _pointer, ctypes.c_size_t),
     "read_extract2": (_number, _pointer, _pointer, _pointer),
     "read_free": (_number, _pointer),
+    "read_header_position": (ctypes.c_int64, _pointer),
     "read_new": (_pointer,),
     "read_next_header": (_number, _pointer, ctypes.POINTER(_pointer)),
     "read_open": (_number, _pointer, _pointer, _OPEN, _READ, _OPEN),
