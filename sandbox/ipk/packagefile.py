@@ -18,6 +18,7 @@ PIECE = 4096  # of a compressed archive: small, as it can unpack to a million ti
 CONTROL_LIMIT = 1024 * 1024  # bytes of a control file
 PART_LIMIT = 16 * 1024 * 1024  # bytes of control.tar; also of the outer archive, beside OUTER_RATIO times the file
 OUTER_RATIO = 4  # its members are compressed
+FILTERS_OF_ONE = 2  # that libarchive counts for one compression: this, and the one that is none
 # Owner, permissions and times as the package says; a file that is there is removed first.
 AS_PACKAGED = 0x01 | 0x02 | 0x04 | 0x08 | 0x10
 
@@ -199,7 +200,7 @@ class PackageFile:
             self._report("open_outer", f"Failed to open package '{self.path}': {fault.strerror} (errno={fault.errno})")
             return None
         outer, is_open = stack.enter_context(_opened(
-            file.readinto, PART_LIMIT + OUTER_RATIO * size, ("ar", "tar"), ("gzip",)))
+            file.readinto, outer_limit(size), ("ar", "tar"), ("gzip",)))
         if not is_open:
             self._report("open_outer", f"Failed to open package '{self.path}': {_why(outer)}")
             return None
@@ -215,10 +216,15 @@ class PackageFile:
         if not is_open:
             self._report("open_inner", f"Failed to open inner archive: {_why(inner)}")
             return None
-        if _archive.filter_count(inner) > 2:  # the compression, and the one that is none
+        if _archive.filter_count(inner) > FILTERS_OF_ONE:
             self._report("open_inner", "Failed to open inner archive: it is compressed more than once")
             return None
         return inner
+
+
+def outer_limit(size):
+    """The bytes to which a package file of that size may unpack, before its members are unpacked."""
+    return PART_LIMIT + OUTER_RATIO * size
 
 
 @contextlib.contextmanager

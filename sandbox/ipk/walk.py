@@ -13,8 +13,8 @@ import contextlib
 import ctypes
 import os
 
-from .packagefile import (_OPEN, _READ, _archive, _opened, _relative, ARCHIVE_EOF, ARCHIVE_OK, ARCHIVE_WARN,
-                          BUFFER)
+from .packagefile import (_archive, _opened, _relative, ARCHIVE_EOF, ARCHIVE_OK, ARCHIVE_WARN, BUFFER, FILTERS_OF_ONE,
+                          PIECE, outer_limit)
 
 AR_MAGIC = b"!<arch>\n"
 AR_HEADER = 60
@@ -44,11 +44,13 @@ class Walk:
         self._member = None
 
     def __enter__(self):
-        with open(self._path, "rb") as file:
-            self._is_ar = file.read(len(AR_MAGIC)) == AR_MAGIC
-            self._size = os.fstat(file.fileno()).st_size
-        self._outer = self._stack.enter_context(_opened(("ar", "tar"), ("gzip",)))
-        if _archive.read_open_filename(self._outer, self._path, BUFFER) != ARCHIVE_OK:
+        file = self._stack.enter_context(open(self._path, "rb", buffering=0))
+        self._is_ar = file.read(len(AR_MAGIC)) == AR_MAGIC
+        file.seek(0)
+        self._size = os.fstat(file.fileno()).st_size
+        self._outer, is_open = self._stack.enter_context(_opened(
+            file.readinto, outer_limit(self._size), ("ar", "tar"), ("gzip",)))
+        if not is_open:
             why = _why(self._outer)
             self._stack.close()
             raise Damage("", 0, why)
@@ -74,17 +76,13 @@ class Walk:
 
     def entries(self, member):
         """Yields the entries of the member, which has to be the last one of members(). Raises Damage."""
-        buffer = ctypes.create_string_buffer(BUFFER)
-
-        def read(_, _context, block):
-            block[0] = ctypes.addressof(buffer)
-            return _archive.read_data(self._outer, buffer, BUFFER)
-
-        with _opened(("tar", "empty"), ("gzip", "xz", "bzip2", "lz4", "zstd")) as self._inner:
-            callbacks = _OPEN(lambda *_: 0), _READ(read), _OPEN(lambda *_: 0)
+        with _opened(lambda buffer: _archive.read_data(self._outer, buffer, PIECE), None, ("tar", "empty"),
+                     ("gzip", "xz", "bzip2", "lz4", "zstd")) as (self._inner, is_open):
             try:
-                if _archive.read_open(self._inner, None, *callbacks) != ARCHIVE_OK:
+                if not is_open:
                     raise self._damage()
+                if _archive.filter_count(self._inner) > FILTERS_OF_ONE:
+                    raise Damage(member.name, member.offset or 0, "it is compressed more than once")
                 while True:
                     entry = self._next(self._inner)
                     if entry is None:
