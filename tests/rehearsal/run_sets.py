@@ -1,0 +1,124 @@
+"""Rehearses the update sets of sets.toml in parallel, each on a simulated machine of its own, and compares findings and
+verdicts."""
+
+import argparse
+import asyncio
+import fnmatch
+import json
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+import sets
+
+PROJECT = pathlib.Path(__file__).resolve().parents[2]
+# A set mostly waits for the serial line; emulated programs need the processor.
+MACHINES_PER_CORE = 2 if os.environ.get("UPDATE_ASSISTANT_EMULATOR") else 6
+LIMIT_S = 20  # of --limit: longer than any wait of the program
+LONGEST_S = 150
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("sets", nargs="*", metavar="SET", help="sets to rehearse, with * for any text (default: all)")
+    parser.add_argument("--build", type=pathlib.Path, default=PROJECT / "build/dev", help="build tree of the program")
+    parser.add_argument("--jobs", type=int, default=MACHINES_PER_CORE * (os.cpu_count() or 1),
+                        help="number of machines that run at a time (default: %(default)s)")
+    parser.add_argument("--keep", type=pathlib.Path, metavar="DIR", help="keep the sets and their reports in DIR")
+    return parser.parse_args()
+
+
+async def rehearse(row, arguments, folder, machines):
+    """Returns the row, a text with the differences from it (empty without any), and the seconds it took."""
+    async with machines:
+        started = time.monotonic()
+        built = row.build(folder / row.name)
+        report = folder / row.name / "report"
+        process = await asyncio.create_subprocess_exec(
+            PROJECT / "scripts/rehearse", built.source, *built.arguments, "--build", arguments.build.resolve(),
+            "--report", report, "--limit", str(LIMIT_S), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT)
+        try:
+            output, _ = await asyncio.wait_for(process.communicate(), LONGEST_S)
+        except BaseException as error:
+            if process.returncode is None:
+                process.terminate()
+            await process.wait()
+            if not isinstance(error, TimeoutError):
+                raise
+            return row, f"it does not end within {LONGEST_S} s\n", time.monotonic() - started
+        found = list(differences(row, process.returncode, report))
+        said = output.decode(errors="replace")
+    return row, "\n".join([*found, said]) if found else "", time.monotonic() - started
+
+
+def differences(row, status, report):
+    try:
+        facts = json.loads((report / "rehearsal.json").read_text(encoding="ascii"))
+    except (OSError, ValueError) as error:
+        yield f"no report: {error}"
+        return
+    if facts["verdict"] != row.verdict:
+        yield f"the verdict: expected {row.verdict}, is {facts['verdict']}"
+    missing, more = compared(row.findings, facts["findings"])
+    yield from (f"missing: {finding}" for finding in missing)
+    yield from (f"beside those expected: {finding['level']}: {finding['package']}: {finding['text']}" for finding in more)
+    has_error = any(finding["level"] == "error" for finding in facts["findings"])
+    if row.verdict == "failure" and not has_error:
+        yield "no error finding names what failed"
+    expected = 0 if row.verdict == "success" and not has_error else 1
+    if status != expected:
+        yield f"the exit status: expected {expected}, is {status}"
+
+
+def compared(expected, found):
+    """The expected findings that are not there, and those that are there beside them. An error that tells of the run is
+    always there when it failed."""
+    found, missing = list(found), []
+    for level, package, text in expected:
+        match = next((one for one in found if (one["level"], one["package"]) == (level, package) and text in one["text"]), None)
+        if match:
+            found.remove(match)
+        else:
+            missing.append((level, package, text))
+    return missing, found
+
+
+async def rehearse_all(rows, arguments, folder):
+    """Prints the result of each set. Returns the number of failures."""
+    failed = 0
+    machines = asyncio.Semaphore(arguments.jobs)
+    running = [asyncio.create_task(rehearse(row, arguments, folder, machines)) for row in rows]
+    for done in asyncio.as_completed(running):
+        row, found, seconds = await done
+        failed += bool(found)
+        print(f"{'FAIL' if found else 'ok  '} {seconds:5.1f} s  {row.verdict:8} {row.name}", flush=True)
+        for line in found.splitlines():
+            print(f"       {line}")
+    return failed
+
+
+def main():
+    arguments = parse_arguments()
+    rows = [row for row in sets.load()
+            if not arguments.sets or any(fnmatch.fnmatchcase(row.name, name) for name in arguments.sets)]
+    if not rows:
+        sys.exit("run_sets: there is no such set")
+    with tempfile.TemporaryDirectory(prefix="sets.", dir=os.environ.get("TMPDIR") or "/var/tmp") as folder:
+        if arguments.keep:
+            shutil.rmtree(arguments.keep, ignore_errors=True)
+            arguments.keep.mkdir(parents=True)
+        failed = asyncio.run(rehearse_all(rows, arguments, arguments.keep or pathlib.Path(folder)))
+    print(f"{len(rows) - failed} passed, {failed} failed")
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    try:
+        sys.exit(main())
+    except KeyboardInterrupt:
+        sys.exit(130)
