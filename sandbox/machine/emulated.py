@@ -50,9 +50,9 @@ class Link:
                 lines.append(line)
         raise EmulatorError("shell: the emulator has ended")
 
-    def picture(self, file):
-        """Saves the display as a PNG file."""
-        self._ask(("screendump", {"filename": os.path.abspath(file), "format": "png"}))
+    def picture(self, file, form="png"):
+        """Saves the display as a PNG or PPM file."""
+        self._ask(("screendump", {"filename": os.path.abspath(file), "format": form}))
 
     def click(self, x, y):
         """Clicks at a point of the display; x and y are fractions of its width and height."""
@@ -110,8 +110,9 @@ def _input_events(*events):
 class Emulator(Process):
     """The emulator. All devices are below 4 GB, where a 32-bit processor reaches them."""
 
-    def __init__(self, results, sockets, boot, has_line=True):
-        """`boot` are the options with kernel, ram disk and drives. Without `has_line` there is no serial adapter."""
+    def __init__(self, results, sockets, boot, shell, has_line):
+        """`boot` are the options with kernel, ram disk and drives, `shell` the name of the port to the shell. Without
+        `has_line` there is no serial adapter."""
         super().__init__(os.environ, "qemu-system-arm", results / "emulator.log")
         self._options = [
             "-M", "virt,highmem=off", "-cpu", "cortex-a15",
@@ -121,7 +122,7 @@ class Emulator(Process):
             "-device", "qemu-xhci", "-drive", f"if=none,id=stick,format=raw,file={results}/stick",
             "-device", "virtio-serial-pci",
             "-chardev", f"socket,id=shell,server=on,wait=off,path={sockets}/shell",
-            "-device", "virtserialport,chardev=shell,name=shell",
+            "-device", f"virtserialport,chardev=shell,name={shell}",
             "-qmp", f"unix:{sockets}/emulator,server=on,wait=off",
         ]
         if has_line:
@@ -181,15 +182,15 @@ class EmulatedScreen(Display):
 class EmulatedMachine:
     """A complete ARM board in an emulator, with a simulated control board at its serial adapter.
 
-    `boot` is for Emulator, `build` a build tree for the host. The folder `results` contains `stick`, the contents of
-    the stick, and receives the logs. At its exit the machine ends everything that it has started.
+    `boot`, `shell` and `has_line` are for Emulator, `build` is a build tree for the host. The folder `results` contains
+    `stick`, the contents of the stick, and receives the logs. At its exit the machine ends everything that it has started.
     """
 
-    def __init__(self, boot, build, results, has_line=True):
+    def __init__(self, boot, build, results, shell="shell", has_line=True):
         self._folder = tempfile.TemporaryDirectory()  # the paths of sockets must be short
         sockets = pathlib.Path(self._folder.name)
         self.link = Link(sockets)
-        self.emulator = Emulator(results, sockets, boot, has_line)
+        self.emulator = Emulator(results, sockets, boot, shell, has_line)
         self.program = EmulatedProgram(self)
         self.board = Board(os.environ, build / "simulator/boardsim", sockets / "line", results)
         self.screen = EmulatedScreen(self, self.link, sockets)
