@@ -47,16 +47,15 @@ def rehearse(given):
     started, progress = time.time(), Progress(sys.stdout)
     progress.say("inspecting the packages")
     previous = inspect(given.installed, Settings("folder")) if given.installed else None
-    kind = "folder" if given.stick else "auto"
-    inspection = inspect(given.folder, settings(given, kind, previous))
-    if given.stick and inspection.kind == "folder" and has_stick_folder(given.folder):
-        inspection = inspect(given.folder, settings(given, "stick", previous))
+    inspection = inspect(given.folder, settings(given, previous))
     facts = comparison.first_facts(given, inspection, started)
     if inspection.may_run and (previous is None or previous.may_run):
         with machine_for(given, needed(inspection, previous)) as machine:
             run = follow(machine, given, inspection, previous, progress)
             comparison.compare(facts, run, machine, given, inspection)
             facts["timeline"] = timeline.lanes(run, machine)
+            for system in run.all("system"):
+                facts["versions"] = board.versions(facts["versions"], system["versions"])
             facts["seconds"] = round(progress.seconds(), 1)
             page = write(given, facts, machine)
     else:
@@ -70,14 +69,10 @@ def machine_for(given, bytes_written):
     return board.Machine(given, bytes_written) if given.on else Machine(given.build, bytes_written)
 
 
-def settings(given, kind, previous):
+def settings(given, previous):
     own = board.ARCHITECTURES if given.on else host_architectures()
-    return Settings(kind, architectures=(*own, *given.architectures),
+    return Settings(architectures=(*own, *given.architectures),
                     installed=after(previous) if previous else {}, room=given.room)
-
-
-def has_stick_folder(folder):
-    return (pathlib.Path(folder) / "update_ipk").is_dir()
 
 
 def needed(inspection, previous):
@@ -187,9 +182,8 @@ def show(progress, event, inspection):
         progress.say(f"previous release: package {event['index'] + 1} of {event['of']}: {event['file']}")
     elif kind == "program":
         progress.say("the program has started")
-    elif kind == "package":
-        file = inspection.order[event["index"]] if event["index"] < count else "?"
-        progress.say(f"package {event['index'] + 1} of {count}: {file}")
+    elif kind == "package" and event["index"] < count:
+        progress.say(f"package {event['index'] + 1} of {count}: {inspection.order[event['index']]}")
     elif kind == "board":
         progress.say("control board")
     elif kind == "block":

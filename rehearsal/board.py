@@ -14,6 +14,7 @@ import pathlib
 import shutil
 import signal
 import subprocess
+import sys
 
 from . import board_root, host
 from .host import HostError
@@ -27,6 +28,7 @@ SETTINGS = "console=ttyAMA0 quiet loglevel=3 systemd.show_status=0 systemd.getty
 ARCHITECTURES = ("all", "noarch", "armhf")
 SLOWER = 5  # the emulator, than the host; the limits are meant for the host
 ROOM = 1 << 30  # of the board's disk, beyond what is needed
+HOST_VERSIONS = ("Update Assistant", "commit", "Python", "libarchive", "bubblewrap")
 SECTOR, FIRST_SECTOR = 512, 2048
 LEAST_STICK = 64 << 20
 FAT_LIMIT = (4 << 30) - 1
@@ -43,6 +45,11 @@ def check(given):
             raise WrongUse(f"{option} is not for the emulated board, which has the room and the package manager of its system")
     if given.root and not os.path.isfile(given.root):
         raise WrongUse(f"--root: {shown(given.root)} is no file")
+
+
+def versions(of_host, of_board):
+    """What the report shows: the host's only of what has to do with the rehearsal there."""
+    return [*(one for one in of_host if one["name"] in HOST_VERSIONS), *of_board]
 
 
 class Machine(host.Machine):
@@ -129,8 +136,10 @@ class Machine(host.Machine):
         if facts["fault"]:
             raise WrongUse(f"--root: {self._subject()} is no root file system of a machine: {facts['fault']}")
         if facts["missing"]:
-            raise WrongUse("\n".join([f"--root: {self._subject()} lacks what a rehearsal needs:",
-                                      *(f"  {sentence}" for sentence in facts["missing"])]), )
+            for sentence in facts["missing"]:
+                print(f"rehearse: {shown(sentence)}", file=sys.stderr)
+            raise WrongUse(f"--root: {self._subject()} lacks {len(facts['missing'])} of the things that a rehearsal needs; "
+                           "see docs/rehearsal-board.md")
         self.system = facts
         with open(root, "rb") as archive:
             tool(*self._boxed(["prlimit", f"--fsize={LARGEST_IMAGE}", f"--as={4 << 30}", f"--cpu={TOO_LONG_S}", "--",

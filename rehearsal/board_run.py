@@ -1,7 +1,7 @@
 """The part of a rehearsal that drives the emulated ARM board: board_run.py BUILD. Started by board.py.
 
-It does what machine_run.py does on the simulated machine, and tells the same events, with two more: "step", what goes on
-now (`text`), and "no machine", why the board cannot be used (`text`). The plan has more, too:
+It does what machine_run.py does on the simulated machine, and tells the same events, with three more: "step", what goes on
+now (`text`), "system", the `versions` of what is on the board, and "no machine", why it cannot be used (`text`). The plan has more, too:
     settings           of the kernel
     drives             for the emulator: a name, a file, and whether it is only read
     package            the program's package, which is installed there; null: the system starts an assistant itself
@@ -47,6 +47,14 @@ KERNEL_LINE = re.compile(rb"\[ *\d+\.\d{6}\] ")
 PROGRAM_LINE = re.compile(rb"qml: |sys_line:|ls: ")
 
 machine_run.START_S = START_S  # the emulator is slower than the host
+
+
+VERSIONS = {
+    "system": "sed -n 's/^PRETTY_NAME=//p' /etc/os-release | tr -d '\"'", "kernel": "uname -r",
+    "Qt": "find /lib/ /usr/lib/ -name 'libQt5Core.so.5.*' 2>/dev/null | sed 's/.*so.//'",
+    "C library": "find /lib/ /usr/lib/ -name 'libc.so.6' -exec strings {} ';' 2>/dev/null | sed -n 's/^GNU C Library //p'",
+    "opkg": "opkg --version",
+}
 
 
 class NoMachine(Exception):
@@ -235,6 +243,13 @@ class BoardRehearsal(Rehearsal):
         panic = next((line for line in lines if "Kernel panic" in line), None)
         return panic or (lines[-1] if lines else "its console shows nothing")
 
+    def tell_versions(self):
+        versions = []
+        for name, command in VERSIONS.items():
+            lines = self.shell(f"{command} 2>/dev/null").stdout.split("\n")
+            versions.append({"name": name, "version": lines[0][:100].strip()})
+        tell("system", versions=[one for one in versions if one["version"]])
+
     def install_previous(self):
         files = self.plan["previous_packages"]
         folder = f"{WORK}/previous"
@@ -340,6 +355,7 @@ class BoardRehearsal(Rehearsal):
 
 def rehearse(rehearsal, plan):
     rehearsal.boot()
+    rehearsal.tell_versions()
     if plan["previous"] and rehearsal.install_previous() is not None:
         return
     rehearsal.prepare_program()

@@ -18,6 +18,8 @@ from .options import shown
 
 PROJECT = pathlib.Path(__file__).resolve().parents[1]
 MOST_CAUSES = 6
+NOT_EXTRACTED = "Warning when extracting archive entry"
+MANAGER = (" * ", "Warning ", "Not ")  # how its messages begin
 MOST_ROWS = 40
 LONGEST_TEXT = 300
 SIZE_OF_RECORDS = 16 << 20
@@ -101,8 +103,10 @@ class Comparison:
         self.end = run.end or {"outcome": "machine ended", "results": results_of(run), "before": {}, "after": {},
                                "tips": last_tips(run), "success": False, "awaited": "", "status": None}
         self.records = records_of(machine)
+        self.files = {*inspection.order, *(finding.package for finding in inspection.findings)} - {""}
         self.reading = console.Reading()
         self.explanation = None
+        self.errors = []
 
     def fill(self):
         facts, machine = self.facts, self.machine
@@ -112,7 +116,7 @@ class Comparison:
             return
         log = machine.text("program.log")
         if log:
-            self.reading = console.read(log, self.knowledge, self.end["outcome"] == "success")
+            self.reading = console.read(log, self.knowledge)
             log.seek(0)
             self.explanation = self.explained(log)
         facts["console"] = self.reading.lines
@@ -123,10 +127,11 @@ class Comparison:
         for staging in self.run.all("staging failed"):
             self.error("", f"The packages cannot be copied to /tmp/ota: {staging['text'][:LONGEST_TEXT].strip()}",
                        "Make the packages smaller, or leave more room in /tmp.")
-        errors = list(self.differences())
-        for difference in errors:
-            self.error(*difference)
-        facts["verdict"] = "failure" if errors or self.run.all("staging failed") else "success"
+        for difference in self.differences():
+            if difference[0] not in {file for file, _, _ in self.errors}:  # one is enough
+                self.errors.append(difference)
+                self.error(*difference)
+        facts["verdict"] = "failure" if self.errors or self.run.all("staging failed") else "success"
         self.add_warnings()
 
     def error(self, package, text, do):
@@ -153,14 +158,15 @@ class Comparison:
 
     def fill_packages(self):
         before = self.end["before"]
-        for index, package in enumerate(self.facts["packages"]):
+        results = {self.file_at(index): status for status, index in self.end["results"]}
+        for package in self.facts["packages"]:
             package["previous"] = version_of(before, package["name"])
             if package["name"]:
                 before = before | {package["name"]: f"installed {package['version']}"}  # for another file of that name
-            result = next((status for status, at in self.end["results"] if at == index), None)
+            result = results.get(package["file"])
             if result is not None:
                 package["status"] = "failed" if result else "installed"
-            elif index == self.current() and self.end["outcome"] in ("limit", "program ended", "machine ended"):
+            elif package["file"] == self.current():
                 package["status"] = "failed"
             record = self.record_of(package["file"])
             if record:
@@ -170,9 +176,8 @@ class Comparison:
         return next((record for record in self.records if record["arguments"][-1:] == [f"/tmp/ota/{file}"]), None)
 
     def current(self):
-        """The index of the package that is being installed; None when all have been."""
-        count = len(self.end["results"])
-        return count if count < len(self.inspection.order) else None
+        """The file that was being installed when the update broke off; empty when none was."""
+        return self.file_at(len(self.end["results"])) if self.end["outcome"] in ("limit", "program ended", "machine ended") else ""
 
     def fill_firmware(self):
         """Firmware that a script writes is seen only now."""
@@ -199,6 +204,11 @@ class Comparison:
         for _, package, script, status in self.reading.scripts:
             yield (self.file_of(package), f"The {script} of {shown(package)} ended with status {status}.",
                    "Let each script end with status 0 unless the update must stop.")
+        for index in range(len(self.inspection.packages)):
+            lost = [text for text in self.reading.texts(index) if text.startswith(NOT_EXTRACTED)]
+            if lost:
+                yield (self.file_at(index), f"Not everything of {shown(self.file_at(index))} is on the machine, although its "
+                       f"installation succeeded: {shown(lost[0])}", "Look at the entry of the archive, and at the room on the disk.")
         yield from self.firmware_differences()
         yield from self.console_differences()
         if self.end.get("board_status") == 1:
@@ -239,17 +249,18 @@ class Comparison:
             return
         if run["causes"] and run["cause_is_known"] and not any(cause["good"] for cause in run["causes"]):
             self.facts["cause"] = self.cause()
-            yield self.blamed(""), f"The screen shows the success, but the console tells of a fault: {self.why()}.", self.remedy()
+            if not self.errors:
+                yield "", f"The screen shows the success, but the console tells of a fault: {self.why()}.", self.remedy()
         for other in run["others"]:
             yield (self.blamed(other["text"]), f"The console tells of a fault, \"{shown(other['text'])}\": "
                    f"{'; or '.join(other['faults'])}.", other["do"])
 
     def blamed(self, text):
-        """The package during whose installation the console has the text; of a text of the table, the beginning tells."""
-        words = text.split("'")[0]
-        for index, texts in self.reading.unknown.items():
-            if index < len(self.inspection.order) and any(not words or words in one for one in texts):
-                return self.inspection.order[index]
+        """The package during whose installation the console has a text of the package manager."""
+        words = " ".join(text.split()[:2])
+        for index, texts in self.reading.unusual.items():
+            if any(" ".join(one.split()).startswith(words) and one.startswith(MANAGER) for one, _ in texts):
+                return self.file_at(index)
         return ""
 
     def failure(self):
@@ -267,7 +278,10 @@ class Comparison:
         script = next((one for one in self.reading.scripts if self.file_of(one[1]) == file), None)
         if script:
             text += f" Its {script[2]} ended with status {script[3]}."
-        elif end["outcome"] in ("package failed", "board failed") and self.why():
+        elif end["outcome"] == "package failed":
+            said = "; ".join(shown(text)[:LONGEST_TEXT] for text in self.reading.texts(len(end["results"]) - 1))
+            text += f" The console says: {said}" if said else ""
+        elif end["outcome"] == "board failed" and self.why():
             text += f" The failure manual knows: {self.why()}."
         return file, text, self.remedy() if end["outcome"] == "board failed" and self.remedy() else outcome.do
 
@@ -279,11 +293,14 @@ class Comparison:
             return other or self.file_at(failed)
         if end["outcome"] == "board failed" and self.facts["firmware"] and not self.given.faults:
             return self.facts["firmware"]["package"]
-        if end["outcome"] in ("limit", "program ended", "machine ended") and self.current() is not None:
-            return self.file_at(self.current())
-        return ""
+        return self.current()
 
     def file_at(self, index):
+        """The file that the program installed at this place; empty if it is none of those that were found before."""
+        if index < len(self.records):
+            called = os.path.basename(self.records[index]["arguments"][-1])
+            if called in self.files:
+                return called
         order = self.inspection.order
         return order[index] if index < len(order) else ""
 
@@ -346,16 +363,20 @@ class Comparison:
 
     def add_warnings(self):
         """Text that no good update has printed: it may be nothing, but somebody should have read it."""
-        blamed = {finding["package"] for finding in self.facts["findings"] if finding["level"] == "error"}
-        for index, texts in self.reading.unknown.items():
+        blamed = {finding["package"] for finding in self.facts["findings"][len(self.inspection.findings):]}
+        ended = len(self.end["results"]) - 1 if self.end["outcome"] == "package failed" else None
+        for index, unusual in self.reading.unusual.items():
+            if index == ended:
+                continue  # the finding of the failure has it
+            is_good = self.facts["verdict"] == "success"
+            texts = [text for text, is_known in unusual if is_good or not is_known]
             file = self.file_at(index)
-            if not texts or file and file in blamed:
-                continue
-            said = "; ".join(shown(text)[:LONGEST_TEXT] for text in texts)
-            self.facts["findings"].append({
-                "level": "warning", "package": file, "text": "The console shows what the program has not been seen to print in a "
-                f"good update{f', while {shown(file)} is installed' if file else ''}: {said}",
-                "do": "Read it. Let scripts print nothing when all is well."})
+            if texts and file not in blamed:
+                said = "; ".join(shown(text)[:LONGEST_TEXT] for text in texts)
+                self.facts["findings"].append({
+                    "level": "warning", "package": file, "text": "The console shows what the program has not been seen to print "
+                    f"in a good update{f', while {shown(file)} is installed' if file else ''}: {said}",
+                    "do": "Read it. Let scripts print nothing when all is well."})
 
 
 def with_reason(fault, why):

@@ -15,25 +15,42 @@ GOOD = re.compile("|".join((
     r"sys_line:ls ", r"ls: cannot access '(?:/tmp/ota|/mnt/nand_disk/update_ipk)/\*\.ipk'",
     r"ls: cannot access '/mnt/update_ipk/\*\.bin'", r"qml: (?:ota=+|result:) ",
     r"(?:Installing|Upgrading|Downgrading|Reinstalling) \S+ .*(?:on root\.|root\.\.\.)$", r"Configuring \S+\.$",
+    # dpkg behind the name opkg, and a BusyBox system
+    r"Selecting previously unselected package |\(Reading database |Preparing to unpack |Unpacking |Setting up |dpkg: warning: downgrading ",
+    r"ls: /tmp/ota/\*\.ipk: No such file", r"QStandardPaths: XDG_RUNTIME_DIR not set",
     r"Removing obsolete file ", r" \* remove_obsolesced_files: unlinking  failed: No such file or directory\.$",
     r" \* opkg_install_pkg: Failed to determine obsolete files from previously installed \S+$", r"(?:mkdir|rm): cannot \w+ .*'/(?:tmp/ota|root/\*\.txt|root/mcu/\*)'")))
 
 
 class Reading:
-    """What the console said. `scripts` has (file index, package, script, status); `unknown` the texts by file index."""
+    """What the console said. `scripts` has (file index, package, script, status). `unusual` has the texts that no good
+    update prints, by file index, and whether a known fault does."""
 
     def __init__(self):
         self.lines = []
         self.scripts = []
-        self.unknown = collections.defaultdict(list)
+        self.unusual = {}
+
+    def texts(self, index):
+        return [text for text, _ in self.unusual.get(index, ())]
 
 
-def read(file, knowledge, is_good):
-    """Reads an open console. Known are the texts of good updates, or with those of known faults."""
+class Known:
+    """What rows of the fault table print."""
+
+    def __init__(self, knowledge, rows):
+        self._own = set().union(*(row.pattern.own_lines for row in rows))
+        self._texts = {knowledge.texts[text] for row in rows for text in row.also}
+
+    def has(self, text):
+        return canonical(text) in self._own or any(one.search(text) for one in self._texts)
+
+
+def read(file, knowledge):
+    """Reads an open console."""
     reading, index = Reading(), 0
-    rows = [row for row in knowledge.rows if row.is_sound or not is_good]
-    own = set().union(*(row.pattern.own_lines for row in rows))
-    known = {knowledge.texts[text] for row in rows for text in row.also}
+    good = Known(knowledge, [row for row in knowledge.rows if row.is_sound])
+    known = Known(knowledge, knowledge.rows)
     kept = Kept()
     for text in lines_of(file):
         kept.add(text)
@@ -44,10 +61,10 @@ def read(file, knowledge, is_good):
         script = SCRIPT.search(text)
         if script and len(reading.scripts) < MOST_LINES:
             reading.scripts.append((index, script[1], script[2], int(script[3])))
-        texts = reading.unknown[index] if index in reading.unknown or len(reading.unknown) < MOST_LINES else []
-        if text and len(texts) < MOST_TEXTS and text not in texts and not (
-                canonical(text) in own or GOOD.match(text) or any(one.search(text) for one in known)):
-            texts.append(text)
+        texts = reading.unusual.get(index, [])
+        if text and len(texts) < MOST_TEXTS and all(text != other for other, _ in texts) and len(
+                reading.unusual) < MOST_LINES and not GOOD.match(text) and not good.has(text):
+            reading.unusual[index] = [*texts, (text, known.has(text))]
     reading.lines = kept.lines()
     return reading
 

@@ -49,7 +49,11 @@ class Machine:
     def __init__(self, build, needed):
         """`needed` are the bytes that will be written to its disk."""
         self.build = pathlib.Path(build).resolve()
-        self.work = pathlib.Path(tempfile.mkdtemp(prefix="rehearsal.", dir=os.environ.get("TMPDIR") or "/var/tmp"))
+        place = os.environ.get("TMPDIR") or "/var/tmp"
+        try:
+            self.work = pathlib.Path(tempfile.mkdtemp(prefix="rehearsal.", dir=place))
+        except OSError as error:
+            raise HostError(f"{place} cannot be written: {error.strerror}. TMPDIR may name another folder") from error
         self.state = self.work / "state"
         self.state.mkdir()
         self._needed = needed

@@ -23,7 +23,7 @@ sys.path[:0] = [str(PROJECT), str(PROJECT / "sandbox")]
 from machine import Machine, paths
 from machine.packages import INSTALL
 from machine.screen import HEIGHT, WIDTH
-from rehearsal.screen import Display
+from rehearsal.screen import SUCCESS, TIPS, Display
 
 SOURCE = pathlib.Path("/run/source")  # the packages to be staged
 LINKS = pathlib.Path("/run/links")  # copies of those that are links
@@ -114,6 +114,7 @@ class Watch:
         self.frame = None
         self.is_still = False
         self.tips, self.is_success = "", False
+        self._parts = None  # of the screen, which tell these two
         self.results = []
         self.count = None  # of packages, as the program says
         self.has_no_line = False
@@ -156,6 +157,10 @@ class Watch:
             tell("block", number=int(block[1]), of=int(block[2]), at=self.seconds())
 
     def _look(self):
+        parts = self.frame.part(TIPS), self.frame.part(SUCCESS)
+        if parts == self._parts:
+            return
+        self._parts = parts
         state = self.frame.tips, self.frame.is_success
         if state != (self.tips, self.is_success):
             self.tips, self.is_success = state

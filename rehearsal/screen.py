@@ -57,14 +57,14 @@ class Frame:
     def __eq__(self, other):
         return isinstance(other, Frame) and self.pixels == other.pixels
 
-    def has(self, colour, place):
+    def part(self, place):
         left, top, right, bottom = place
-        found = 0
-        for row in range(top, bottom):
-            start = (row * WIDTH + left) * PIXEL
-            part = array.array("I", self.pixels[start:start + (right - left) * PIXEL])
-            found += part.count(colour) + part.count(colour | 0xff000000)
-        return found >= ENOUGH
+        starts = ((row * WIDTH + left) * PIXEL for row in range(top, bottom))
+        return b"".join(self.pixels[start:start + (right - left) * PIXEL] for start in starts)
+
+    def has(self, colour, place):
+        part = array.array("I", self.part(place))
+        return part.count(colour) + part.count(colour | 0xff000000) >= ENOUGH
 
     @property
     def is_blank(self):

@@ -14,9 +14,6 @@ import dataclasses
 import itertools
 import pathlib
 import subprocess
-import sys
-
-sys.path[:0] = [str(pathlib.Path(__file__).resolve().parents[2] / "sandbox")]
 
 from . import children, firmware, folder as folders, order, reader, room, scripts
 from .firmware import Firmware
@@ -27,8 +24,8 @@ __all__ = ["Finding", "Firmware", "Inspection", "Package", "Settings", "after", 
 
 @dataclasses.dataclass(frozen=True)
 class Settings:
-    """What the machine is like. `installed` has by name the version of each installed package, or the Package itself, which
-    tells its size and what it provides, too. `room` has the free bytes by folder."""
+    """What the machine is like. `installed` has by name the version of each installed package, or the Package itself,
+    which tells its size and what it provides, too. `room` has the free bytes by folder."""
 
     kind: str = "auto"  # folder, stick or auto
     architectures: tuple = ()  # default: those of host_architectures()
@@ -110,7 +107,8 @@ def inspect(folder, settings=Settings()):
         total = list(room.total(packages))
         findings += total
         is_too_much = bool(total)
-    return Inspection(found.kind, found.staging, packages, _sorted(findings, packages), image, not is_too_much, found.has_image)
+    return Inspection(found.kind, found.staging, packages, _sorted(findings, packages), image, not is_too_much,
+                      found.has_image)
 
 
 def _package(file, path, facts):
@@ -121,14 +119,15 @@ def _package(file, path, facts):
         pass  # the reader has said so
     if facts is None:
         package.is_too_much = True
-        return package, [error(file, f"{shown(file)} cannot be read within the memory and the time that the rehearsal gives a "
-                               "package. The update is not run.", "Build the package again.")]
+        return package, [error(file, f"{shown(file)} cannot be read within the memory and the time that the rehearsal "
+                               "gives a package. The update is not run.", "Build the package again.")]
     fields = facts["fields"]
     for name in ("control_unpacked", "below", "entries", "scripts", "firmware", "is_readable", "is_too_much"):
         setattr(package, name, facts[name])
     package.installed_size, package.beside_firmware = facts["unpacked"], tuple(facts["beside_firmware"])
     if fields:
-        package.name, package.version, package.architecture = (fields[name] for name in ("Package", "Version", "Architecture"))
+        package.name, package.version = fields["Package"], fields["Version"]
+        package.architecture = fields["Architecture"]
         package.stated_size = fields["Installed-Size"]
         package.relations = (*fields["Pre-Depends"], *fields["Depends"])
         package.depends = tuple(entry["text"] for entry in package.relations)

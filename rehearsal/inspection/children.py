@@ -17,7 +17,7 @@ PR_SET_PDEATHSIG = 1
 
 
 def each(function, items):
-    """The results of function(item), which are JSON, in the order of the items; None for one that did not come to an end."""
+    """The results of function(item), which are JSON, in the order of the items; None where it did not end well."""
     items = list(items)
     results = [None] * len(items)
     crew = _Crew()

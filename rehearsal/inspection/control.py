@@ -31,8 +31,8 @@ def read_control(data, file):
     except (ValueError, TypeError, IndexError) as fault:
         return None, [error(file, f"{shown(file)} has a malformed control file: {shown(fault)}.",
                             "Write one field a line: NAME: VALUE.")]
-    findings = [error(file, f"{shown(file)} does not state {name} in its control file: the package manager calls it malformed, "
-                      "and the update ends there.", f"Add the field {name} to the control file.")
+    findings = [error(file, f"{shown(file)} does not state {name} in its control file: the package manager calls it "
+                      "malformed, and the update ends there.", f"Add the field {name} to the control file.")
                 for name in NEEDED if not stated.get(name)]
     if findings:
         return None, findings
@@ -59,7 +59,7 @@ def _findings(stated, file):
     if re.fullmatch(FORMS["Version"], version) and not _is_ordered(version):
         yield warning(file, f"{shown(file)} has the version {version}, whose order among others is not certain.",
                       "Begin the version with a digit.")
-    strange = [name for name, value in stated.items() if any(one < " " and one not in "\n\t" or one == "\x7f" for one in value)]
+    strange = [name for name, value in stated.items() if re.search(r"[\x00-\x08\x0b-\x1f\x7f]", value)]
     if strange:
         yield error(file, f"{shown(file)} has control characters in the fields {', '.join(map(shown, strange[:5]))}.",
                     "Remove them; end the lines of the control file with a line feed only.")

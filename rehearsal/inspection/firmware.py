@@ -10,7 +10,7 @@ LONG = 30 * 60  # seconds of a transfer, during which the screen stands still
 
 @dataclasses.dataclass
 class Firmware:
-    """The firmware as the last package with one has it. `seconds` are those on a real line, the final waits included."""
+    """The firmware of the last package with one. `seconds` are those on a real line, the final waits included."""
 
     package: str
     path_in_package: str
@@ -27,16 +27,18 @@ def find(packages):
         return None, list(_without(packages))
     findings = []
     if len(bringing) > 1:
-        findings.append(warning(bringing[-1].file, f"{len(bringing)} packages bring {program.FIRMWARE}: "
-                                f"{some((one.file for one in bringing), 10)}. The control board gets that of the last one, "
-                                f"{shown(bringing[-1].file)}.", "Put the firmware into one package."))
+        listed = some((one.file for one in bringing), 10)
+        findings.append(warning(bringing[-1].file, f"{len(bringing)} packages bring {program.FIRMWARE}: {listed}. The "
+                                f"control board gets that of the last one, {shown(bringing[-1].file)}.",
+                                "Put the firmware into one package."))
     last = bringing[-1]
     facts = last.firmware
     fault = _fault(last.file, facts)
     if fault:
         return None, [*findings, fault]
     size = facts["size"]
-    firmware = Firmware(last.file, facts["path"], size, facts["sha256"], program.blocks(size), program.transfer_time(size))
+    firmware = Firmware(last.file, facts["path"], size, facts["sha256"], program.blocks(size),
+                        program.transfer_time(size))
     if firmware.seconds > LONG:
         findings.append(warning(last.file, f"{shown(last.file)}: the firmware has {size} bytes, and its transfer takes "
                                 f"{firmware.seconds / 60:.0f} minutes, in which the screen does not change.",
@@ -50,12 +52,12 @@ def _without(packages):
     beside = [(package.file, path) for package in packages for path in package.beside_firmware]
     if beside:
         file, path = beside[-1]
-        yield error(file, f"No package brings {program.FIRMWARE}, but {shown(file)} brings {shown(path)}. The program sends only the "
-                    "former, so the update of a control board with V4 in its version fails.",
+        yield error(file, f"No package brings {program.FIRMWARE}, but {shown(file)} brings {shown(path)}. The program "
+                    "sends only the former, so the update of a control board with V4 in its version fails.",
                     f"Name the firmware {program.FIRMWARE_FILE}.")
     elif packages:
-        yield warning("", f"No package brings the firmware of the control board, {program.FIRMWARE}, and no script seems to write "
-                      "it. The update of a control board with V4 in its version fails.",
+        yield warning("", f"No package brings the firmware of the control board, {program.FIRMWARE}, and no script "
+                      "seems to write it. The update of a control board with V4 in its version fails.",
                       f"Add a package with the firmware at {program.FIRMWARE}.")
 
 
@@ -66,4 +68,5 @@ def _fault(file, facts):
         sent = "is empty, and the update of a control board with V4 in its version fails"
     if not sent and facts["size"] > program.LARGEST_IMAGE:
         sent = f"is too large: the program sends at most {program.LARGEST_IMAGE} bytes"
-    return sent and error(file, f"{shown(file)}: the firmware {program.FIRMWARE} {sent}.", "Put the image itself into the package.")
+    return sent and error(file, f"{shown(file)}: the firmware {program.FIRMWARE} {sent}.",
+                          "Put the image itself into the package.")

@@ -98,15 +98,13 @@ def _look_at_root(found, folder, names):
                 "", f"The stick has a folder {shown(name)}, but the machine looks into {program.STICK_FOLDER}.",
                 f"Rename the folder to {program.STICK_FOLDER}."))
         elif name.endswith(".ipk") and not name.startswith("."):
-            found.findings.append(warning(name, f"{shown(name)} lies beside the folder {program.STICK_FOLDER}: the machine "
-                                          "does not find it there.", f"Move it into {program.STICK_FOLDER}."))
+            found.findings.append(_beside(name, name, f"Move it into {program.STICK_FOLDER}."))
     inside = _entries(found.staging)
     if found.staging.exists() and not found.staging.is_dir():
         found.findings.append(error("", f"{program.STICK_FOLDER} is a file on the stick. The machine needs a folder.",
                                     f"Make a folder {program.STICK_FOLDER} and put the packages there."))
     elif program.IMAGE in names:
-        found.findings.append(warning("", f"{program.IMAGE} lies beside the folder {program.STICK_FOLDER}: the machine does "
-                                      "not find it there.", f"Move it into {program.STICK_FOLDER}, or remove it."))
+        found.findings.append(_beside("", program.IMAGE, f"Move it into {program.STICK_FOLDER}, or remove it."))
     images = [name for name in inside if name.endswith(".bin") and not name.startswith(".")]
     if images:
         found.has_image = True
@@ -114,12 +112,17 @@ def _look_at_root(found, folder, names):
     return inside
 
 
+def _beside(package, name, do):
+    return warning(package, f"{shown(name)} lies beside the folder {program.STICK_FOLDER}: the machine does not find "
+                   "it there.", do)
+
+
 def _image_finding(images):
     copied = "" if program.IMAGE in images else (
         f" Nothing is copied to /root/ota, since the program copies only {program.IMAGE}.")
-    return warning("", f"{some(images)} on the stick is an application image: when the button is pressed, the program updates "
-                   "the control board at once, before any package and so without its firmware, and again after the last "
-                   f"package.{copied}", "Remove the image from the stick unless both runs are wanted.")
+    return warning("", f"{some(images)} on the stick is an application image: when the button is pressed, the program "
+                   "updates the control board at once, before any package and so without its firmware, and again "
+                   f"after the last package.{copied}", "Remove the image from the stick unless both runs are wanted.")
 
 
 def _sort(found, names):
@@ -145,11 +148,11 @@ def _sort(found, names):
 def _not_a_file(name, mode, target, kind):
     """What is wrong when a name that is listed is not that of a file."""
     if stat.S_ISLNK(mode) and (kind == "stick" or not stat.S_ISREG(target)):
-        return error(name, f"{shown(name)} is a link. The machine copies the link and not the file, so the package is missing.",
-                     "Replace the link by the file.")
+        return error(name, f"{shown(name)} is a link. The machine copies the link and not the file, so the package is "
+                     "missing.", "Replace the link by the file.")
     if stat.S_ISDIR(target):
-        return error(name, f"{shown(name)} is a folder: the machine lists what it contains, and takes each line of that "
-                     "for a package, so the update fails.", "Rename or remove the folder.")
+        return error(name, f"{shown(name)} is a folder: the machine lists what it contains, and takes each line of "
+                     "that for a package, so the update fails.", "Rename or remove the folder.")
     if not stat.S_ISREG(target):
         return error(name, f"{shown(name)} is no file.", "Remove it.")
     return None
@@ -183,16 +186,18 @@ def _name_findings(name, found):
     said = "; ".join(shown(command, 400) for command in commands)
     ways = [what for expression, what in SHELL if re.search(expression, text)]
     if not data.isascii():
-        ways.append("the program reads the listing as Latin-1 and writes the command as UTF-8, so the command names a file that "
-                    "does not exist")
+        ways.append("the program reads the listing as Latin-1 and writes the command as UTF-8, so the command names a "
+                    "file that does not exist")
     if len(program.STAGED.encode() + data) >= program.PIECE - 1:
-        ways.append(f"the program reads the listing in pieces of {program.PIECE - 1} characters, so the name makes two entries")
+        ways.append(f"the program reads the listing in pieces of {program.PIECE - 1} characters, so the name makes two "
+                    "entries")
     if ways:
         yield error(name, f"{shown(name)} is not installed: {', and '.join(ways)}. The shell gets: {said}", SAFE_NAME)
     elif re.search(r"[*?[]", text):
         yield _pattern_finding(name, found, said)
     elif re.search(r"\{.*(,|\.\.).*\}", text):
-        yield warning(name, f"{shown(name)}: some shells make several names of the braces. The shell gets: {said}", SAFE_NAME)
+        yield warning(name, f"{shown(name)}: some shells make several names of the braces. The shell gets: {said}",
+                      SAFE_NAME)
     elif re.search(r"[^\x20-\x7e]", text):
         yield warning(name, f"{shown(name)} has control characters in its name. The shell gets: {said}", SAFE_NAME)
     elif found.kind == "stick" and len(program.STICK_PATTERN) - len("*.ipk") + len(data) >= program.PIECE - 1:
@@ -203,7 +208,7 @@ def _name_findings(name, found):
 def _pattern_finding(name, found, said):
     fitting = [other for other in found.paths if fnmatch.fnmatchcase(other, name)]
     if fitting in ([], [name]):
-        return warning(name, f"{shown(name)} is a pattern for the shell. It works only as long as no other file fits it. "
-                       f"The shell gets: {said}", SAFE_NAME)
-    return error(name, f"{shown(name)} is a pattern for the shell, which installs what fits it instead: {some(fitting)}. "
-                 f"The shell gets: {said}", SAFE_NAME)
+        return warning(name, f"{shown(name)} is a pattern for the shell. It works only as long as no other file fits "
+                       f"it. The shell gets: {said}", SAFE_NAME)
+    return error(name, f"{shown(name)} is a pattern for the shell, which installs what fits it instead: "
+                 f"{some(fitting)}. The shell gets: {said}", SAFE_NAME)

@@ -1,4 +1,4 @@
-"""Where compressed data is damaged. The package manager does not compare the checksum of gzip, so it is compared here."""
+"""Where compressed data is damaged. The package manager does not compare the checksum of gzip; it is compared here."""
 
 import bz2
 import collections
@@ -20,8 +20,8 @@ Fault = collections.namedtuple("Fault", "offset why")
 
 
 class Unpacked:
-    """The unpacked data of a part of a file, in pieces. `at` is the offset behind what was read, `before` that before the
-    last step. From `careful_from` on each byte is a step."""
+    """The unpacked data of a part of a file, in pieces. `at` is the offset behind what was read, `before` that before
+    the last step. From `careful_from` on each byte is a step."""
 
     def __init__(self, path, start, end, compression, careful_from=None):
         self.at = self.before = start
@@ -51,7 +51,8 @@ class Unpacked:
             self._unpacked += len(piece)
             yield piece
             data = getattr(self._decoder, "unconsumed_tail", b"")
-            if self._decoder.eof or self._unpacked > ENOUGH or not data and getattr(self._decoder, "needs_input", len(piece) < MOST):
+            is_empty = not data and getattr(self._decoder, "needs_input", len(piece) < MOST)
+            if is_empty or self._decoder.eof or self._unpacked > ENOUGH:
                 return
 
 
@@ -78,7 +79,8 @@ def member_at_fault(path, size):
     """The last member of a compressed tar file that can be seen before its damage; empty if none."""
     name = ""
     try:
-        with tarfile.open(fileobj=_Reader(Unpacked(path, 0, size, "gz", 0)), mode="r|", bufsize=tarfile.BLOCKSIZE) as archive:
+        reader = _Reader(Unpacked(path, 0, size, "gz", 0))
+        with tarfile.open(fileobj=reader, mode="r|", bufsize=tarfile.BLOCKSIZE) as archive:
             for member in archive:
                 name = member.name
     except (tarfile.TarError, ValueError, OverflowError, zlib.error, EOFError, OSError):

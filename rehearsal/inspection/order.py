@@ -58,8 +58,9 @@ def findings(packages, installed, architectures):
         yield from _unmet(package, machine, readable[number + 1:])
         yield from _conflicts(package, machine)
         if previous and compare(package.version, previous.version) < 0 and not _is_later(previous, readable):
-            yield warning(package.file, f"{shown(package.file)} is a downgrade: {shown(package.name)} {shown(package.version)} replaces "
-                          f"the installed {shown(previous.version)}.", "Nothing, if you want the older version.")
+            yield warning(package.file, f"{shown(package.file)} is a downgrade: {shown(package.name)} "
+                          f"{shown(package.version)} replaces the installed {shown(previous.version)}.",
+                          "Nothing, if you want the older version.")
         machine.packages[package.name] = package
     yield from _twice(readable, machine.architectures)
 
@@ -70,10 +71,12 @@ def _is_later(previous, packages):
 
 def _foreign(package, machine, previous):
     accepted = ", ".join(sorted(machine.architectures))
-    happens = (f"keeps {shown(previous.version)}, says that it is up to date, and the update goes on as if it were installed"
-               if previous else "refuses it, and the update ends there")
-    return error(package.file, f"{shown(package.file)} is for the architecture {shown(package.architecture)}; the machine takes "
-                 f"{accepted}. The package manager {happens}.", "Build it for the machine, or name its architecture by --architecture.")
+    happens = "refuses it, and the update ends there"
+    if previous:
+        happens = f"keeps {shown(previous.version)}, says that it is up to date, and the update goes on without it"
+    return error(package.file, f"{shown(package.file)} is for the architecture {shown(package.architecture)}; the "
+                 f"machine takes {accepted}. The package manager {happens}.",
+                 "Build it for the machine, or name its architecture by --architecture.")
 
 
 def _unmet(package, machine, later):
@@ -86,22 +89,24 @@ def _unmet(package, machine, later):
         found = [other.file for other in later if any(one[0] in (other.name, *other.provides) and one[0]
                                                       for one in entry["alternatives"])]
         if found and any(coming.meets(one, package) for one in entry["alternatives"]):
-            do = f"{some(found, 1)} brings it, but later: rename the files so that it sorts before {shown(package.file)}."
+            do = f"{some(found, 1)} brings it, but later: rename it so that it sorts before {shown(package.file)}."
         elif found:
-            do = f"{some(found, 1)} brings another version: put the right one on the stick, under a name that sorts before."
+            do = f"{some(found, 1)} brings another version: add the right one, under a name that sorts before."
         elif not all(one[0] for one in entry["alternatives"]):
             do = "Write it as NAME or NAME (>= VERSION): the package manager knows no other form."
         else:
             do = "Add a package that brings it, under a name that sorts before, or have it installed before the update."
-        yield error(package.file, f"{shown(package.file)} depends on {shown(entry['text'])}, which is neither installed nor brought "
-                    "by a package before it. The package manager refuses it, and the update ends there.", do)
+        yield error(package.file, f"{shown(package.file)} depends on {shown(entry['text'])}, which is neither "
+                    "installed nor brought by a package before it. The package manager refuses it, and the update "
+                    "ends there.", do)
 
 
 def _conflicts(package, machine):
     for entry in package.conflicts:
         if any(machine.meets(one, package) for one in entry["alternatives"]):
-            yield warning(package.file, f"{shown(package.file)} conflicts with {shown(entry['text'])}, which is installed by then. "
-                          "The package manager may refuse it.", "Remove the conflict, or the other package.")
+            yield warning(package.file, f"{shown(package.file)} conflicts with {shown(entry['text'])}, which is "
+                          "installed by then. The package manager may refuse it.",
+                          "Remove the conflict, or the other package.")
 
 
 def _twice(packages, architectures):
@@ -117,5 +122,6 @@ def _twice(packages, architectures):
         listed = some((f"{one.file} ({one.version})" for one in files), 10)
         older = any(compare(last.version, one.version) < 0 for one in files)
         remains = "the older one" if older else "the last one"
-        yield warning(last.file, f"{shown(name)} is there {len(files)} times: {listed}. The machine installs them one after the other, "
-                      f"and {remains} remains: {shown(last.version)} of {shown(last.file)}.", "Put one version of it on the stick.")
+        yield warning(last.file, f"{shown(name)} is there {len(files)} times: {listed}. The machine installs them one "
+                      f"after the other, and {remains} remains: {shown(last.version)} of {shown(last.file)}.",
+                      "Put one version of it on the stick.")

@@ -26,6 +26,7 @@ DISK_BLOCK = 4096
 LONGEST_PART, LONGEST_PATH = 255, 4095
 SCRIPTS = ("preinst", "postinst", "prerm", "postrm")
 PARTS = {f"{part}.tar.{compression}": part for part in ("control", "data") for compression in COMPRESSIONS}
+REFUSED = "The package manager refuses it, and the update ends there"
 NEW_COPY = "Build the package again, and compare the file on the stick with what you have built."
 
 # What an entry may be that a package of ours has no use for.
@@ -74,7 +75,7 @@ class _Reading:
         """All of it: the fields of the control file (or None), scripts by name, sizes and findings."""
         try:
             if self._path.stat().st_size == 0:
-                self._complain(error, "is an empty file: the package manager refuses it, and the update ends there", NEW_COPY)
+                self._complain(error, f"is an empty file. {REFUSED}", NEW_COPY)
             else:
                 self._read()
                 self._follow_firmware()
@@ -105,7 +106,7 @@ class _Reading:
             found = compression in integrity.DECODERS and offset < size and integrity.fault(
                 self._path, start, end, compression)
             offset = found.offset if found else offset
-        self._complain_of_damage(member, offset, why, "The package manager refuses it, and the update ends there")
+        self._complain_of_damage(member, offset, why, REFUSED)
 
     def _complain_of_damage(self, member, offset, why, consequence):
         where = f"in its member {shown(member)}, " if member else ""
@@ -122,7 +123,8 @@ class _Reading:
         for name, start, end in places:
             found = integrity.fault(self._path, start, end, "gz")
             if found:
-                self._complain_of_damage(name, *found, "The package manager does not notice it, and installs damaged files")
+                self._complain_of_damage(name, *found,
+                                         "The package manager does not notice it, and installs damaged files")
 
     # ------------------------------------------------------------------ the package file
 
@@ -135,7 +137,8 @@ class _Reading:
                     raise _TooMuch(f"{OUTER_MEMBERS} members, or {UNPACKED} bytes")
                 part = PARTS.get(member.name)
                 if member.offset is not None:
-                    self._places[member.name] = (member.offset, member.offset + member.size, member.name.rpartition(".")[2])
+                    self._places[member.name] = (member.offset, member.offset + member.size,
+                                                 member.name.rpartition(".")[2])
                 if part is None:
                     others.append(member.name)
                 elif part in (PARTS[name] for name in self._names):
@@ -147,9 +150,9 @@ class _Reading:
         for part in ("control", "data"):
             if part not in (PARTS[name] for name in self._names):
                 alike = [name for name in others if name.startswith(part + ".")]
-                has = f" It has {some(alike)}, which the package manager cannot read." if alike else ""
-                self._complain(error, f"has no {part}.tar.* compressed by gzip, xz, bzip2, lz4 or zstd, so the package manager "
-                               f"refuses it.{has}".removesuffix("."), NEW_COPY)
+                has = f". It has {some(alike)}, which the package manager cannot read" if alike else ""
+                self._complain(error, f"has no {part}.tar.* compressed by gzip, xz, bzip2, lz4 or zstd, so the package "
+                               f"manager refuses it{has}", NEW_COPY)
         self._facts["is_readable"] = len(self._names) == 2 and self._facts["fields"] is not None
 
     def _read_control(self, walk, entries):
@@ -235,7 +238,8 @@ class _Reading:
         for kind, (count, paths) in self._seen.items():
             level, text, do = _REPORTS[kind]
             more = f" and {count - len(paths)} more" if count > len(paths) else ""
-            self._findings.append(level(self._file, f"{shown(self._file)}: {', '.join(map(shown, paths))}{more} {text}.", do))
+            listed = ", ".join(map(shown, paths))
+            self._findings.append(level(self._file, f"{shown(self._file)}: {listed}{more} {text}.", do))
 
 
 def _firmware(walk, entry):
@@ -268,20 +272,24 @@ def _on_disk(size):
 
 # What can be wrong with an entry, and what the finding says.
 _REPORTS = {
-    "traversal": (error, "leads out of the folder to which the package is unpacked", "Leave out .. in the paths of a package."),
-    "link out": (error, "is a link that leads out of the root of the machine", "Let the link lead to a place on the machine."),
-    "foreign link": (error, "is a hard link to a file that the package has not", "Put the file itself into the package."),
+    "traversal": (error, "leads out of the folder to which the package is unpacked",
+                  "Leave out .. in the paths of a package."),
+    "link out": (error, "is a link that leads out of the root of the machine",
+                 "Let the link lead to a place on the machine."),
+    "foreign link": (error, "is a hard link to a file that the package has not",
+                     "Put the file itself into the package."),
     "below a link": (error, "lies below a link of the package, so the file is written to another place",
                      "Put the file to the place where it belongs."),
     "device": (error, "is a device node", "Leave it out: the system of the machine makes its devices."),
     "special": (warning, "is a FIFO or a socket", "Leave it out, and let the program that needs it make it."),
-    "control link": (error, "of its control archive is no file, but a link or a special file", "Build the package again."),
+    "control link": (error, "of its control archive is no file, but a link or a special file",
+                     "Build the package again."),
     "setuid": (warning, "runs with the rights of its owner (setuid or setgid), whoever starts it",
                "Remove these bits unless they are wanted."),
-    "control characters": (error, "has control characters in its path, which the lists of the package manager cannot hold",
+    "control characters": (error, "has control characters in its path, which the package manager cannot list",
                            "Rename the file."),
     "no name": (error, "has no path that can be read", "Build the package again."),
-    "too long": (error, "has a path that is too long: the file cannot be written, and the screen shows a success all the same",
+    "too long": (error, "has a path that is too long: the file cannot be written, and the screen shows a success",
                  "Shorten the path."),
 } | {f"place {number}": place[1:] for number, place in enumerate(PLACES)}
 

@@ -8,16 +8,16 @@ ASSISTANT = r"update-assistant|ota\.pid"
 NOW = ("preinst", "postinst")  # of the package that is installed; the others run when it is replaced
 
 # Words that stand before a command, and their options.
-PREFIXES = {"exec", "nohup", "sudo", "setsid", "command", "env", "busybox", "then", "do", "else", "elif", "if", "while", "until",
-            "!", "time", "builtin", "nice", "ionice"}
-TELLING = {"echo", "printf", "logger", "wall", ":", "true", "[", "test", "grep", "cat", "touch", "chmod", "chown", "rm", "cp", "mv",
-           "ln", "install", "mkdir", "ls"}
+PREFIXES = {"exec", "nohup", "sudo", "setsid", "command", "env", "busybox", "then", "do", "else", "elif", "if",
+            "while", "until", "!", "time", "builtin", "nice", "ionice", "trap"}
+TELLING = {"echo", "printf", "logger", "wall", ":", "true", "[", "test", "grep", "cat", "touch", "chmod", "chown", "rm",
+           "cp", "mv", "ln", "install", "mkdir", "ls"}
 POWER = {"reboot", "poweroff", "halt", "shutdown", "telinit", "kexec"}
 KILLERS = {"kill", "killall", "killall5", "pkill", "skill", "fuser", "start-stop-daemon"}
-STOPS = {"stop", "restart", "kill", "try-restart", "force-reload", "disable", "mask", "isolate", "reload-or-restart", "condrestart",
-         "force-restart", "down", "force-stop"}
-SYSTEM_STATES = {"reboot", "poweroff", "halt", "kexec", "rescue", "emergency", "isolate", "soft-reboot", "suspend", "hibernate",
-                 "exit", "switch-root"}
+STOPS = {"stop", "restart", "kill", "try-restart", "force-reload", "disable", "mask", "isolate", "reload-or-restart",
+         "condrestart", "force-restart", "down", "force-stop"}
+SYSTEM_STATES = {"reboot", "poweroff", "halt", "kexec", "rescue", "emergency", "isolate", "soft-reboot", "suspend",
+                 "hibernate", "exit", "switch-root"}
 
 
 def findings(package):
@@ -38,22 +38,23 @@ def brings_firmware(package):
 def _form(file, name, script):
     first = script["text"].partition("\n")[0]
     if not script["mode"] & 0o100:
-        yield error(file, f"{shown(file)}: its {name} is not executable (mode {script['mode']:o}). It cannot be run, and the update "
-                    "ends there.", f"Make it executable: chmod 755 {name}.")
+        yield error(file, f"{shown(file)}: its {name} is not executable (mode {script['mode']:o}). It cannot be run, "
+                    "and the update ends there.", f"Make it executable: chmod 755 {name}.")
     if "\r" in first:
-        yield error(file, f"{shown(file)}: the first line of its {name} ends in CR LF, so its interpreter is not found, and the "
-                    "update ends there.", "Save the script with line feeds only.")
+        yield error(file, f"{shown(file)}: the first line of its {name} ends in CR LF, so its interpreter is not "
+                    "found, and the update ends there.", "Save the script with line feeds only.")
     elif first.startswith("#!") and first[2:].split()[:1] not in (["/bin/sh"], []):
-        yield warning(file, f"{shown(file)}: its {name} needs {shown(first[2:].split()[0])}. Without it on the machine the update "
-                      "ends there.", "Write it for /bin/sh, or make sure that the machine has the interpreter.")
+        yield warning(file, f"{shown(file)}: its {name} needs {shown(first[2:].split()[0])}. Without it on the "
+                      "machine the update ends there.",
+                      "Write it for /bin/sh, or make sure that the machine has the interpreter.")
 
 
 def _ends_the_assistant(file, name, command):
     if name in NOW:
         return error(file, f"{shown(file)}: its {name} would end the update that installs it: {shown(command)}",
                      "Remove this from the script. The machine is switched off and on after the update.")
-    return warning(file, f"{shown(file)}: its {name} would end a later update that replaces the package: {shown(command)}",
-                   "Remove this from the script.")
+    return warning(file, f"{shown(file)}: its {name} would end a later update that replaces the package: "
+                   f"{shown(command)}", "Remove this from the script.")
 
 
 def _ending_command(text):
@@ -106,5 +107,7 @@ def _kills(name, rest, line, names_the_assistant):
         return bool(re.search(ASSISTANT, line)) and any(word in ("-K", "--stop") for word in rest)
     if name == "kill":
         # With a variable, the process may be the one of which the script knows the pid file or the name.
-        return "-1" in rest[1:] or bool(re.search(ASSISTANT, line)) or names_the_assistant and "$" in line and "-0" not in rest
+        if "-1" in rest[1:] or re.search(ASSISTANT, line):
+            return True
+        return names_the_assistant and "$" in line and "-0" not in rest
     return bool(re.search(ASSISTANT, line))

@@ -87,7 +87,7 @@ def embedded(folder, picture):
         path = (folder / picture["file"]).resolve()
         if path.is_relative_to(folder.resolve()) and path.is_file() and path.stat().st_size <= MOST_PICTURE:
             content = path.read_bytes()
-            if content.startswith(PNG) and content[12:16] == b"IHDR":
+            if content.startswith(PNG):
                 return Markup("data:image/png;base64," + base64.b64encode(content).decode("ascii"))
     except (OSError, ValueError):
         pass
@@ -116,7 +116,7 @@ def bounded(lines):
 
 def grouped(findings):
     """The findings, errors first, with those of the same text as one that has several packages."""
-    groups = collections.OrderedDict()
+    groups = {}
     for finding in sorted(findings, key=lambda finding: finding["level"] != "error"):
         key = finding["level"], finding["text"], finding["do"]
         groups.setdefault(key, []).append(finding["package"])
@@ -157,6 +157,8 @@ class Verdict:
             return Markup('It ends at <bdi class="name" dir="ltr">{}</bdi>.').format(marked(self._failed[0], most=MOST_NAME, is_name=True))
         if not self._facts["packages"]:
             return "No package was found where the program looks for packages."
+        if not self._facts["timeline"]:
+            return "It was not run, because of what was found."
         return "The rehearsal did not end in success."
 
     @property
@@ -168,8 +170,11 @@ class Verdict:
         # What the builder changes. What the failure manual says is for the technician.
         errors = [finding for finding in self._facts["findings"] if finding["level"] == "error" and finding["do"]]
         errors.sort(key=lambda finding: finding["package"] not in self._failed)
-        cause = self._facts["cause"]
-        return errors[0]["do"] if errors else cause["do"] if cause else "Read the findings below."
+        known = errors + [cause for cause in [self._facts["cause"]] if cause and cause["do"]]
+        if known:
+            return known[0]["do"]
+        return "Read the findings and the console below." if self._facts["packages"] else \
+            "Bring packages, with names that end in .ipk."
 
     @property
     def figures(self):

@@ -39,6 +39,10 @@ def pieces(text, kept="", most=MOST, is_name=False):
 
     The characters in `kept` stay as they are. Of a name, blanks at the ends are escaped, too.
     """
+    is_trimmed = not is_name or text == text.strip(" ")
+    if len(text) <= most and text.isascii() and text.isprintable() and is_trimmed:
+        yield text, False  # as nearly all are
+        return
     head, length = [], 0
     for number, piece in enumerate(_characters(text, kept, is_name)):
         length += len(piece[0])

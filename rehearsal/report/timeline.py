@@ -40,24 +40,13 @@ def axis(whole, spell):
     return [{"at": _share(i * step, whole), "text": spell(i * step)} for i in range(int(whole / step + 1e-9) + 1)]
 
 
-def _runs(columns):
-    """Neighbouring columns as pairs (first, end)."""
-    runs = []
-    for column in sorted(columns):
-        if runs and runs[-1][1] == column:
-            runs[-1][1] = column + 1
-        else:
-            runs.append([column, column + 1])
-    return runs
-
-
 def _path(columns):
-    """The outline of ticks in a drawing of COLUMNS by 10."""
-    return Markup("".join(f"M{first} 0H{end - .4:g}V10H{first}Z" for first, end in _runs(columns)))
+    """The ticks as lines in a drawing of COLUMNS by 10."""
+    return Markup("".join(f"M{column} 0V10" for column in sorted(columns)))
 
 
 def ticks(blocks, start, whole):
-    """The blocks as two outlines, those that were taken and those that were not."""
+    """The blocks as two paths, those that were taken and those that were not."""
     good, bad = set(), set()
     for at, state in blocks:
         column = int((at - start) / whole * COLUMNS)

@@ -21,8 +21,8 @@ AR_HEADER = 60
 
 # A member of the package file. `offset` is that of its data in an ar archive, None in a compressed one.
 Member = collections.namedtuple("Member", "name offset size")
-# A member of control.tar.* or data.tar.*. `path` has no "./" or "/" in front, `raw` is as it stands. `link` is the target
-# of a symbolic link, `hardlink` that of a hard one, else they are empty.
+# A member of control.tar.* or data.tar.*. `path` has no "./" or "/" in front, `raw` is as it stands. `link` is the
+# target of a symbolic link, `hardlink` that of a hard one, else they are empty.
 Entry = collections.namedtuple("Entry", "path raw mode size link hardlink")
 
 
@@ -68,7 +68,8 @@ class Walk:
             name = os.fsdecode(_relative(_archive.entry_pathname(entry)))
             self._member = Member(name, offset, _archive.entry_size(entry))
             if self._is_ar and offset + self._member.size > self._size:
-                raise Damage(name, self._size, f"the file ends {offset + self._member.size - self._size} bytes too early")
+                missing = offset + self._member.size - self._size
+                raise Damage(name, self._size, f"the file ends {missing} bytes too early")
             yield self._member
 
     def entries(self, member):

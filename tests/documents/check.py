@@ -46,6 +46,8 @@ COMMANDS = {
     "scripts/explain": "needs the console of a machine; the tests `tst_explain.*` run it on many",
     "scripts/faults": "the test `faults` runs the whole table, `faults_page` checks the page",
     "scripts/lint": "the tests `lint.*` run its quick checks; clang-tidy takes minutes",
+    "python3 tests/rehearsal/run_sets.py": "the test `rehearsal_sets` runs all of them",
+    "scripts/rehearse": "the tests `tst_rehearse.*` and `rehearsal_sets` run it",
     "scripts/test": "builds and runs everything, this check too; the CI runs it",
 }
 

@@ -1,9 +1,16 @@
-"""A headless Chromium, driven by its DevTools protocol over a pair of pipes."""
+"""A headless Chromium, driven by its DevTools protocol over a pair of pipes.
 
+    python3 tests/rehearsal/browser.py PAGE PICTURE [--width 1000] [--height 900] [--scheme light]
+
+takes a picture of the upper part of a page, such as the one in README.md.
+"""
+
+import argparse
 import base64
 import fcntl
 import json
 import os
+import pathlib
 import select
 import shutil
 import subprocess
@@ -174,10 +181,29 @@ class Browser:
         assert "exceptionDetails" not in answer, answer
         return answer["result"].get("value")
 
-    def picture(self):
-        """The whole page as PNG."""
-        return base64.b64decode(self._call("Page.captureScreenshot", format="png", captureBeyondViewport=True)["data"])
+    def picture(self, width, height):
+        """The upper left part of the page as PNG."""
+        part = {"x": 0, "y": 0, "width": width, "height": height, "scale": 1}
+        data = self._call("Page.captureScreenshot", format="png", captureBeyondViewport=True, clip=part)["data"]
+        return base64.b64decode(data)
 
     def pdf(self):
         """The page as PDF, as the printer would get it."""
         return base64.b64decode(self._call("Page.printToPDF", printBackground=True)["data"])
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("page", type=pathlib.Path)
+    parser.add_argument("picture", type=pathlib.Path)
+    parser.add_argument("--width", type=int, default=1000)
+    parser.add_argument("--height", type=int, default=900)
+    parser.add_argument("--scheme", choices=("light", "dark"), default="light")
+    arguments = parser.parse_args()
+    with Browser() as browser:
+        browser.open(arguments.page.resolve(), arguments.width, arguments.scheme)
+        arguments.picture.write_bytes(browser.picture(arguments.width, arguments.height))
+
+
+if __name__ == "__main__":
+    main()

@@ -120,6 +120,7 @@ def hostile(project, folder):
 
     for key in sorted(facts.keys() - {"verdict", "options"}):
         facts[key] = spoiled(facts[key], key)
+    facts["source"] = HOSTILE[2]
     facts["options"] = {"--board-version": HOSTILE[0], HOSTILE[6]: [HOSTILE[7], HOSTILE[8]]}
     facts["order"] = HOSTILE
     facts["packages"] = [_package(name, name, name, status) | {"name": name, "architecture": name}

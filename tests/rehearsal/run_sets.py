@@ -66,7 +66,14 @@ def differences(row, status, report):
         yield f"the verdict: expected {row.verdict}, is {facts['verdict']}"
     missing, more = compared(row.findings, facts["findings"])
     yield from (f"missing: {finding}" for finding in missing)
-    yield from (f"beside those expected: {finding['level']}: {finding['package']}: {finding['text']}" for finding in more)
+    blamed = {one["package"] for one in more if one["level"] == "error"}
+    if row.verdict == "failure" and facts["pictures"]:  # it ran
+        expected = {package for level, package, _ in row.findings if level == "error"} or {""}
+        expected = expected if row.at_fault is None else {row.at_fault}
+        if not blamed or blamed - expected:
+            yield f"the package at fault: expected {expected}, is {blamed}"
+        more = [one for one in more if one["level"] != "error"]
+    yield from (f"beside those expected: {one['level']}: {one['package']}: {one['text']}" for one in more)
     has_error = any(finding["level"] == "error" for finding in facts["findings"])
     if row.verdict == "failure" and not has_error:
         yield "no error finding names what failed"
@@ -76,8 +83,7 @@ def differences(row, status, report):
 
 
 def compared(expected, found):
-    """The expected findings that are not there, and those that are there beside them. An error that tells of the run is
-    always there when it failed."""
+    """The expected findings that are not there, and those that are there beside them."""
     found, missing = list(found), []
     for level, package, text in expected:
         match = next((one for one in found if (one["level"], one["package"]) == (level, package) and text in one["text"]), None)

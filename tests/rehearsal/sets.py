@@ -25,7 +25,7 @@ COMPRESS = {
     "bz2": bz2.compress,
     "none": lambda data: data,
 }
-KINDS = {"symlink": tarfile.SYMTYPE, "hardlink": tarfile.LNKTYPE, "device": tarfile.CHRTYPE, "block device": tarfile.BLKTYPE,
+KINDS = {"symlink": tarfile.SYMTYPE, "hardlink": tarfile.LNKTYPE, "device": tarfile.CHRTYPE,
          "fifo": tarfile.FIFOTYPE, "folder": tarfile.DIRTYPE, "file": tarfile.REGTYPE}
 
 
@@ -37,13 +37,14 @@ class Built:
 
 @dataclasses.dataclass
 class Set:
-    """A row. `put` has what lies in the folder, or on the stick, by path: the name of a package of sets.toml, or a table."""
+    """A row. `put` has what lies in the folder, or on the stick, by path: the name of a package, or a table."""
 
     name: str
     put: dict
     verdict: str  # of the run alone: success or failure
     templates: dict
     findings: list = dataclasses.field(default_factory=list)  # all of them: level, package, part of the text
+    at_fault: str = None  # the package that the run's own error names; default: one of those in `findings`
     kind: str = "folder"
     installed: dict = dataclasses.field(default_factory=dict)  # the previous release, as in `put`
     stick: bool = False  # press the button
@@ -106,15 +107,15 @@ def content_of(what):
     return data[:what.get("cut", len(data))]
 
 
-def package(name="base", version="1.0", architecture="all", fields=None, without=(), files=None, scripts=None, entries=(),
-            control_entries=(), firmware=None, size=None, form="ar", compression="gz", members=("control", "data"),
-            script_mode=0o755, control=None):
+def package(name="base", version="1.0", architecture="all", fields=None, without=(), files=None, scripts=None,
+            entries=(), control_entries=(), firmware=None, size=None, form="ar", compression="gz",
+            members=("control", "data"), script_mode=0o755, control=None):
     """The bytes of a package file.
 
-    `files` has contents by path, `entries` special members of data.tar (path, kind, target, mode, content or `zeros`, `claims`
-    for a size without the bytes, `times` for many of them), `control_entries` those of control.tar. `firmware` is the
-    size of an image at root/mcu/UpdataSystem.bin. `size` is the stated Installed-Size, 0 for none; default: the true one.
-    `form` is ar or tar.gz.
+    `files` has contents by path, `entries` special members of data.tar (path, kind, target, mode, content or `zeros`,
+    `claims` for a size without the bytes, `times` for many of them), `control_entries` those of control.tar. `firmware`
+    is the size of an image at root/mcu/UpdataSystem.bin. `size` is the stated Installed-Size, 0 for none; default: the
+    true one. `form` is ar or tar.gz. `control` is the text of the control file.
     """
     files = {path: content.encode() for path, content in (files or {}).items()}
     if firmware is not None:
@@ -137,7 +138,8 @@ def package(name="base", version="1.0", architecture="all", fields=None, without
     inner = {f"{part}.tar{ending}": COMPRESS[compression](parts[part]) for part in members}
     inner = {"debian-binary": b"2.0\n"} | inner
     if form == "tar.gz":
-        return gzip.compress(_tar([{"path": f"./{member}", "content": content} for member, content in inner.items()]), mtime=0)
+        outer = _tar([{"path": f"./{member}", "content": content} for member, content in inner.items()])
+        return gzip.compress(outer, mtime=0)
     return b"!<arch>\n" + b"".join(_ar_member(member, content) for member, content in inner.items())
 
 

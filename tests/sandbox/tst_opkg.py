@@ -1,6 +1,7 @@
 """The stand-ins on the machine, and the example packages."""
 
 import fcntl
+import json
 import os
 import pathlib
 import shutil
@@ -239,6 +240,18 @@ def everyCallIsRecorded(machine):
     opkg(machine, "install", *FORCE, "undefined", status=255)
     opkg(machine, "upgrade", "x", status=1)
     same([*install_calls("undefined"), "opkg upgrade x"], machine.calls())
+
+
+def recordHasTimesAndStatuses(machine):
+    watched = pathlib.Path("/run/machine/watched")
+    variables = {"SANDBOX_RECORD": "/run/machine/record", "SANDBOX_WATCH": str(watched)}
+    opkg(machine, "list-installed", **variables)
+    watched.write_text("four", encoding="ascii")
+    opkg(machine, "install", "undefined", status=255, **variables)
+    first, second = map(json.loads, text_of("/run/machine/record").splitlines())
+    same((["list-installed"], 0, None), (first["arguments"], first["status"], first["watched"]))
+    same((["install", "undefined"], 255, 4), (second["arguments"], second["status"], second["watched"][0]))
+    assert first["from"] < first["to"] <= second["from"] < second["to"], (first, second)
 
 
 def handOverIsRecorded(machine):

@@ -142,6 +142,44 @@ def readOnlyFolderIsNotWritten(folder):
     sandbox("--read-only", "/tmp/ota", "touch", "/tmp/file")
 
 
+def placeIsReadOnly(folder):
+    (folder / "a=b").mkdir()
+    (folder / "a=b/file").write_text("host\n", encoding="ascii")
+    place = f"/mnt/stick={folder}/a=b"
+    same("host\n", sandbox("--place", place, "cat", "/mnt/stick/file"))
+    sandbox("--place", place, "touch", "/mnt/stick/other", status=1)
+    sandbox("--place", f"/mnt={folder}/none", "true", status=125)
+    sandbox("--place", folder, "true", status=125)
+
+
+def diskInAFolderStays(folder):
+    disk = folder / "disk"
+    disk.mkdir()
+    kind = run("stat", "--file-system", "--format=%T", disk).stdout.strip()
+    if kind not in ("ext2/ext3", "xfs", "btrfs", "f2fs"):
+        raise unittest.SkipTest(f"the file system of {folder}, {kind}, carries no disk of a machine")
+    sandbox("--private", "--disk", disk, "sh", "-c", "for dir in /usr /etc /tmp /root; do echo inside >$dir/own; done")
+    same(4, sum(path.name == "own" and text_of(path) == "inside\n" for path in disk.rglob("own")))
+    assert not os.path.exists("/usr/own")
+    sandbox("--disk", folder / "none", "true", status=125)
+
+
+def privateMachineHidesTheHost(folder):
+    (folder / "file").touch()
+    for path in ("/home", "/boot", "/etc/shadow", "/etc/hostname", "/var/lib/dpkg", PROJECT / "src", folder / "file"):
+        sandbox("--private", "test", "-e", path, status=1)
+    sandbox("--private", "--show", folder, "test", "-e", folder / "file")
+    assert "secret" not in sandbox("--private", "env", SECRET="secret", DISPLAY=":secret")
+    same("root\n", sandbox("--private", "id", "-un"))
+
+
+def machineWithoutNetworkIsAlone(_):
+    def routes(*options):
+        return len(sandbox(*options, "cat", "/proc/net/dev").splitlines())
+
+    same(3, routes("--no-network"))  # two lines of titles and the loopback
+
+
 def projectUnderTmpIsVisible(folder):
     project = folder / "project"
     shutil.copytree(PROJECT / "sandbox", project / "sandbox", symlinks=True)
