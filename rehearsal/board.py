@@ -24,7 +24,7 @@ from .options import WrongUse, shown
 PROJECT = pathlib.Path(__file__).resolve().parents[1]
 SYSTEM = PROJECT / "build/board-machine"  # see scripts/board-lib
 PACKAGE = PROJECT / "build/board-package"
-SETTINGS = "console=ttyAMA0 quiet loglevel=3 systemd.show_status=0 systemd.getty_auto=0"
+SETTINGS = "console=ttyAMA0 quiet loglevel=3 systemd.show_status=0 systemd.getty_auto=0 systemd.firstboot=0"
 ARCHITECTURES = ("all", "noarch", "armhf")
 SLOWER = 5  # the emulator, than the host; the limits are meant for the host
 ROOM = 1 << 30  # of the board's disk, beyond what is needed
