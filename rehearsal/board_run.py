@@ -39,6 +39,7 @@ BOOT_S = 400  # until the first shell
 LONGEST_SETTLING_S = 240  # of the start of the system
 IDLE, IDLE_S = 0.9, 4  # the system has started when its processor has been idle for so long
 START_S = 120
+SLOWER = 4  # the emulator, than the host
 AUTOMATIC_MOUNT_S = 10
 FRAME_S, LIFE_S, LOOK_S = 0.25, 3, 1  # how often the screen, the program and the firmware are looked at
 LARGEST_FIRMWARE = 16 << 20
@@ -333,6 +334,10 @@ class BoardRehearsal(Rehearsal):
             self.watch.want("end", "The end of the update")
             self.watch.take_wanted()
         return outcome
+
+    def await_(self, what, condition, limit, how="limit"):
+        """The short limits are those of the host."""
+        super().await_(what, condition, limit if limit >= START_S else SLOWER * limit, how)
 
     def record(self, status, index, since):
         """What the stand-in of the simulated machine records of a call."""
