@@ -15,6 +15,7 @@ from rehearsal.host import HostError
 
 ELF = b"\x7fELF\x01\x01\x01" + bytes(9) + b"\x02\x00\x28\x00" + bytes(44)  # for 32-bit ARM
 ELF_AMD64 = b"\x7fELF\x02\x01\x01" + bytes(9) + b"\x02\x00\x3e\x00" + bytes(44)
+ELF_I386 = ELF[:18] + b"\x03" + ELF[19:]
 NEEDS = {"libc.so.6": ["GLIBC_2.4", "GLIBC_2.34"], "libQt5Core.so.5": ["Qt_5"], "libgcc_s.so.1": ["GCC_3.5"]}
 FOLDERS = ["dev", "proc", "sys", "tmp", "root", "mnt/nand_disk", "usr/bin"]
 QML = "usr/lib/arm-linux-gnueabihf/qt5/qml"
@@ -93,7 +94,7 @@ LACKS = [
     (without("usr/bin/sh"), "It has no /bin/sh"),
     (without("usr/bin/dash"), "It has no /bin/sh"),
     (without(**{"usr/bin/dash": ELF_AMD64}), "Its /bin/sh is not for 32-bit ARM"),
-    (without(**{"usr/lib/systemd/systemd": ELF_AMD64}), "Its /sbin/init is not for 32-bit ARM"),
+    (without(**{"usr/lib/systemd/systemd": ELF_I386}), "Its /sbin/init is not for 32-bit ARM"),
     *((without(name), f"It has no folder /{name}: ") for name in FOLDERS[:-1]),
     (without("mnt/nand_disk", **{"mnt/nand_disk": b"a file"}), "It has no folder /mnt/nand_disk"),
     *((without(f"usr/bin/{name}"), f"It has no command {name} in ") for name in ("opkg", "ls", "cp", "mkdir", "rm")),
