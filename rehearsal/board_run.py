@@ -52,8 +52,8 @@ machine_run.START_S = START_S  # the emulator is slower than the host
 
 VERSIONS = {
     "system": "sed -n 's/^PRETTY_NAME=//p' /etc/os-release | tr -d '\"'", "kernel": "uname -r",
-    "Qt": "find /lib/ /usr/lib/ -name 'libQt5Core.so.5.*' 2>/dev/null | sed 's/.*so.//'",
-    "C library": "find /lib/ /usr/lib/ -name 'libc.so.6' -exec strings {} ';' 2>/dev/null | sed -n 's/^GNU C Library //p'",
+    "Qt": "find /lib/ /usr/lib/ -name 'libQt5Core.so.5.*' -type f | sed 's/.*so.//'",
+    "C library": "find /lib/ /usr/lib/ -name 'libc.so.6' -exec strings {} ';' | sed -n 's/^GNU C Library (\\(.*\\)) .*/\\1/p'",
     "opkg": "opkg --version",
 }
 
