@@ -10,7 +10,7 @@ import time
 PROJECT = pathlib.Path(__file__).resolve().parents[1]
 sys.path[:0] = [str(PROJECT), str(PROJECT / "sandbox"), str(PROJECT / "tests/faults")]
 
-from rehearsal import comparison, host, options, report, timeline
+from rehearsal import board, comparison, host, options, report, timeline
 from rehearsal.host import HostError, Interrupt, Machine, ended_by_signals
 from rehearsal.inspection import Settings, after, host_architectures, inspect
 from rehearsal.options import WrongUse, shown
@@ -30,6 +30,8 @@ def main():
         given = options.parse(sys.argv[1:])
         with ended_by_signals():
             options.check(given)
+            if given.on:
+                board.check(given)
             return rehearse(given)
     except WrongUse as error:
         return options.say(error)
@@ -48,10 +50,12 @@ def rehearse(given):
     inspection = inspect(given.folder, settings(given, previous))
     facts = comparison.first_facts(given, inspection, started)
     if inspection.may_run and (previous is None or previous.may_run):
-        with Machine(given.build, needed(inspection, previous)) as machine:
+        with machine_for(given, needed(inspection, previous)) as machine:
             run = follow(machine, given, inspection, previous, progress)
             comparison.compare(facts, run, machine, given, inspection)
             facts["timeline"] = timeline.lanes(run, machine)
+            for system in run.all("system"):
+                facts["versions"] = board.versions(facts["versions"], system["versions"])
             facts["seconds"] = round(progress.seconds(), 1)
             page = write(given, facts, machine)
     else:
@@ -61,8 +65,13 @@ def rehearse(given):
     return summary(facts, page)
 
 
+def machine_for(given, bytes_written):
+    return board.Machine(given, bytes_written) if given.on else Machine(given.build, bytes_written)
+
+
 def settings(given, previous):
-    return Settings(architectures=(*host_architectures(), *given.architectures),
+    own = board.ARCHITECTURES if given.on else host_architectures()
+    return Settings(architectures=(*own, *given.architectures),
                     installed=after(previous) if previous else {}, room=given.room)
 
 
@@ -98,7 +107,9 @@ def follow(machine, given, inspection, previous, progress):
         "board_limit": board_limit(given),
     }
     run = Run(plan)
-    for event in machine.run(plan, machine_options(machine, given, inspection, previous, is_stick), given.opkg):
+    events = (machine.update(plan, inspection, previous) if given.on else
+              machine.run(plan, machine_options(machine, given, inspection, previous, is_stick), given.opkg))
+    for event in events:
         if event is None:
             progress.tick()
         else:
@@ -165,7 +176,9 @@ def copies_of_links(machine, inspection):
 def show(progress, event, inspection):
     kind = event["event"]
     count = len(inspection.order)
-    if kind == "previous":
+    if kind == "step":
+        progress.say(event["text"])
+    elif kind == "previous":
         progress.say(f"previous release: package {event['index'] + 1} of {event['of']}: {event['file']}")
     elif kind == "program":
         progress.say("the program has started")

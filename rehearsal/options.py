@@ -37,6 +37,8 @@ def parse(words):
     parser.add_argument("--no-board", action="store_true")
     parser.add_argument("--fault", action="append", default=[], dest="faults", metavar="KIND[=VALUE][@PLACE]")
     parser.add_argument("--real-pace", action="store_true")
+    parser.add_argument("--on", choices=("board",))
+    parser.add_argument("--root", metavar="TAR")
     parser.add_argument("--limit", type=seconds)
     parser.add_argument("--opkg", choices=("stand-in", "real"), default="stand-in")
     parser.add_argument("--report", type=pathlib.Path, default=PROJECT / "build/rehearsal", metavar="DIR")
@@ -46,6 +48,8 @@ def parse(words):
     options.room = dict(options.room)
     if options.no_board and (options.faults or options.real_pace or options.board_version is not None):
         raise WrongUse("--no-board leaves no board for --board-version, --fault or --real-pace")
+    if options.root and not options.on:
+        raise WrongUse("--root is for --on board")
     return options
 
 
@@ -144,7 +148,7 @@ def given(options):
     facts = {"--stick": options.stick, "--installed": options.installed, "--architecture": options.architectures,
              "--room": [f"{folder}={size}" for folder, size in options.room.items()],
              "--board-version": options.board_version, "--no-board": options.no_board, "--fault": options.faults,
-             "--real-pace": options.real_pace, "--limit": options.limit,
+             "--real-pace": options.real_pace, "--on": options.on, "--root": options.root, "--limit": options.limit,
              "--opkg": "" if options.opkg == "stand-in" else options.opkg}
     return {name: ", ".join(value) if isinstance(value, list) else "yes" if value is True else str(value)
             for name, value in facts.items() if value}

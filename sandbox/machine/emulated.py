@@ -50,9 +50,9 @@ class Link:
                 lines.append(line)
         raise EmulatorError("shell: the emulator has ended")
 
-    def picture(self, file):
-        """Saves the display as a PNG file."""
-        self._ask(("screendump", {"filename": os.path.abspath(file), "format": "png"}))
+    def picture(self, file, form="png"):
+        """Saves the display as a PNG or PPM file."""
+        self._ask(("screendump", {"filename": os.path.abspath(file), "format": form}))
 
     def click(self, x, y):
         """Clicks at a point of the display; x and y are fractions of its width and height."""
@@ -110,29 +110,38 @@ def _input_events(*events):
 class Emulator(Process):
     """The emulator. All devices are below 4 GB, where a 32-bit processor reaches them."""
 
-    def __init__(self, system, results, sockets):
+    def __init__(self, results, sockets, boot, shell, has_line):
+        """`boot` are the options with kernel, ram disk and drives, `shell` the name of the port to the shell. Without
+        `has_line` there is no serial adapter."""
         super().__init__(os.environ, "qemu-system-arm", results / "emulator.log")
         self._options = [
-            "-M", "virt,highmem=off", "-cpu", "cortex-a15", "-m", "512",
-            "-nodefaults", "-display", "none", "-nic", "none",
-            "-kernel", system / "vmlinuz", "-initrd", system / "ramdisk", "-append", "console=ttyAMA0",
+            "-M", "virt,highmem=off", "-cpu", "cortex-a15",
+            "-nodefaults", "-display", "none", "-nic", "none", *boot,
             "-chardev", f"file,id=console,path={results}/console.log", "-serial", "chardev:console",
-            # Changes of the disk are lost when the emulator ends.
-            "-drive", f"if=none,id=disk,format=raw,snapshot=on,file={system}/disk",
-            "-device", "virtio-blk-pci,drive=disk",
-            "-device", "virtio-gpu-pci", "-device", "virtio-tablet-pci",
+            "-device", f"virtio-gpu-pci,xres={WIDTH},yres={HEIGHT}", "-device", "virtio-tablet-pci",
             "-device", "qemu-xhci", "-drive", f"if=none,id=stick,format=raw,file={results}/stick",
-            "-chardev", f"serial,id=line,path={sockets}/line", "-device", "usb-serial,chardev=line",
             "-device", "virtio-serial-pci",
             "-chardev", f"socket,id=shell,server=on,wait=off,path={sockets}/shell",
-            "-device", "virtserialport,chardev=shell,name=shell",
+            "-device", f"virtserialport,chardev=shell,name={shell}",
             "-qmp", f"unix:{sockets}/emulator,server=on,wait=off",
         ]
+        if has_line:
+            self._options += ["-chardev", f"serial,id=line,path={sockets}/line", "-device", "usb-serial,chardev=line"]
         self._socket = sockets / "emulator"
 
     def start(self):
         self._start([*self.command, *self._options], self.log, "wb")
         await_("the emulator", self._socket.exists, process=self.process)
+
+
+def own_system(system):
+    """Options that boot the system of sandbox/board/make-system. Its changes are lost when the emulator ends."""
+    return ["-m", "512", "-kernel", system / "vmlinuz", "-initrd", system / "ramdisk", "-append", "console=ttyAMA0",
+            *drive("disk", system / "disk", "snapshot=on")]
+
+
+def drive(name, file, how):
+    return ["-drive", f"if=none,id={name},format=raw,{how},file={file}", "-device", f"virtio-blk-pci,drive={name}"]
 
 
 class EmulatedProgram:
@@ -173,16 +182,15 @@ class EmulatedScreen(Display):
 class EmulatedMachine:
     """A complete ARM board in an emulator, with a simulated control board at its serial adapter.
 
-    `system` is a folder made by sandbox/board/make-system, `build` a build tree for the host. The folder
-    `results` contains `stick`, the contents of the stick, and receives the logs. At its exit the machine ends
-    everything that it has started.
+    `boot`, `shell` and `has_line` are for Emulator, `build` is a build tree for the host. The folder `results` contains
+    `stick`, the contents of the stick, and receives the logs. At its exit the machine ends everything that it has started.
     """
 
-    def __init__(self, system, build, results):
+    def __init__(self, boot, build, results, shell="shell", has_line=True):
         self._folder = tempfile.TemporaryDirectory()  # the paths of sockets must be short
         sockets = pathlib.Path(self._folder.name)
         self.link = Link(sockets)
-        self.emulator = Emulator(system, results, sockets)
+        self.emulator = Emulator(results, sockets, boot, shell, has_line)
         self.program = EmulatedProgram(self)
         self.board = Board(os.environ, build / "simulator/boardsim", sockets / "line", results)
         self.screen = EmulatedScreen(self, self.link, sockets)

@@ -39,6 +39,7 @@ COMMANDS = {
     "mkdir -p build/found": "needs the fuzzing programs, which only clang builds",
     "sandbox/run --state": "installs packages that only a reader has",
     "scripts/bench": "measures, which the other tests would disturb; run before a release",
+    "scripts/board-root": "makes a system from downloaded packages, which takes minutes; run before a release",
     "scripts/board": "downloads a system, and takes minutes to boot it; run before a release",
     "python3 explain.pyz": "the test `tst_explain.oneFileRunsElsewhere` runs such a file",
     "scripts/coverage": "builds the tree anew and runs every test; run before a release",
