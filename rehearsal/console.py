@@ -16,8 +16,9 @@ GOOD = re.compile("|".join((
     r"ls: cannot access '/mnt/update_ipk/\*\.bin'", r"qml: (?:ota=+|result:) ",
     r"(?:Installing|Upgrading|Downgrading|Reinstalling) \S+ .*(?:on root\.|root\.\.\.)$", r"Configuring \S+\.$",
     # dpkg behind the name opkg, and a BusyBox system
-    r"Selecting previously unselected package |\(Reading database |Preparing to unpack |Unpacking |Setting up |dpkg: warning: downgrading ",
-    r"ls: /(?:(?:tmp/ota|mnt/nand_disk/update_ipk)/\*\.ipk|mnt/update_ipk/\*\.bin): No such file", r"QStandardPaths: XDG_RUNTIME_DIR not set",
+    r"Selecting previously unselected package |\(Reading database |Preparing to unpack |Unpacking |Setting up ",
+    r"dpkg: warning: downgrading ", r"ls: /(?:(?:tmp/ota|mnt/nand_disk/update_ipk)/\*\.ipk|mnt/update_ipk/\*\.bin): No such file",
+    r"QStandardPaths: XDG_RUNTIME_DIR not set",
     r"Removing obsolete file ", r" \* remove_obsolesced_files: unlinking  failed: No such file or directory\.$",
     r" \* opkg_install_pkg: Failed to determine obsolete files from previously installed \S+$", r"(?:mkdir|rm): cannot \w+ .*'/(?:tmp/ota|root/\*\.txt|root/mcu/\*)'")))
 

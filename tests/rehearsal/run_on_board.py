@@ -1,7 +1,7 @@
 """Rehearses update sets on the emulated ARM board: with its own system, and with a root file system that is not ours.
 
     scripts/board-root && scripts/board-root --with-assistant
-    tests/rehearsal/run_on_board.py [ROW...]
+    python3 tests/rehearsal/run_on_board.py [ROW...]
 
 It is no test of the CI: each row takes minutes.
 """
