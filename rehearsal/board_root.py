@@ -15,7 +15,7 @@ import re
 import stat
 import subprocess
 
-from ipk.packagefile import _archive, _opened, _relative, ARCHIVE_EOF, ARCHIVE_OK, ARCHIVE_WARN, BUFFER
+from ipk.packagefile import _archive, _opened, _relative, ARCHIVE_EOF, ARCHIVE_OK, ARCHIVE_WARN
 
 MOST_ENTRIES = 500_000
 MOST_BYTES = 8 << 30
@@ -60,9 +60,17 @@ class RootError(Exception):
 
 def read(path):
     """Reads the archive. Returns a Root. Raises RootError."""
+    try:
+        with open(path, "rb", buffering=0) as file:
+            return _read(file)
+    except OSError as fault:
+        raise RootError(f"it is no tar archive: {fault.strerror}") from fault
+
+
+def _read(file):
     root = Root()
-    with _opened(("tar",), ("gzip", "xz", "bzip2", "lz4", "zstd")) as archive:
-        if _archive.read_open_filename(archive, os.fsencode(path), BUFFER) != ARCHIVE_OK:
+    with _opened(file.readinto, None, ("tar",), ("gzip", "xz", "bzip2", "lz4", "zstd")) as (archive, is_open):
+        if not is_open:
             raise RootError(f"it is no tar archive: {_why(archive)}")
         while True:
             entry = ctypes.c_void_p()
