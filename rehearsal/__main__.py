@@ -1,6 +1,8 @@
 """The command scripts/rehearse: inspects packages, runs their update on a simulated machine, and writes the report."""
 
+import contextlib
 import fcntl
+import json
 import os
 import pathlib
 import shutil
@@ -198,8 +200,8 @@ def write(given, facts, machine):
     try:
         fcntl.flock(folder, fcntl.LOCK_EX)
         pictures = given.report / "pictures"
-        shutil.rmtree(pictures, ignore_errors=True)
-        pictures.mkdir()
+        remove_pictures(given.report, pictures)
+        pictures.mkdir(exist_ok=True)
         for picture in facts["pictures"]:
             with machine.file(picture["file"]) as source, open(given.report / picture["file"], "wb") as copy:
                 shutil.copyfileobj(source, copy)
@@ -208,6 +210,18 @@ def write(given, facts, machine):
         raise WrongUse(f"--report: {shown(given.report)} cannot be written: {error.strerror}") from error
     finally:
         os.close(folder)
+
+
+def remove_pictures(folder, pictures):
+    """Those of the last report only: the folder may have been anybody's before."""
+    try:
+        old = json.loads((folder / "rehearsal.json").read_text(encoding="utf-8"))["pictures"]
+        names = [os.path.basename(picture["file"]) for picture in old]
+    except (OSError, ValueError, KeyError, TypeError):
+        return
+    for name in names:
+        with contextlib.suppress(OSError, ValueError):
+            (pictures / name).unlink()
 
 
 def summary(facts, page):

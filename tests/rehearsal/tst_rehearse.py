@@ -250,6 +250,17 @@ def sourceIsNotChanged(folder):
     same(before, {path.name: (path.read_bytes(), path.stat().st_mtime_ns) for path in source.iterdir()})
 
 
+def onlyPicturesOfTheLastReportGo(folder):
+    pictures = folder / "report/pictures"
+    pictures.mkdir(parents=True)
+    for name in "old.png", "holiday.png", "../keep.png":
+        (pictures / name).write_text("a picture")
+    listed = [{"file": "pictures/old.png"}, {"file": "pictures/../keep.png"}, {"file": ".."}, {"file": "/etc/hostname"}]
+    (folder / "report/rehearsal.json").write_text(json.dumps({"pictures": listed}))
+    rehearse(folder, make(folder), *QUICK)
+    same([False, True, True], [(pictures / name).exists() for name in ("old.png", "holiday.png", "../keep.png")])
+
+
 def timeLineHasTheLanes(folder):
     source = make(folder, {"40-firmware.ipk": {"name": "firmware", "firmware": 3000}})
     rehearse(folder, source)
