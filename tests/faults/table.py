@@ -53,11 +53,9 @@ class Row:
     disk: dict = field(default_factory=dict)  # path: what exists there, see disk_state() in verdict.py
     running: bool = True  # the program still runs
     status: int | None = None  # exit status for which `during` waited; 128 + number after a signal, as in a shell
-    # from (the last such output line before `to`), to, at_least or at_most: only a wait that is there, or is not,
-    # is held, since any step takes longer on a busy host.
-    seconds: dict = field(default_factory=dict)
+    seconds: dict = field(default_factory=dict)  # from (the last such output line before `to`), to, at_least, at_most
     holds: float = 0.3  # seconds for which the outcome must not change
-    limit: int = 120  # seconds until the row fails
+    limit: int = 60  # seconds until the row fails
 
     @property
     def final_screen(self):

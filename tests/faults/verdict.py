@@ -195,6 +195,6 @@ def _duration_differences(row, log):
     if took is None:
         yield f"no time between {row.seconds['from']!r} and {row.seconds['to']!r}"
         return
-    at_least, at_most = row.seconds.get("at_least", 0), SLOWNESS * row.seconds.get("at_most", row.limit)
+    at_least, at_most = row.seconds["at_least"], SLOWNESS * row.seconds["at_most"]
     if not at_least <= took <= at_most:
         yield f"took {took:.1f} s, not {at_least} to {at_most}"
