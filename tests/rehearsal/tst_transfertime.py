@@ -24,5 +24,5 @@ def transferTakesTheStatedTime(machine):
     machine.await_("the success", lambda: not paths.FIRMWARE.exists())  # removed when the success is shown
     seconds = time.monotonic() - start
     print(f"stated {firmware.seconds:.2f} s, taken {seconds:.2f} s")
-    assert 0.98 * firmware.seconds < seconds < 1.5 * firmware.seconds  # a busy host wakes the program late
+    assert 0.98 * firmware.seconds < seconds < 1.2 * firmware.seconds  # a busy host wakes the program late
     assert machine.board.saw(rf"block {firmware.blocks} of {firmware.blocks}")
