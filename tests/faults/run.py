@@ -11,11 +11,16 @@ import sys
 import tempfile
 import time
 
-import table
-
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(PROJECT / "tests/support"))
+
+import table
+from parallel import run_all
+
 # A row mostly waits for the serial line, so many machines run at a time; emulated programs need the processor.
 MACHINES_PER_CORE = 4 if os.environ.get("UPDATE_ASSISTANT_EMULATOR") else 8
+STARTS_PER_CORE = 2  # a start needs the processor; more of them would make the machines that run late
+STARTED = b"started\n"  # the first line of run_row.py, when the program shows its screen
 
 
 def parse_arguments():
@@ -25,6 +30,7 @@ def parse_arguments():
                         help="build tree of the program (default: build/dev, which is built first)")
     parser.add_argument("--jobs", type=int, default=MACHINES_PER_CORE * (os.cpu_count() or 1),
                         help="number of machines that run at a time (default: %(default)s)")
+    parser.add_argument("--only-failures", action="store_true", help="print no line for a row that passes")
     parser.add_argument("--list", action="store_true", help="list the rows without running them")
     parser.add_argument("--keep", type=pathlib.Path, metavar="DIR",
                         help="keep the state of each machine (console, screen, transcript) in DIR")
@@ -56,8 +62,8 @@ def chosen_rows(names, opkg):
     return chosen
 
 
-async def run_row(row, arguments, packages, machines):
-    """Returns the row, a text with the differences from it (empty without any), and the seconds it took."""
+async def run_row(row, arguments, packages, machines, starts):
+    """Returns the title of the row, a text with the differences from it (empty without any), and the seconds it took."""
     build = arguments.build.resolve()
     state = []
     if arguments.keep:
@@ -65,6 +71,7 @@ async def run_row(row, arguments, packages, machines):
         shutil.rmtree(folder, ignore_errors=True)  # from an earlier run
         state = ["--state", folder]
     async with machines:
+        await starts.acquire()
         started = time.monotonic()
         machine = await asyncio.create_subprocess_exec(
             PROJECT / "sandbox/run", *state, *row.machine, "--opkg", arguments.opkg, "--show", build, "--show", packages, "--",
@@ -72,29 +79,26 @@ async def run_row(row, arguments, packages, machines):
             *arguments.solver,
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         try:
-            output, _ = await machine.communicate()
+            first = await machine.stdout.readline()
+            starts.release()
+            output = first.removeprefix(STARTED) + await machine.stdout.read()
+            await machine.wait()
         except asyncio.CancelledError:
             if machine.returncode is None:
                 machine.kill()  # ends everything that runs on the machine
             await machine.communicate()
             raise
     found = output.decode(errors="replace") or f"the machine ended with {machine.returncode}\n"
-    return row, found if machine.returncode else "", time.monotonic() - started
+    return f"{row.area:10} {row.name}", found if machine.returncode else "", time.monotonic() - started
 
 
 async def run_rows(rows, arguments, packages):
-    """Runs the rows, the longest first, and prints the result of each. Returns the number of failures."""
-    failed = 0
+    """Runs the rows, the longest first, and prints the result of each. Returns the exit status."""
     machines = asyncio.Semaphore(arguments.jobs)
+    starts = asyncio.Semaphore(STARTS_PER_CORE * (os.cpu_count() or 1))
     longest_first = sorted(rows, key=lambda row: -row.limit)
-    running = [asyncio.create_task(run_row(row, arguments, packages, machines)) for row in longest_first]
-    for done in asyncio.as_completed(running):
-        row, found, seconds = await done
-        failed += bool(found)
-        print(f"{'FAIL' if found else 'ok  '} {seconds:5.1f} s  {row.area:10} {row.name}", flush=True)
-        for line in found.splitlines():
-            print(f"       {line}")
-    return failed
+    return await run_all([run_row(row, arguments, packages, machines, starts) for row in longest_first],
+                         arguments.only_failures)
 
 
 def main():
@@ -109,9 +113,7 @@ def main():
         # The firmware is three blocks, the last one not full.
         subprocess.run([PROJECT / "sandbox/packages", "--faulty", "--firmware-size", "2500", packages], check=True)
         (pathlib.Path(packages) / "pid").write_text("9999999")  # no process has this id; read-only on the machine
-        failed = asyncio.run(run_rows(rows, arguments, packages))
-    print(f"{len(rows) - failed} passed, {failed} failed")
-    return 1 if failed else 0
+        return asyncio.run(run_rows(rows, arguments, packages))
 
 
 if __name__ == "__main__":

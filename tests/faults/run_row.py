@@ -20,7 +20,9 @@ import verdict
 from machine import Machine, paths
 from steps import Steps
 
-POLL_S = 0.02
+LOG_POLL_S = 0.02  # how exactly the times of output lines are known
+POLL_S = 0.1
+STARTED_POLL_S = 0.05
 
 
 class Log(threading.Thread):
@@ -37,9 +39,11 @@ class Log(threading.Thread):
         while True:
             for path in filter(pathlib.Path.exists, self.FILES):
                 self._follow(path)
-            time.sleep(POLL_S)
+            time.sleep(LOG_POLL_S)
 
     def _follow(self, path):
+        if path.stat().st_size == self._read[path]:
+            return
         with open(path, "rb") as file:
             if path.stat().st_size < self._read[path]:  # the program was started again
                 self._read[path] = 0
@@ -54,6 +58,16 @@ class Log(threading.Thread):
         end = next((i for i, (_, line) in enumerate(self._lines) if then in line), 0)
         start = next((seen for seen, line in reversed(self._lines[:end]) if first in line), None)
         return None if start is None else self._lines[end][0] - start
+
+
+def tell_start(machine):
+    """Tells run.py when the program shows its screen, or has ended."""
+    while not machine.screen.painted["items"]:
+        program = machine.program.process
+        if program and program.poll() is not None:
+            break
+        time.sleep(STARTED_POLL_S)
+    print("started", flush=True)
 
 
 def run_lines(lines, what, names):
@@ -85,6 +99,7 @@ def run(row, rows, machine):
     """Returns the differences from the row."""
     log = Log()
     log.start()
+    threading.Thread(target=tell_start, args=[machine], daemon=True).start()
     limit = verdict.SLOWNESS * row.limit
     given_up = time.monotonic() + limit
     signal.signal(signal.SIGALRM, end_steps)

@@ -13,9 +13,12 @@ import sys
 import tempfile
 import time
 
-import sets
-
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(PROJECT / "tests/support"))
+
+import sets
+from parallel import run_all
+
 # A set mostly waits for the serial line; emulated programs need the processor.
 MACHINES_PER_CORE = 2 if os.environ.get("UPDATE_ASSISTANT_EMULATOR") else 6
 LIMIT_S = 20  # of --limit: longer than any wait of the program
@@ -28,12 +31,14 @@ def parse_arguments():
     parser.add_argument("--build", type=pathlib.Path, default=PROJECT / "build/dev", help="build tree of the program")
     parser.add_argument("--jobs", type=int, default=MACHINES_PER_CORE * (os.cpu_count() or 1),
                         help="number of machines that run at a time (default: %(default)s)")
+    parser.add_argument("--only-failures", action="store_true", help="print no line for a set that passes")
     parser.add_argument("--keep", type=pathlib.Path, metavar="DIR", help="keep the sets and their reports in DIR")
     return parser.parse_args()
 
 
 async def rehearse(row, arguments, folder, machines):
-    """Returns the row, a text with the differences from it (empty without any), and the seconds it took."""
+    """Returns the title of the set, a text with the differences from it (empty without any), and the seconds it took."""
+    title = f"{row.verdict:8} {row.name}"
     async with machines:
         started = time.monotonic()
         built = row.build(folder / row.name)
@@ -50,10 +55,10 @@ async def rehearse(row, arguments, folder, machines):
             await process.wait()
             if not isinstance(error, TimeoutError):
                 raise
-            return row, f"it does not end within {LONGEST_S} s\n", time.monotonic() - started
+            return title, f"it does not end within {LONGEST_S} s\n", time.monotonic() - started
         found = list(differences(row, process.returncode, report))
         said = output.decode(errors="replace")
-    return row, "\n".join([*found, said]) if found else "", time.monotonic() - started
+    return title, "\n".join([*found, said]) if found else "", time.monotonic() - started
 
 
 def differences(row, status, report):
@@ -95,17 +100,9 @@ def compared(expected, found):
 
 
 async def rehearse_all(rows, arguments, folder):
-    """Prints the result of each set. Returns the number of failures."""
-    failed = 0
+    """Prints the result of each set. Returns the exit status."""
     machines = asyncio.Semaphore(arguments.jobs)
-    running = [asyncio.create_task(rehearse(row, arguments, folder, machines)) for row in rows]
-    for done in asyncio.as_completed(running):
-        row, found, seconds = await done
-        failed += bool(found)
-        print(f"{'FAIL' if found else 'ok  '} {seconds:5.1f} s  {row.verdict:8} {row.name}", flush=True)
-        for line in found.splitlines():
-            print(f"       {line}")
-    return failed
+    return await run_all([rehearse(row, arguments, folder, machines) for row in rows], arguments.only_failures)
 
 
 def main():
@@ -118,9 +115,7 @@ def main():
         if arguments.keep:
             shutil.rmtree(arguments.keep, ignore_errors=True)
             arguments.keep.mkdir(parents=True)
-        failed = asyncio.run(rehearse_all(rows, arguments, arguments.keep or pathlib.Path(folder)))
-    print(f"{len(rows) - failed} passed, {failed} failed")
-    return 1 if failed else 0
+        return asyncio.run(rehearse_all(rows, arguments, arguments.keep or pathlib.Path(folder)))
 
 
 if __name__ == "__main__":
