@@ -1,5 +1,7 @@
 #include "tap.h"
 
+#include <QFileInfo>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -62,6 +64,11 @@ Tap::Tap(QString device, QString linkPath, LineListener &listener)
 
 bool Tap::open()
 {
+    const QString device = QFileInfo(m_devicePath).canonicalFilePath();
+    if (!device.isEmpty() && device == QFileInfo(m_linkPath).canonicalFilePath()) {
+        m_errorText = QStringLiteral("%1 is the device itself").arg(m_linkPath);
+        return false;
+    }
     if (m_device.open(m_devicePath))
         return openTerminal();
     m_errorText = m_device.errorText();
