@@ -85,8 +85,15 @@ class Board(Process):
         self._output = folder / paths.BOARD_OUTPUT.name
 
     def start(self, *options):
-        self._start([*self.command, "--link", self._device, "--image", self.received,
-                     "--transcript", self.log, "--summary", self._summary, *options], self._output, "wb")
+        self._start_on_line("--image", self.received, *options)
+
+    def replay(self, recording, pace):
+        """Starts the board of a recording."""
+        self._start_on_line("--replay", recording, "--replay-pace", pace)
+
+    def _start_on_line(self, *options):
+        self._start([*self.command, "--link", self._device, "--transcript", self.log, "--summary", self._summary,
+                     *options], self._output, "wb")
         await_("the board", lambda: text_of(self._output).startswith("ready "), process=self.process)
 
     def start_with_tap(self, tap, *options):
