@@ -6,6 +6,12 @@ namespace boardsim {
 
 using State = YModemReceiver::State;
 
+namespace {
+
+constexpr int kMaxUnexpected = 1024; // bytes of no frame in one event
+
+} // namespace
+
 LineDecoder::LineDecoder(Report &report, Sink sink, Milliseconds gap)
     : m_sink(std::move(sink))
     , m_requests(RequestDecoder::Role::Watcher, gap, report)
@@ -21,7 +27,10 @@ void LineDecoder::toBoard(TimePoint now, const QByteArray &bytes)
     for (const char byte : bytes) {
         m_requests.add(now, byte);
         m_lastRequestByte = now;
-        if (const auto request = m_requests.take(now))
+        auto request = m_requests.take(now);
+        if (!request && !m_requests.match() && m_requests.size() >= kMaxUnexpected)
+            request = m_requests.takeRest();
+        if (request)
             takeRequest(*request);
     }
 }

@@ -1,5 +1,6 @@
 #include "linewatch.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace boardsim {
@@ -77,6 +78,10 @@ void LineWatch::tell(const LineEvent &event)
         m_transcript.violation(event.time, text);
     if (m_recorder)
         m_recorder->describe(event);
+    if (m_keepsEvents)
+        return;
+    m_report.frames.clear();
+    m_report.violations.resize(std::min(m_report.violations.size(), 1));
 }
 
 void watchRecording(const Recording &recording, TimePoint start, LineWatch &watch)

@@ -15,6 +15,10 @@ public:
     /// `report` must outlive this; `transcript` may be empty.
     LineWatch(Report &report, LineSink transcript, HexStyle style, TimePoint start);
 
+    /// Keeps no frames in the report, and of the violations only the first: for a line that is
+    /// watched for days.
+    void keepNoEvents() { m_keepsEvents = false; }
+
     /// Records from now on.
     void record(Recorder::Writer writer);
 
@@ -37,6 +41,7 @@ private:
 
     const TimePoint m_start;
     Report &m_report;
+    bool m_keepsEvents = true;
     Transcript m_transcript;
     LineDecoder m_decoder;
     std::unique_ptr<Recorder> m_recorder;

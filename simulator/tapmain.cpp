@@ -98,6 +98,8 @@ int watch(const TapCommandLine &line, const LineSink &sink, const sigset_t &endS
     Report report;
     TapWatch watch(report, sink, line.hexStyle, start);
     watch.setDevice(line.device);
+    if (line.summaryFile.isEmpty())
+        watch.keepNoEvents();
     Tap tap(line.device, line.link, watch);
     if (!tap.open())
         return fail(kName, Failed, tap.errorText());

@@ -94,6 +94,7 @@ private slots:
     void requestAfterTextBeginsANewBatch();
     void refusedFrameMayComeAgain();
     void bootLoaderMayStartUnseen();
+    void endlessBytesAreCut();
     void everyByteIsInOneEvent();
 };
 
@@ -299,6 +300,17 @@ void TestLineDecoder::bootLoaderMayStartUnseen()
     QCOMPARE(watched.takeTexts(),
              (QStringList{QStringLiteral("-> connect packet"),
                           QStringLiteral("<- connect packet answer")}));
+}
+
+void TestLineDecoder::endlessBytesAreCut()
+{
+    Watched watched;
+    for (int i = 0; i < 100; ++i) {
+        watched.toBoard(QByteArray(1000, '\x80'));
+        watched.fromBoard(QByteArray(1000, '\x80'));
+    }
+    QVERIFY(watched.bytesToBoard.size() > 98000);
+    QVERIFY(watched.bytesFromBoard.size() > 98000);
 }
 
 void TestLineDecoder::everyByteIsInOneEvent()
