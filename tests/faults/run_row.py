@@ -110,10 +110,10 @@ def run(row, rows, machine, has_tap=False):
             return [first, *found]
         time.sleep(POLL_S)
     time.sleep(row.holds)
-    if machine.tap.process:
-        machine.tap.stop()
     if machine.board.process:
         machine.board.stop()
+    if machine.tap.process:  # after the board, so that it has all that the board has sent
+        machine.tap.stop()
     found = list(verdict.differences(row, rows, log, steps, is_over=True))
     return found + list(tap_differences(row)) if has_tap else found
 

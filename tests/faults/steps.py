@@ -134,9 +134,9 @@ fi""")
             self.machine.board.start(*timing, *options)
 
     def switch_board_off(self):
+        self.machine.board.stop()
         if self.has_tap:
             self.machine.tap.stop()
-        self.machine.board.stop()
         paths.BOARD_SUMMARY.unlink()
 
     def press(self):
