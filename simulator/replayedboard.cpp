@@ -11,6 +11,7 @@ using Kind = Record::Kind;
 constexpr int kBytesPerRow = 16;
 constexpr int kRowsBefore = 2; // equal ones, before the first difference
 constexpr int kMaxRows = 8;
+constexpr int kMaxReceived = 64 * 1024; // kept after a difference
 
 int firstDifference(const QByteArray &a, const QByteArray &b)
 {
@@ -81,8 +82,7 @@ void ReplayedBoard::step(TimePoint now)
         return;
     }
     sendDue(now);
-    const bool isAtEnd = m_sending == m_records.size() && m_receiving == m_records.size();
-    if (isAtEnd && !m_isComplete) {
+    if (isAtEnd() && !m_isComplete) {
         m_isComplete = true;
         m_watch.note(now, QStringLiteral("replay is complete"));
     }
@@ -100,7 +100,7 @@ void ReplayedBoard::end(TimePoint now)
 {
     if (m_isDifferent && m_report.difference.isEmpty())
         finishDifference();
-    if (m_report.difference.isEmpty() && !m_isComplete && !m_report.hungUp) {
+    if (m_report.difference.isEmpty() && !isAtEnd() && !m_report.hungUp) {
         const bool isProgramDue = m_receiving == m_sending;
         const Record &record = m_records.at(isProgramDue ? m_receiving : m_sending);
         m_report.difference = isProgramDue
@@ -109,6 +109,11 @@ void ReplayedBoard::end(TimePoint now)
             : QStringLiteral("line %1: the replay ended before this was sent\n").arg(record.line);
     }
     m_watch.end(now, QStringLiteral("board is off"));
+}
+
+bool ReplayedBoard::isAtEnd() const
+{
+    return m_sending == m_records.size() && m_receiving == m_records.size();
 }
 
 int ReplayedBoard::nextToBoard(int index) const
@@ -124,6 +129,8 @@ void ReplayedBoard::receive(TimePoint now, const QByteArray &bytes)
         const bool isBeyond = m_receiving == m_records.size();
         if (isBeyond && m_endsWithHangUp && !m_isDifferent)
             return; // the hang-up cut the program short
+        if (m_isDifferent && m_received.size() >= kMaxReceived)
+            return;
         m_received += byte;
         if (m_isDifferent)
             continue;

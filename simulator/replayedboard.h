@@ -27,6 +27,7 @@ private:
     std::optional<TimePoint> nextDue() const;
     void sendDue(TimePoint now);
     void finishDifference();
+    bool isAtEnd() const;
     int nextToBoard(int index) const;
 
     const QVector<Record> m_records;
