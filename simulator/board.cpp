@@ -11,10 +11,7 @@ Board::Board(const Options &options, SerialLine &line, Report &report)
     , m_report(report)
     , m_transcript(options.transcript, options.hexStyle, report)
     , m_sender(options, m_plan, line, m_transcript)
-    , m_commands(report)
-    , m_packets(report)
-    , m_receiver(report)
-    , m_assembler(options.frameGap)
+    , m_requests(RequestDecoder::Role::Board, options.frameGap, report)
 {
 }
 
@@ -34,7 +31,7 @@ void Board::step(TimePoint now)
         if (m_report.hungUp)
             return;
     }
-    if (const auto received = m_assembler.take(now))
+    if (const auto received = m_requests.take(now))
         handle(now, *received);
     if (m_nextRequest && now >= *m_nextRequest) {
         m_nextRequest = now + m_options.requestInterval;
@@ -46,29 +43,17 @@ void Board::step(TimePoint now)
 std::optional<TimePoint> Board::deadline() const
 {
     const auto sending = sooner(m_line.deadline(), m_sender.deadline());
-    return sooner(sending, sooner(m_nextRequest, m_assembler.deadline()));
+    return sooner(sending, sooner(m_nextRequest, m_requests.deadline()));
 }
 
 void Board::end(TimePoint now)
 {
-    const auto rest = m_assembler.takeRest();
+    const auto rest = m_requests.takeRest();
     if (rest && m_report.hungUp)
         m_transcript.received(now, QStringLiteral("what came before the hang-up"), rest->bytes);
     else if (rest)
         handle(now, *rest);
     m_transcript.note(now, QStringLiteral("board is off"));
-}
-
-FrameAssembler::Decoders Board::activeDecoders()
-{
-    // A boot loader that gets a command before the transfer has begun starts the application,
-    // which replies: an assistant without a firmware file never sends the start frame.
-    if (m_inBootLoader && !m_receiver.awaitsStartFrame())
-        return {&m_receiver};
-    FrameAssembler::Decoders decoders{&m_commands};
-    if (m_inBootLoader)
-        decoders << &m_packets;
-    return decoders << &m_receiver;
 }
 
 void Board::take(TimePoint now, char byte)
@@ -77,27 +62,27 @@ void Board::take(TimePoint now, char byte)
         --m_toLose;
         return;
     }
-    m_assembler.add(now, byte, activeDecoders());
+    m_requests.add(now, byte);
     makeReceivingFaults(now);
     if (m_report.hungUp)
         return;
-    if (const auto received = m_assembler.take(now))
+    if (const auto received = m_requests.take(now))
         handle(now, *received);
 }
 
 void Board::makeReceivingFaults(TimePoint now)
 {
-    const FrameMatch *match = m_assembler.match();
+    const FrameMatch *match = m_requests.match();
     if (!match)
         return;
     const auto offset = m_plan.hangUpOffset(match->place, match->length);
-    if (offset && *offset <= m_assembler.size()) {
+    if (offset && *offset <= m_requests.size()) {
         m_transcript.faultMade(now, m_plan.find(FaultKind::HangUp, match->place)->text);
         m_transcript.hungUp(now);
         return;
     }
     const Fault *loss = m_plan.find(FaultKind::LoseBytes, match->place);
-    if (loss && !m_hasLost && m_assembler.size() >= match->length / 2) {
+    if (loss && !m_hasLost && m_requests.size() >= match->length / 2) {
         m_hasLost = true;
         m_toLose = loss->number.value_or(0);
         m_transcript.faultMade(now, loss->text);
@@ -138,7 +123,7 @@ void Board::accept(TimePoint now, const Received &received, const QString &meani
     if (place.step == Step::StartCommand) {
         enterBootLoader(now, replied + m_options.bootDelay);
     } else if (place.step == Step::End) {
-        m_inBootLoader = false;
+        m_requests.endTransfer();
         keepImage(now);
     }
 }
@@ -177,19 +162,14 @@ Reply Board::replyTo(const Received &received, const QString &meaning) const
 void Board::enterBootLoader(TimePoint now, TimePoint firstRequest)
 {
     m_transcript.note(now, QStringLiteral("board enters its boot loader"));
-    m_inBootLoader = true;
-    m_packets.begin();
-    m_receiver.begin();
+    m_requests.enterBootLoader();
     m_nextRequest = firstRequest;
 }
 
 void Board::leaveBootLoader(TimePoint now)
 {
-    if (!m_inBootLoader)
-        return;
-    m_transcript.note(now, QStringLiteral("board leaves its boot loader"));
-    m_inBootLoader = false;
-    m_receiver.giveUp();
+    if (m_requests.leaveBootLoader())
+        m_transcript.note(now, QStringLiteral("board leaves its boot loader"));
 }
 
 void Board::keepImage(TimePoint now)

@@ -2,6 +2,7 @@
 
 #include "board.h"
 #include "pseudoterminal.h"
+#include "replayedboard.h"
 #include "serialline.h"
 
 #include <array>
@@ -27,6 +28,13 @@ int millisecondsUntil(std::optional<TimePoint> moment)
     return static_cast<int>(qBound<qint64>(0, left, 60000));
 }
 
+std::unique_ptr<BoardModel> makeBoard(const Options &options, SerialLine &line, Report &report)
+{
+    if (options.replay)
+        return std::make_unique<ReplayedBoard>(options, line, report);
+    return std::make_unique<Board>(options, line, report);
+}
+
 } // namespace
 
 class BoardSimulator::Private {
@@ -34,7 +42,7 @@ public:
     explicit Private(const Options &options)
         : linkPath(options.linkPath)
         , line(options.baud)
-        , board(options, line, report)
+        , board(makeBoard(options, line, report))
     {
     }
 
@@ -56,7 +64,7 @@ public:
     TimePoint lastTraffic = Clock::now();
     bool stopping = false;
     SerialLine line;
-    Board board;
+    std::unique_ptr<BoardModel> board;
 };
 
 bool BoardSimulator::Private::openPipe()
@@ -83,9 +91,9 @@ void BoardSimulator::Private::wake()
 void BoardSimulator::Private::run()
 {
     std::unique_lock<std::mutex> lock(mutex);
-    board.begin(Clock::now());
-    while (!stopping && !report.hungUp && report.errors.isEmpty()) {
-        const int timeout = millisecondsUntil(board.deadline());
+    board->begin(Clock::now());
+    while (!stopping && !report.hungUp && report.errors.isEmpty() && report.difference.isEmpty()) {
+        const int timeout = millisecondsUntil(board->deadline());
         std::array<pollfd, 2> polled{
             {{wakePipe[0], POLLIN, 0}, {terminal.masterDescriptor(), POLLIN, 0}}};
         lock.unlock();
@@ -98,7 +106,7 @@ void BoardSimulator::Private::run()
         }
         step(count > 0 && polled[1].revents != 0);
     }
-    board.end(Clock::now());
+    board->end(Clock::now());
     terminal.hangUp();
     happened.notify_all();
 }
@@ -109,7 +117,7 @@ void BoardSimulator::Private::step(bool readable)
     const int framesBefore = report.frames.size();
     if (readable && !line.read(now))
         report.errors << QStringLiteral("the line is dead");
-    board.step(now);
+    board->step(now);
     if (readable || report.frames.size() != framesBefore)
         lastTraffic = now;
     happened.notify_all();
@@ -180,7 +188,7 @@ Report BoardSimulator::report() const
 bool BoardSimulator::hasFailed() const
 {
     const std::lock_guard<std::mutex> lock(d->mutex);
-    return !d->report.errors.isEmpty();
+    return !d->report.errors.isEmpty() || !d->report.difference.isEmpty();
 }
 
 bool BoardSimulator::waitFor(const Condition &condition, Milliseconds timeout) const

@@ -36,8 +36,8 @@ public:
     /// A copy of what has happened so far; also after stop().
     boardsim::Report report() const;
 
-    /// Whether the line or the image file has failed, which switches the board off; report() says
-    /// how.
+    /// Whether the line or the image file has failed or the program has left the recording that is
+    /// replayed; each switches the board off, and report() says how.
     bool hasFailed() const;
 
     using Condition = std::function<bool(const boardsim::Report &)>;

@@ -31,12 +31,17 @@ void put(QByteArray &frame, int offset, std::uint8_t value)
     frame[offset] = static_cast<char>(value);
 }
 
-std::uint8_t checksumOf(const QByteArray &frame)
+unsigned sumOf(const QByteArray &frame)
 {
     unsigned sum = 0;
     for (int i = 1; i <= frame.size() - 3; ++i)
         sum += byteAt(frame, i);
-    return static_cast<std::uint8_t>(sum & 0xFFU);
+    return sum;
+}
+
+std::uint8_t checksumOf(const QByteArray &frame)
+{
+    return static_cast<std::uint8_t>(sumOf(frame) & 0xFFU);
 }
 
 QByteArray sealed(QByteArray frame)
@@ -178,12 +183,49 @@ QByteArray versionReply(const QByteArray &text)
     return frame;
 }
 
+QByteArray versionTextOf(const QByteArray &reply)
+{
+    const QByteArray text = reply.mid(kVersionTextOffset, kMaxVersionText);
+    const int end = text.indexOf('\0');
+    if (end >= 0)
+        return text.left(end);
+    const bool hasChecksum = byteAt(reply, kVersionReplySize - kTailSize) == checksumOf(reply);
+    return hasChecksum ? text.chopped(1) : text;
+}
+
 QByteArray startReply()
 {
     // Deliberate: the assistant takes this reply only when bytes 1 to n-3 add up, in 16 bits, to
     // the value of the foot, 0xE7. So there is no 0xFF marker here, and byte 14 makes up the sum.
     constexpr std::uint8_t kFiller = kFrameMark - kStartReplySize - kStartCommandCode;
     return sealedFrame(kStartReplySize, {{kCommandOffset, kStartCommandCode}, {14, kFiller}});
+}
+
+QString handshakeName(const QByteArray &handshake)
+{
+    const Command *command = findCommand(handshake);
+    return command ? command->meaning : QString();
+}
+
+QStringList replyViolations(const QByteArray &reply, Step step)
+{
+    const int size = reply.size();
+    QStringList texts;
+    const auto check = [&](const QString &name, int offset, int expected) {
+        if (byteAt(reply, offset) != expected)
+            texts << mismatch(name, byteAt(reply, offset), static_cast<std::uint8_t>(expected));
+    };
+    check(QStringLiteral("head"), 0, kFrameMark);
+    check(QStringLiteral("length byte"), kLengthOffset, size);
+    if (step != Step::Version || versionTextOf(reply).size() < kMaxVersionText)
+        check(QStringLiteral("checksum"), size - kTailSize, checksumOf(reply));
+    check(QStringLiteral("foot"), size - 1, kFrameMark);
+    const unsigned sum = sumOf(reply);
+    if (step == Step::StartCommand && sum != byteAt(reply, size - 1))
+        texts << QStringLiteral("sum of bytes 1 to %1 is 0x%2, not the foot")
+                     .arg(size - 3)
+                     .arg(sum, 4, 16, QLatin1Char('0'));
+    return texts;
 }
 
 int paramOffsetOf(const QByteArray &handshake)

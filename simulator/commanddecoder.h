@@ -44,6 +44,9 @@ private:
 /// The 36-byte reply to the version query. `text` is ASCII, at most kMaxVersionText characters.
 QByteArray versionReply(const QByteArray &text);
 
+/// The version text in such a reply, up to its zero byte.
+QByteArray versionTextOf(const QByteArray &reply);
+
 /// The 18-byte reply to the start command.
 QByteArray startReply();
 
@@ -55,6 +58,15 @@ QByteArray paramBlock(const QByteArray &text);
 
 /// The parameters of a frame.
 QByteArray paramsOf(const QByteArray &frame, int paramOffset);
+
+/// "V3 handshake" or "V4 handshake".
+QString handshakeName(const QByteArray &handshake);
+
+/// What is wrong with a reply, where the program looks or the envelope is at stake: head, length
+/// byte, checksum and foot; one text a field. The reply to the version query has no checksum when
+/// its version text takes that place; the sum of the reply to the start command is its foot as
+/// well.
+QStringList replyViolations(const QByteArray &reply, Step step);
 
 /// The frame with other parameters; length byte, checksum and foot are right again.
 QByteArray withParams(const QByteArray &frame, int paramOffset, const QByteArray &params);

@@ -88,6 +88,31 @@ bool readHexStyle(const QString &text, CommandLine &line)
     return text == QLatin1String("full") || text == QLatin1String("short");
 }
 
+bool readReplay(const QString &text, CommandLine &line)
+{
+    line.options.replay = readRecording(text, line.message);
+    if (!line.options.replay)
+        return false;
+    const auto &records = line.options.replay->records;
+    const auto hangUp = std::find_if(records.begin(), records.end(), [](const Record &record) {
+        return record.kind == Record::Kind::HangUp;
+    });
+    if (records.isEmpty())
+        line.message = QStringLiteral("%1: there is no record in it").arg(text);
+    else if (hangUp != records.end() && hangUp + 1 != records.end())
+        line.message = QStringLiteral("%1: line %2: a replay ends with the hang-up; remove what "
+                                      "comes after it")
+                           .arg(text)
+                           .arg(hangUp->line);
+    return line.message.isEmpty();
+}
+
+bool readReplayPace(const QString &text, CommandLine &line)
+{
+    line.options.replayFast = text == QLatin1String("fast");
+    return text == QLatin1String("fast") || text == QLatin1String("recorded");
+}
+
 bool readBootLoader(const QString & /*text*/, CommandLine &line)
 {
     line.options.startInBootLoader = true;
@@ -143,6 +168,17 @@ QVector<Row> optionTable()
          number(&Options::bootDelay, 0, kMaxMs)},
         {"request-interval", "MS", "Time between the 'C's that ask for the start frame.",
          number(&Options::requestInterval, 1, kMaxMs)},
+        {"replay",
+         "FILE",
+         "Is the board of this recording again: sends what it sent, and ends with status 1 when "
+         "the "
+         "program sends something else.",
+         {readReplay, QStringLiteral("a recording")}},
+        {"replay-pace",
+         "PACE",
+         "recorded: in the time of the recording; fast: without the time that the board took to "
+         "answer.",
+         {readReplayPace, QStringLiteral("recorded or fast")}},
         {"fault",
          "KIND[=VALUE][@PLACE]",
          "Does something wrong, see below. May be given again and again.",
@@ -152,6 +188,15 @@ QVector<Row> optionTable()
 
 void readOptions(const QCommandLineParser &parser, const QVector<Row> &table, CommandLine &line)
 {
+    static const QStringList withReplay{QStringLiteral("link"),   QStringLiteral("transcript"),
+                                        QStringLiteral("hex"),    QStringLiteral("summary"),
+                                        QStringLiteral("replay"), QStringLiteral("replay-pace")};
+    for (const Row &row : table) {
+        const QString name = QLatin1String(row.name);
+        if (parser.isSet(QStringLiteral("replay")) && parser.isSet(name)
+            && !withReplay.contains(name))
+            line.message = QStringLiteral("--%1 says nothing to a board of a recording").arg(name);
+    }
     const bool hasParamsHex = parser.isSet(QStringLiteral("params-hex"));
     for (const Row &row : table) {
         const QString name = QLatin1String(row.name);

@@ -3,6 +3,7 @@
 
 #include "commanddecoder.h"
 #include "fault.h"
+#include "recording.h"
 #include "transcript.h"
 
 namespace boardsim {
@@ -24,6 +25,9 @@ struct Options {
     LineSink transcript;                ///< called on the simulator's thread; may be empty
     HexStyle hexStyle = HexStyle::Full;
     QVector<Fault> faults; ///< what the board does wrong; see parseFault()
+    std::optional<Recording>
+        replay;              ///< is played in place of all above but the link and transcript
+    bool replayFast = false; ///< without the time that the recorded board took to reply
 };
 
 } // namespace boardsim

@@ -123,4 +123,19 @@ QByteArray packetReply(const QByteArray &packet, Step step, std::uint32_t device
     return reply.leftJustified(kPacketSize, '\0');
 }
 
+QStringList packetReplyViolations(const QByteArray &reply, const QByteArray &packet)
+{
+    QStringList texts;
+    const auto check = [&](const QString &name, int offset) {
+        if (fieldAt(reply, offset) != fieldAt(packet, offset))
+            texts << QStringLiteral("%1 is %2, not %3")
+                         .arg(name)
+                         .arg(fieldAt(reply, offset))
+                         .arg(fieldAt(packet, offset));
+    };
+    check(QStringLiteral("command code"), 0);
+    check(QStringLiteral("packet number"), kNumberOffset);
+    return texts;
+}
+
 } // namespace boardsim

@@ -36,6 +36,9 @@ private:
 /// The reply to a packet: its code and number, and the device id to the packet that asks for it.
 QByteArray packetReply(const QByteArray &packet, Step step, std::uint32_t deviceId);
 
+/// What is wrong with a reply: it repeats code and number of the packet.
+QStringList packetReplyViolations(const QByteArray &reply, const QByteArray &packet);
+
 } // namespace boardsim
 
 #endif // BOARDSIM_PACKETDECODER_H

@@ -13,6 +13,8 @@ QString outcome(const Report &report)
 {
     if (!report.errors.isEmpty())
         return QStringLiteral("error");
+    if (!report.difference.isEmpty())
+        return QStringLiteral("difference");
     return report.hasUnexplainedViolation() ? QStringLiteral("violations") : QStringLiteral("ok");
 }
 
@@ -83,7 +85,7 @@ Transfer Report::lastTransfer() const
 
 QJsonObject toJson(const Report &report)
 {
-    return {
+    QJsonObject object{
         {QStringLiteral("outcome"), outcome(report)},
         {QStringLiteral("versionQueries"), report.versionQueries},
         {QStringLiteral("startCommands"), report.startCommands},
@@ -98,6 +100,9 @@ QJsonObject toJson(const Report &report)
         {QStringLiteral("hungUp"), report.hungUp},
         {QStringLiteral("frames"), toJsonArray(report.frames)},
     };
+    if (!report.difference.isEmpty())
+        object.insert(QStringLiteral("difference"), report.difference);
+    return object;
 }
 
 } // namespace boardsim

@@ -49,6 +49,7 @@ struct Report {
     QStringList faultsMade; ///< as they were given, in the order in which they were made
     QStringList errors;     ///< of the simulator itself: the serial line or the image file failed
     bool hungUp = false;
+    QString difference; ///< of a replay: where the program left the recording; empty: nowhere
 
     /// Whether a violation happened that no fault explains.
     bool hasUnexplainedViolation() const;

@@ -19,11 +19,11 @@ QString hexBytes(const QByteArray &bytes)
 
 } // namespace
 
-Transcript::Transcript(LineSink sink, HexStyle style, Report &report)
+Transcript::Transcript(LineSink sink, HexStyle style, Report &report, TimePoint start)
     : m_sink(std::move(sink))
     , m_style(style)
     , m_report(report)
-    , m_start(Clock::now())
+    , m_start(start)
 {
 }
 

@@ -25,7 +25,7 @@ using LineSink = std::function<void(const QByteArray &line)>;
 class Transcript {
 public:
     /// `sink` may be empty; `report` must outlive this.
-    Transcript(LineSink sink, HexStyle style, Report &report);
+    Transcript(LineSink sink, HexStyle style, Report &report, TimePoint start = Clock::now());
 
     /// Bytes came from the assistant.
     void received(TimePoint now, const QString &meaning, const QByteArray &bytes);

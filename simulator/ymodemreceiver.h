@@ -20,6 +20,14 @@ std::uint16_t crc16(const QByteArray &bytes);
 /// The boot loader's side of a YModem batch of one file: a strict receiver that keeps the image.
 class YModemReceiver : public FrameDecoder {
 public:
+    enum class State {
+        Off, // no batch yet
+        AwaitStart,
+        AwaitData,
+        AwaitEnd,
+        Done, // the board has left the boot loader; late end frames may still come
+    };
+
     /// Appends a Transfer to `report` for every stay in the boot loader; it must outlive this.
     explicit YModemReceiver(Report &report);
 
@@ -32,19 +40,13 @@ public:
     /// Whether a batch has been asked for and its start frame has not come yet.
     bool awaitsStartFrame() const { return m_state == State::AwaitStart; }
 
+    State state() const { return m_state; }
+
     std::optional<FrameMatch> match(const QByteArray &start) const override;
     DecodedFrame decode(const QByteArray &frame) override;
     bool refusesBrokenFrames() const override { return m_state != State::Done; }
 
 private:
-    enum class State {
-        Off, // no batch yet
-        AwaitStart,
-        AwaitData,
-        AwaitEnd,
-        Done, // the board has left the boot loader; late end frames may still come
-    };
-
     Place currentPlace(char head) const;
     DecodedFrame receiveShortBlock(const QByteArray &frame);
     DecodedFrame receiveStartFrame(const QByteArray &frame);

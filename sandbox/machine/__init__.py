@@ -16,7 +16,7 @@ import sys
 
 from . import paths
 from .packages import Packages
-from .processes import Board, Program
+from .processes import Board, Program, Tap
 from .screen import Screen
 from .watch import Console, await_, run, text_of
 
@@ -35,6 +35,7 @@ class Machine:
         self.environment = os.environ | {"QT_QUICK_BACKEND": "software", "LC_ALL": "C.UTF-8"}
         self.program = Program(self.environment, self.build / "src/update-assistant", paths.PROGRAM_LOG)
         self.board = Board(self.environment, self.build / "simulator/boardsim")
+        self.tap = Tap(self.environment, self.build / "simulator/boardtap")
         self.screen = Screen(self)
         self.console = Console(paths.PROGRAM_LOG)
         self.packages = Packages(packages)
@@ -43,7 +44,7 @@ class Machine:
         return self
 
     def __exit__(self, *_):
-        for part in (self.program, self.board, self.screen):
+        for part in (self.program, self.tap, self.board, self.screen):
             part.close()
 
     def await_(self, what, condition, *arguments):
@@ -59,7 +60,7 @@ class Machine:
         return text_of(paths.CALLS).splitlines()
 
     def show_what_happened(self):
-        for path in (paths.PROGRAM_LOG, paths.BOARD_LOG, paths.BOARD_OUTPUT, paths.CALLS):
+        for path in (paths.PROGRAM_LOG, paths.BOARD_LOG, paths.BOARD_OUTPUT, paths.TAP_LOG, paths.CALLS):
             text = text_of(path)
             if text:
                 print(f"-- {path}\n{text}", file=sys.stderr)

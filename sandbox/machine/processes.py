@@ -85,9 +85,25 @@ class Board(Process):
         self._output = folder / paths.BOARD_OUTPUT.name
 
     def start(self, *options):
-        self._start([*self.command, "--link", self._device, "--image", self.received,
-                     "--transcript", self.log, "--summary", self._summary, *options], self._output, "wb")
+        self._start_on_line("--image", self.received, *options)
+
+    def replay(self, recording, pace):
+        """Starts the board of a recording."""
+        self._start_on_line("--replay", recording, "--replay-pace", pace)
+
+    def _start_on_line(self, *options):
+        self._start([*self.command, "--link", self._device, "--transcript", self.log, "--summary", self._summary,
+                     *options], self._output, "wb")
         await_("the board", lambda: text_of(self._output).startswith("ready "), process=self.process)
+
+    def start_with_tap(self, tap, *options):
+        """Starts the board behind `tap`, a Tap: the program opens the tap's line."""
+        device, self._device = self._device, tap.device
+        try:
+            self.start(*options)
+        finally:
+            self._device = device
+        tap.start(device)
 
     def saw(self, expression):
         """Whether an output line of the transcript matches the regular expression."""
@@ -97,3 +113,18 @@ class Board(Process):
         """The summary that boardsim writes when it stops; None before."""
         text = text_of(self._summary)
         return json.loads(text) if text else None
+
+
+class Tap(Process):
+    """`boardtap` between the simulated board and the program. It writes to the folder."""
+
+    def __init__(self, environment, path, folder=paths.STATE):
+        super().__init__(environment, path, folder / paths.TAP_LOG.name)
+        self.device = folder / "board.line"  # the line of the board behind the tap
+        self.recording = folder / paths.TAP_RECORDING.name
+        self._output = folder / "boardtap.out"
+
+    def start(self, link):
+        self._start([*self.command, "--device", self.device, "--link", link, "--transcript", self.log,
+                     "--hex", "short", "--record", self.recording], self._output, "wb")
+        await_("the tap", lambda: text_of(self._output).startswith("ready "), process=self.process)

@@ -23,12 +23,15 @@ RUN = None
 # Beginnings of commands; the longest that fits counts. RUN, or why it is not run here.
 COMMANDS = {
     "boardsim": RUN,
+    "boardsim --replay": "needs a recording that only a reader has; the test `tst_replay` plays some",
+    "boardtap": "needs a real board; the test `tst_boardtap` runs it on a simulated one",
     "build/dev/fuzz/replay_": RUN,
     "build/dev/simulator/boardsim": RUN,
     "build/dev/tests/": RUN,
     "sandbox/run -- ": RUN,
     "scripts/faults --list": RUN,
     ".ci/run": "builds and runs everything, this check too; the CI runs it",
+    "build/release/simulator/boardtap": "needs a real board; the test `tst_boardtap` runs it on a simulated one",
     "build/release/src/update-assistant": "needs a real board",
     "cmake --install": "writes to the system; the test `install` does it elsewhere",
     "cmake --preset": "builds another tree; whoever needs it runs it",
@@ -56,7 +59,7 @@ COMMANDS = {
 # page tells is what the package brings and what scripts/board does.
 TOLD = ("packaging/update-assistant.rules", "sandbox/board/install")
 
-BUILT_PROGRAMS = {"boardsim": "simulator/boardsim", "update-assistant": "src/update-assistant"}
+BUILT_PROGRAMS = {"boardsim": "simulator/boardsim", "boardtap": "simulator/boardtap", "update-assistant": "src/update-assistant"}
 SEPARATORS = {"&&", "||", ";", "|", "&"}
 SECONDS = 60  # only a hang is ever that slow
 
@@ -187,7 +190,7 @@ class Commands:
             for slot in arguments:
                 if f"{slot}()" not in slots.splitlines():
                     complain(f"there is no fact {slot}")
-        elif program.name == "boardsim":
+        elif program.name in ("boardsim", "boardtap"):
             self._check_options([str(program)], arguments, complain)
 
     def _program(self, name):

@@ -36,8 +36,8 @@ QByteArray titleOf(const FrameRecord &frame)
 
 /// Runs `exchange` until the board has seen its end, and then hangs up, which ends a transfer's
 /// wait for further answers.
-Recording record(Options options, const Condition &isOver, const Exchange &exchange,
-                 QByteArrayList &complaints)
+RecordedExchange record(Options options, const Condition &isOver, const Exchange &exchange,
+                        QByteArrayList &complaints)
 {
     options.linkPath = QStringLiteral("/dev/ttymxc1");
     BoardSimulator board(options);
@@ -57,7 +57,7 @@ Recording record(Options options, const Condition &isOver, const Exchange &excha
     product.join();
     out.take();
 
-    Recording recording;
+    RecordedExchange recording;
     const Report report = board.report();
     for (const FrameRecord &frame : report.frames)
         recording.append({titleOf(frame), frame.bytes});
@@ -78,7 +78,7 @@ QByteArray image()
     return firmwareOfSize(1024);
 }
 
-Recording recordUpdate(QByteArrayList &complaints)
+RecordedExchange recordUpdate(QByteArrayList &complaints)
 {
     const FirmwareDir directory;
     directory.put(QStringLiteral("UpdataSystem.bin"), image() + image().left(476));
@@ -95,7 +95,7 @@ Recording recordUpdate(QByteArrayList &complaints)
         complaints);
 }
 
-Recording recordRefusals(QByteArrayList &complaints)
+RecordedExchange recordRefusals(QByteArrayList &complaints)
 {
     const FirmwareDir directory;
     directory.put(QStringLiteral("UpdataSystem.bin"), image());
@@ -107,7 +107,7 @@ Recording recordRefusals(QByteArrayList &complaints)
         options, endFrameWasSentAgain, [](FileIO &io) { io.updateMcu(); }, complaints);
 }
 
-Recording recordPackets(QByteArrayList &complaints)
+RecordedExchange recordPackets(QByteArrayList &complaints)
 {
     Options options;
     options.bootDelay = kNever; // no 'C' comes between the answers
@@ -121,7 +121,7 @@ Recording recordPackets(QByteArrayList &complaints)
         complaints);
 }
 
-Recording recordHandshakes(QByteArrayList &complaints)
+RecordedExchange recordHandshakes(QByteArrayList &complaints)
 {
     return record(
         {}, [](const Report &report) { return report.handshakesV4 > 0; },
@@ -135,7 +135,7 @@ Recording recordHandshakes(QByteArrayList &complaints)
 
 } // namespace
 
-QVector<Recording> recordExchanges(QByteArrayList &complaints)
+QVector<RecordedExchange> recordExchanges(QByteArrayList &complaints)
 {
     return {recordUpdate(complaints), recordRefusals(complaints), recordPackets(complaints),
             recordHandshakes(complaints)};

@@ -12,10 +12,10 @@ struct RecordedFrame {
 };
 
 /// What went over one line, from the first frame to the last.
-using Recording = QVector<RecordedFrame>;
+using RecordedExchange = QVector<RecordedFrame>;
 
 /// Runs every exchange of the bridge with the simulated board and records them. An entry of
 /// `complaints` tells what did not go as it should. For the simulated machine only.
-QVector<Recording> recordExchanges(QByteArrayList &complaints);
+QVector<RecordedExchange> recordExchanges(QByteArrayList &complaints);
 
 #endif // RECORDING_H

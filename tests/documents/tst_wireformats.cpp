@@ -29,7 +29,7 @@ private:
     void compareFrame(const Block &block, const QByteArrayList &titles);
 
     QVector<Block> m_blocks;
-    QVector<Recording> m_recordings;
+    QVector<RecordedExchange> m_recordings;
     QMap<QByteArray, QByteArray> m_frames; // by title
 };
 
@@ -69,7 +69,7 @@ QByteArray kindOf(const QByteArray &title)
     return title.left(title.indexOf(':')).split('"').first();
 }
 
-bool isPartOf(const QByteArrayList &lines, const Recording &recording)
+bool isPartOf(const QByteArrayList &lines, const RecordedExchange &recording)
 {
     QByteArrayList titles;
     for (const RecordedFrame &frame : recording)
@@ -98,7 +98,7 @@ void TestWireFormats::initTestCase()
     QByteArrayList complaints;
     m_recordings = recordExchanges(complaints);
     QVERIFY2(complaints.isEmpty(), complaints.join('\n').constData());
-    for (const Recording &recording : m_recordings) {
+    for (const RecordedExchange &recording : m_recordings) {
         for (const RecordedFrame &frame : recording)
             m_frames.insert(frame.title, frame.bytes);
     }
@@ -200,7 +200,7 @@ void TestWireFormats::exchangesWentOverTheLine()
     const QVector<Block> blocks = blocksOf("exchange");
     QVERIFY(!blocks.isEmpty());
     for (const Block &block : blocks) {
-        const auto holds = [&block](const Recording &recording) {
+        const auto holds = [&block](const RecordedExchange &recording) {
             return isPartOf(block.lines, recording);
         };
         QVERIFY2(std::any_of(m_recordings.cbegin(), m_recordings.cend(), holds),

@@ -34,6 +34,9 @@ def parse_arguments():
     parser.add_argument("--list", action="store_true", help="list the rows without running them")
     parser.add_argument("--keep", type=pathlib.Path, metavar="DIR",
                         help="keep the state of each machine (console, screen, transcript) in DIR")
+    parser.add_argument("--tap", action="store_true",
+                        help="put boardtap between the program and the board: the outcome must be the same, and the "
+                        "bytes; then only the rows with a board run, unless rows are named")
     parser.add_argument("--opkg", choices=("stand-in", "real"), default="stand-in",
                         help="package manager: the stand-in (default), or the opkg on the PATH or in the variable OPKG; "
                         "then only the rows in which it installs run, unless rows are named")
@@ -52,8 +55,10 @@ def solver_of(opkg):
     return ["libsolv" if "libsolv" in version.stdout else "internal"]
 
 
-def chosen_rows(names, opkg):
+def chosen_rows(names, opkg, tap):
     rows = table.load()["rows"]
+    if tap and not names:
+        rows = [row for row in rows if row.board != "none"]
     if opkg == "real" and not names:
         rows = [row for row in rows if row.area != "board" and row.results]
     chosen = [row for row in rows if not names or any(fnmatch.fnmatchcase(row.name, n) for n in names)]
@@ -76,7 +81,7 @@ async def run_row(row, arguments, packages, machines, starts):
         machine = await asyncio.create_subprocess_exec(
             PROJECT / "sandbox/run", *state, *row.machine, "--opkg", arguments.opkg, "--show", build, "--show", packages, "--",
             "/usr/bin/python3", "-B", PROJECT / "tests/faults/run_row.py", build, packages, row.name,
-            *arguments.solver,
+            *arguments.solver, *(["--tap"] if arguments.tap else []),
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         try:
             first = await machine.stdout.readline()
@@ -103,7 +108,7 @@ async def run_rows(rows, arguments, packages):
 
 def main():
     arguments = parse_arguments()
-    rows = chosen_rows(arguments.rows, arguments.opkg)
+    rows = chosen_rows(arguments.rows, arguments.opkg, arguments.tap)
     arguments.solver = solver_of(arguments.opkg)
     if arguments.list:
         for row in rows:

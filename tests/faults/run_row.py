@@ -1,4 +1,4 @@
-"""Runs one row on the simulated machine: run_row.py BUILD PACKAGES ROW [SOLVER]. Started by run.py.
+"""Runs one row on the simulated machine: run_row.py BUILD PACKAGES ROW [--tap] [SOLVER]. Started by run.py.
 
 Prints every difference from the row. The exit status is 0 when there is none, else 1.
 """
@@ -6,6 +6,7 @@ Prints every difference from the row. The exit status is 0 when there is none, e
 import dataclasses
 import linecache
 import pathlib
+import re
 import signal
 import sys
 import threading
@@ -18,11 +19,14 @@ sys.path.insert(0, str(PROJECT / "sandbox"))
 import table
 import verdict
 from machine import Machine, paths
+from machine.watch import text_of
 from steps import Steps
 
 LOG_POLL_S = 0.02  # how exactly the times of output lines are known
 POLL_S = 0.1
 STARTED_POLL_S = 0.05
+TRANSCRIBED = re.compile(r" *\d+\.\d+ (?:(->|<-) .* bytes?\):|  +\d{4}:)((?: [0-9a-f]{2})*)")
+RECORDED = re.compile(r" *(?:\d+\.\d+ (->|<-))?((?: +[0-9a-f]{2})+)")
 
 
 class Log(threading.Thread):
@@ -95,7 +99,7 @@ def end_steps(*_):
     raise TimeoutError("the steps do not end")
 
 
-def run(row, rows, machine):
+def run(row, rows, machine, has_tap=False):
     """Returns the differences from the row."""
     log = Log()
     log.start()
@@ -105,7 +109,7 @@ def run(row, rows, machine):
     signal.signal(signal.SIGALRM, end_steps)
     signal.alarm(limit)
     try:
-        steps = Steps(machine, row)
+        steps = Steps(machine, row, has_tap)
         take_steps(row, steps)
     except Exception:
         return [traceback.format_exc()]
@@ -123,18 +127,46 @@ def run(row, rows, machine):
     time.sleep(row.holds)
     if machine.board.process:
         machine.board.stop()
-    return list(verdict.differences(row, rows, log, steps, is_over=True))
+    if machine.tap.process:  # after the board, so that it has all that the board has sent
+        machine.tap.stop()
+    found = list(verdict.differences(row, rows, log, steps, is_over=True))
+    return found + list(tap_differences(row)) if has_tap else found
 
 
-def main(build, packages, name, solver=""):
+def tap_differences(row):
+    """The bytes in the recording of the tap are those that the board received and sent."""
+    if not paths.TAP_RECORDING.exists():
+        return
+    board, tap = (line_bytes(text_of(path), pattern) for path, pattern in
+                  ((paths.BOARD_LOG, TRANSCRIBED), (paths.TAP_RECORDING, RECORDED)))
+    faults = " ".join(row.board)
+    if "lose-bytes" in faults:
+        tap["->"] = board["->"]  # the board has lost them after the tap
+    elif "hang-up" in faults:
+        tap["->"] = tap["->"][:len(board["->"])]  # the rest came too late for the board
+    for mark in ("->", "<-"):
+        if tap[mark] != board[mark]:
+            yield f"{mark} the tap has recorded {len(tap[mark]) // 2} bytes, the board {len(board[mark]) // 2}"
+
+
+def line_bytes(text, pattern):
+    """The bytes in a transcript or a recording, by direction."""
+    found, mark = {"->": "", "<-": ""}, ""
+    for match in filter(None, map(pattern.fullmatch, text.splitlines())):
+        mark = match[1] or mark
+        found[mark] += match[2].replace(" ", "")
+    return found
+
+
+def main(build, packages, name, *more):
     for number in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM):
         signal.signal(number, signal.SIG_DFL)  # the caller may ignore them, and children inherit that
     rows = table.load()
     row = next(row for row in rows["rows"] if row.name == name)
-    if solver == "libsolv":
+    if "libsolv" in more:
         row = dataclasses.replace(row, **row.libsolv)
     with Machine(build, packages) as machine:
-        found = run(row, rows, machine)
+        found = run(row, rows, machine, "--tap" in more)
     for difference in found:
         print(difference)
     return 1 if found else 0

@@ -20,9 +20,10 @@ GO = paths.STATE / "go"  # ends a slow package
 class Steps:
     """The steps on the machine of one row."""
 
-    def __init__(self, machine, row):
+    def __init__(self, machine, row, has_tap=False):
         self.machine = machine
         self.row = row
+        self.has_tap = has_tap  # between the program and the board
         self.status = None  # exit status of the program, set by await_exit()
         HOOKS.mkdir()
         machine.environment["PATH"] = f"{HOOKS}:{machine.environment['PATH']}"
@@ -133,11 +134,16 @@ fi""")
         # Each control byte is repeated ten times, because the program reads ten bytes at a time. The
         # delays keep the order fixed: each read takes about a second, and no `C` may arrive before the
         # program has read the reply to the start command, and no second `C` during the read of the first.
-        self.machine.board.start("--control-repeat", "10", "--boot-delay", "2500",
-                                 "--request-interval", "3000", *options)
+        timing = ("--control-repeat", "10", "--boot-delay", "2500", "--request-interval", "3000")
+        if self.has_tap:
+            self.machine.board.start_with_tap(self.machine.tap, *timing, *options)
+        else:
+            self.machine.board.start(*timing, *options)
 
     def switch_board_off(self):
         self.machine.board.stop()
+        if self.has_tap:
+            self.machine.tap.stop()
         paths.BOARD_SUMMARY.unlink()
 
     def press(self):

@@ -19,7 +19,7 @@ QList<QByteArray> commandLine(const QStringList &arguments)
 {
     QList<QByteArray> words = qgetenv("UPDATE_ASSISTANT_EMULATOR").split(' ');
     words.removeAll(QByteArray());
-    words.append(QByteArrayLiteral(BOARDSIM_PROGRAM));
+    words.append(QByteArrayLiteral(BOARD_PROGRAM));
     for (const QString &argument : arguments)
         words.append(QFile::encodeName(argument));
     return words;

@@ -8,8 +8,8 @@
 #include <cstdio>
 #include <sys/types.h>
 
-/// The program boardsim, running; killed at the end of the object's life. Not by QProcess: under an
-/// emulator that starts nothing, and takes every process for its child when it cleans up.
+/// A program of the simulator, running; killed at the end of the object's life. Not by QProcess:
+/// under an emulator that starts nothing, and takes every process for its child when it cleans up.
 class BoardProgram {
 public:
     explicit BoardProgram(const QStringList &arguments);

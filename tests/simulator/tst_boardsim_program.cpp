@@ -304,7 +304,7 @@ void TestBoardSimProgram::helpTellsEveryOptionAndFault()
     for (const char *option :
          {"--link", "--version-text", "--params", "--params-hex", "--device-id", "--image",
           "--transcript", "--hex", "--summary", "--pace", "--control-repeat", "--boot-loader",
-          "--boot-delay", "--request-interval", "--fault"})
+          "--boot-delay", "--request-interval", "--replay", "--replay-pace", "--fault"})
         QVERIFY2(help.contains(option), option);
     for (const boardsim::FaultRule &rule : boardsim::faultTable())
         QVERIFY2(help.contains(QByteArray("\n  ") + rule.name), rule.name);

@@ -1,0 +1,112 @@
+#include "linewatch.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace boardsim {
+
+LineWatch::LineWatch(Report &report, LineSink transcript, HexStyle style, TimePoint start)
+    : m_start(start)
+    , m_report(report)
+    , m_transcript(std::move(transcript), style, report, start)
+    , m_decoder(report, [this](const LineEvent &event) { tell(event); })
+{
+}
+
+void LineWatch::record(Recorder::Writer writer)
+{
+    m_recorder = std::make_unique<Recorder>(std::move(writer), m_start);
+}
+
+void LineWatch::bytesPassed(TimePoint now, bool toBoard, const QByteArray &bytes)
+{
+    m_decoder.step(now);
+    if (m_recorder)
+        m_recorder->add(now, toBoard, bytes);
+    if (toBoard)
+        m_decoder.toBoard(now, bytes);
+    else
+        m_decoder.fromBoard(now, bytes);
+}
+
+void LineWatch::deviceGone(TimePoint now)
+{
+    m_decoder.flush();
+    m_transcript.note(now, QStringLiteral("device has gone"));
+    if (m_recorder)
+        m_recorder->happened(now, Record::Kind::HangUp);
+    m_report.hungUp = true;
+}
+
+void LineWatch::hungUp(TimePoint now)
+{
+    m_decoder.flush();
+    m_transcript.hungUp(now);
+}
+
+void LineWatch::deviceReturned(TimePoint now)
+{
+    m_transcript.note(now, QStringLiteral("device is back"));
+    if (m_recorder)
+        m_recorder->happened(now, Record::Kind::Return);
+}
+
+void LineWatch::bytesUnread(TimePoint now, qint64 count)
+{
+    m_transcript.note(now, QStringLiteral("no program reads: %1 bytes are lost").arg(count));
+}
+
+void LineWatch::end(TimePoint now, const QString &text)
+{
+    m_decoder.flush();
+    if (m_recorder)
+        m_recorder->flush();
+    m_transcript.note(now, text);
+}
+
+void LineWatch::tell(const LineEvent &event)
+{
+    if (event.bytes.isEmpty()) {
+        m_transcript.note(event.time, event.meaning);
+        return;
+    }
+    if (event.toBoard)
+        m_transcript.received(event.time, event.meaning, event.bytes);
+    else
+        m_transcript.sent(event.time, event.meaning, event.bytes);
+    for (const QString &text : event.violations)
+        m_transcript.violation(event.time, text);
+    if (m_recorder)
+        m_recorder->describe(event);
+    if (m_keepsEvents)
+        return;
+    m_report.frames.clear();
+    m_report.violations.resize(std::min(m_report.violations.size(), 1));
+}
+
+void watchRecording(const Recording &recording, TimePoint start, LineWatch &watch)
+{
+    TimePoint now = start;
+    for (const Record &record : recording.records) {
+        // Pauses end frames one after the other, as they did on the line.
+        const TimePoint then = start + Milliseconds(record.ms);
+        for (auto next = watch.deadline(); next && *next <= then; next = watch.deadline())
+            watch.step(*next);
+        now = then;
+        switch (record.kind) {
+        case Record::Kind::ToBoard:
+        case Record::Kind::FromBoard:
+            watch.bytesPassed(now, record.kind == Record::Kind::ToBoard, record.bytes);
+            break;
+        case Record::Kind::HangUp:
+            watch.deviceGone(now);
+            break;
+        case Record::Kind::Return:
+            watch.deviceReturned(now);
+            break;
+        }
+    }
+    watch.end(now, QStringLiteral("end of the recording"));
+}
+
+} // namespace boardsim

@@ -1,0 +1,55 @@
+#ifndef BOARDSIM_LINEWATCH_H
+#define BOARDSIM_LINEWATCH_H
+
+#include "recorder.h"
+#include "tap.h"
+#include "transcript.h"
+
+#include <memory>
+
+namespace boardsim {
+
+/// Tells what goes over a line: into a report, a transcript and, where wanted, a recording.
+class LineWatch : public LineListener {
+public:
+    /// `report` must outlive this; `transcript` may be empty.
+    LineWatch(Report &report, LineSink transcript, HexStyle style, TimePoint start);
+
+    /// Keeps no frames in the report, and of the violations only the first: for a line that is
+    /// watched for days.
+    void keepNoEvents() { m_keepsEvents = false; }
+
+    /// Records from now on.
+    void record(Recorder::Writer writer);
+
+    void note(TimePoint now, const QString &text) { m_transcript.note(now, text); }
+    void hungUp(TimePoint now);
+    void failed(TimePoint now, const QString &text) { m_transcript.failed(now, text); }
+
+    void bytesPassed(TimePoint now, bool toBoard, const QByteArray &bytes) override;
+    void deviceGone(TimePoint now) override;
+    void deviceReturned(TimePoint now) override;
+    void bytesUnread(TimePoint now, qint64 count) override;
+    void step(TimePoint now) override { m_decoder.step(now); }
+    std::optional<TimePoint> deadline() const override { return m_decoder.deadline(); }
+
+    /// The line is not watched any more.
+    void end(TimePoint now, const QString &text);
+
+private:
+    void tell(const LineEvent &event);
+
+    const TimePoint m_start;
+    Report &m_report;
+    bool m_keepsEvents = true;
+    Transcript m_transcript;
+    LineDecoder m_decoder;
+    std::unique_ptr<Recorder> m_recorder;
+};
+
+/// Lets a watch see a recording, as if its bytes came now: `start` is that of the watch.
+void watchRecording(const Recording &recording, TimePoint start, LineWatch &watch);
+
+} // namespace boardsim
+
+#endif // BOARDSIM_LINEWATCH_H

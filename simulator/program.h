@@ -1,0 +1,42 @@
+#ifndef BOARDSIM_PROGRAM_H
+#define BOARDSIM_PROGRAM_H
+
+#include "report.h"
+#include "transcript.h"
+
+#include <QFile>
+
+#include <csignal>
+
+// What the programs boardsim and boardtap have in common.
+
+namespace boardsim {
+
+enum ExitStatus {
+    Good = 0,
+    Violated = 1,
+    WrongUsage = 2,
+    Failed = 3,
+};
+
+/// Prints the text as an error of the program; returns `status`.
+int fail(const char *program, ExitStatus status, const QString &text);
+
+/// Looked at first: a wrong path ends the program at the start, not when there is data to lose.
+bool isInWritableDirectory(const QString &path);
+
+/// "-" is standard output.
+[[nodiscard]] bool openTranscript(QFile &file, const QString &path);
+
+/// `file` must outlive the sink.
+LineSink sinkTo(QFile &file);
+
+/// The signals that end the program; blocked before any thread starts, so that all inherit that. A
+/// reader of the transcript that goes ends nothing.
+sigset_t blockEndSignals();
+
+[[nodiscard]] bool writeSummary(const QString &path, const Report &report);
+
+} // namespace boardsim
+
+#endif // BOARDSIM_PROGRAM_H

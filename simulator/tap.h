@@ -1,0 +1,67 @@
+#ifndef BOARDSIM_TAP_H
+#define BOARDSIM_TAP_H
+
+#include "clock.h"
+#include "pseudoterminal.h"
+#include "serialdevice.h"
+
+#include <QByteArray>
+
+namespace boardsim {
+
+/// Is told what goes over a line, right after it has gone on.
+class LineListener {
+public:
+    virtual ~LineListener() = default;
+    virtual void bytesPassed(TimePoint now, bool toBoard, const QByteArray &bytes) = 0;
+    virtual void deviceGone(TimePoint now) = 0;
+    virtual void deviceReturned(TimePoint now) = 0;
+    /// Bytes for a program that does not read them; they went over the line, but not on.
+    virtual void bytesUnread(TimePoint now, qint64 count) = 0;
+    /// Called when deadline() has come.
+    virtual void step(TimePoint now) = 0;
+    virtual std::optional<TimePoint> deadline() const = 0;
+};
+
+/// Carries the bytes between a serial device and a pseudo-terminal, unchanged, in both directions.
+class Tap {
+public:
+    Tap(QString device, QString linkPath, LineListener &listener);
+
+    /// Opens the device, then the pseudo-terminal and its link. False on failure, see errorText().
+    [[nodiscard]] bool open();
+
+    /// Carries until `endDescriptor` can be read. A device that goes away hangs up the
+    /// pseudo-terminal and removes the link; both are made anew when it comes back. False when that
+    /// fails, see errorText().
+    [[nodiscard]] bool run(int endDescriptor);
+
+    /// Removes the link and closes both sides.
+    void close();
+
+    /// The device that the program opens.
+    QString slaveName() const { return m_terminal.slaveName(); }
+    QString errorText() const { return m_errorText; }
+
+private:
+    bool openTerminal();
+    int timeoutMs() const;
+    void carryToBoard();
+    bool carryFromBoard();
+    bool writeOut();
+    void lose(TimePoint now);
+
+    const QString m_devicePath;
+    const QString m_linkPath;
+    LineListener &m_listener;
+    SerialDevice m_device;
+    PseudoTerminal m_terminal;
+    QByteArray m_toDevice;  // read, not yet written
+    QByteArray m_toProgram; // as well
+    TimePoint m_nextTry{};  // to open a device that has gone
+    QString m_errorText;
+};
+
+} // namespace boardsim
+
+#endif // BOARDSIM_TAP_H

@@ -1,0 +1,35 @@
+#ifndef BOARDSIM_TAPCOMMANDLINE_H
+#define BOARDSIM_TAPCOMMANDLINE_H
+
+#include "transcript.h"
+
+#include <QStringList>
+
+namespace boardsim {
+
+/// What the program `boardtap` was asked to do.
+struct TapCommandLine {
+    enum class Action {
+        Watch,
+        Read, // a recording
+        ShowHelp,
+        Refuse, // `message` says why
+    };
+    Action action = Action::Watch;
+    QString message; // the help text, or what is wrong
+    QString device;
+    QString link;
+    QString readFile;
+    QString transcriptFile = QStringLiteral("-"); // "-": standard output
+    QString summaryFile;
+    QString recordFile;
+    QString imageFile;
+    HexStyle hexStyle = HexStyle::Full;
+};
+
+/// `arguments` begin with the program's name.
+TapCommandLine parseTapCommandLine(const QStringList &arguments);
+
+} // namespace boardsim
+
+#endif // BOARDSIM_TAPCOMMANDLINE_H

@@ -1,0 +1,341 @@
+#include "boardprogram.h"
+#include "handmadeframes.h"
+#include "recording.h"
+#include "testboard.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QtTest>
+
+#include <csignal>
+#include <memory>
+#include <unistd.h>
+
+using namespace boardsim;
+
+namespace {
+
+QByteArray contentOf(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+/// The output lines without their times.
+QList<QByteArray> events(const QByteArray &transcript)
+{
+    QList<QByteArray> lines;
+    for (const QByteArray &line : transcript.split('\n')) {
+        if (line.contains(" -> ") || line.contains(" <- ") || line.contains(" !! "))
+            lines << line.mid(line.indexOf('.') + 5);
+    }
+    return lines;
+}
+
+} // namespace
+
+class TestBoardTap : public QObject {
+    Q_OBJECT
+
+private slots:
+    void init();
+    void updateIsWatched();
+    void everyByteGoesThrough();
+    void malformedFramesGiveStatus1();
+    void goneDeviceComesBack();
+    void endSignalEndsIt_data();
+    void endSignalEndsIt();
+    void wrongUsageGivesStatus2_data();
+    void wrongUsageGivesStatus2();
+    void deviceThatCannotBeOpenedIsSaid_data();
+    void deviceThatCannotBeOpenedIsSaid();
+    void deviceWithoutRightsIsSaid();
+    void existingFileIsNoLink();
+    void fullDiskDoesNotStopTheLine();
+    void recordingIsRead();
+    void brokenRecordingIsRefused();
+
+private:
+    QString path(const char *name) const
+    {
+        return m_directory->filePath(QString::fromLatin1(name));
+    }
+    QStringList watch(const QString &device, const QStringList &more = {}) const
+    {
+        return QStringList{QStringLiteral("--device"), device, QStringLiteral("--link"),
+                           path("line")}
+        + more;
+    }
+
+    std::unique_ptr<QTemporaryDir> m_directory;
+};
+
+void TestBoardTap::init()
+{
+    m_directory = std::make_unique<QTemporaryDir>();
+    QVERIFY(m_directory->isValid());
+}
+
+void TestBoardTap::updateIsWatched()
+{
+    Options options;
+    options.bootDelay = Milliseconds(100);
+    QByteArray ownTranscript;
+    options.transcript = [&ownTranscript](const QByteArray &line) { ownTranscript += line + '\n'; };
+    TestBoard board(options);
+    BoardProgram program(
+        watch(board.slaveName(),
+              {QStringLiteral("--transcript"), path("transcript"), QStringLiteral("--summary"),
+               path("summary"), QStringLiteral("--record"), path("recording")}));
+    const QString device = program.waitUntilReady();
+    QCOMPARE(QFile::symLinkTarget(path("line")), device);
+
+    const QByteArray image = firmwareOfSize(2048);
+    AssistantLine line(path("line"));
+    QCOMPARE(line.exchange(goodVersionQuery(), 36).mid(16, 7), QByteArray("V4.1.3\0", 7));
+    QCOMPARE(line.exchange(goodStartCommand(), 19).right(1), QByteArray("C"));
+    bool asksForMore = true; // only the start frame and EOT get two bytes
+    for (const QByteArray &frame : wholeTransfer(image)) {
+        asksForMore = asksForMore || frame == eot();
+        QCOMPARE(line.exchange(frame, asksForMore ? 2 : 1).left(1), QByteArray("\x06"));
+        asksForMore = false;
+    }
+    QCOMPARE(program.end(), 0);
+    QVERIFY(!QFileInfo(path("line")).isSymLink());
+    board.stop();
+
+    QCOMPARE(events(contentOf(path("transcript"))), events(ownTranscript));
+    const QJsonObject summary = QJsonDocument::fromJson(contentOf(path("summary"))).object();
+    QCOMPARE(summary.value(QStringLiteral("outcome")).toString(), QStringLiteral("ok"));
+    QCOMPARE(summary.value(QStringLiteral("frames")).toArray().size(),
+             board.report().frames.size());
+    QString error;
+    const auto recording = readRecording(path("recording"), error);
+    QVERIFY2(recording, qPrintable(error));
+    QByteArray sent;
+    QByteArray received;
+    for (const Record &record : recording->records)
+        (record.kind == Record::Kind::ToBoard ? received : sent) += record.bytes;
+    QCOMPARE(sent, board.sent().join());
+    QVERIFY(received.endsWith(endFrame()));
+}
+
+void TestBoardTap::everyByteGoesThrough()
+{
+    QByteArray bytes;
+    for (int i = 0; i < 16 * 256; ++i)
+        bytes += static_cast<char>(i);
+    Options options;
+    options.replay = Recording{};
+    for (int i = 0; i < 20; ++i)
+        options.replay->records << Record{Record::Kind::ToBoard, i, bytes.left(3000), 1}
+                                << Record{Record::Kind::FromBoard, i, bytes, 1};
+    options.replayFast = true;
+    TestBoard board(options);
+    BoardProgram program(watch(board.slaveName(), {QStringLiteral("--transcript"), path("t")}));
+    QVERIFY(!program.waitUntilReady().isEmpty());
+    AssistantLine line(path("line"));
+    for (int i = 0; i < 20; ++i)
+        QCOMPARE(line.exchange(bytes.left(3000), bytes.size()), bytes);
+    QVERIFY(program.end() >= 0);
+    board.stop();
+    QCOMPARE(board.report().difference, QString());
+}
+
+void TestBoardTap::malformedFramesGiveStatus1()
+{
+    TestBoard board;
+    BoardProgram program(
+        watch(board.slaveName(), {QStringLiteral("--hex"), QStringLiteral("short")}));
+    QVERIFY(!program.waitUntilReady().isEmpty());
+    AssistantLine line(path("line"));
+    QVERIFY(line.send(changed(goodVersionQuery(), 28)));
+    QVERIFY(program.waitForOutput("!! violation: checksum is 0xdc, not 0xdd"));
+    QCOMPARE(program.end(), 1);
+}
+
+void TestBoardTap::goneDeviceComesBack()
+{
+    QVERIFY(QFile::link(QStringLiteral("/dev/pts/99999"), path("device")));
+    Options options = quickToNotice({"hang-up@version"});
+    options.linkPath = path("device");
+    std::unique_ptr<TestBoard> board = std::make_unique<TestBoard>(options);
+    BoardProgram program(watch(path("device"), {QStringLiteral("--record"), path("recording")}));
+    QVERIFY(!program.waitUntilReady().isEmpty());
+    {
+        AssistantLine line(path("line"));
+        QVERIFY(line.send(goodVersionQuery()));
+        QVERIFY(line.waitForHangUp());
+    }
+    QVERIFY(program.waitForOutput("-- device has gone"));
+    QVERIFY(!QFileInfo(path("line")).isSymLink());
+    board.reset();
+
+    options.faults.clear();
+    board = std::make_unique<TestBoard>(options);
+    QVERIFY(program.waitForOutput("-- device is back"));
+    AssistantLine line(path("line"));
+    QCOMPARE(line.exchange(goodVersionQuery(), 36).size(), 36);
+    QVERIFY(program.end() >= 0);
+    QCOMPARE(program.errorOutput(),
+             QStringLiteral("boardtap: %1 has gone; waiting for it to come back\n"
+                            "boardtap: %1 is back\n")
+                 .arg(path("device"))
+                 .toLatin1());
+    const QByteArray recording = contentOf(path("recording"));
+    QVERIFY(recording.contains(" -- hang-up\n"));
+    QVERIFY(recording.contains(" -- return\n"));
+    QVERIFY(recording.contains("# version answer \"V4.1.3\"\n"));
+}
+
+void TestBoardTap::endSignalEndsIt_data()
+{
+    QTest::addColumn<int>("signal");
+    QTest::newRow("TERM") << SIGTERM;
+    QTest::newRow("INT") << SIGINT;
+    QTest::newRow("HUP") << SIGHUP;
+}
+
+void TestBoardTap::endSignalEndsIt()
+{
+    QFETCH(int, signal);
+    TestBoard board;
+    BoardProgram program(watch(board.slaveName(), {QStringLiteral("--record"), path("recording")}));
+    QVERIFY(!program.waitUntilReady().isEmpty());
+    AssistantLine line(path("line"));
+    QVERIFY(line.send("\xe7\x1e")); // of a frame that never ends
+    QTRY_VERIFY(board.report().violations.size() == 1);
+    program.sendSignal(signal);
+    QCOMPARE(program.waitForEnd(), 1);
+    QVERIFY(!QFileInfo(path("line")).isSymLink());
+    QVERIFY(contentOf(path("recording")).contains("-> e7 1e\n"));
+}
+
+void TestBoardTap::wrongUsageGivesStatus2_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QByteArray>("message");
+    const auto row = [](const char *arguments, const QByteArray &message) {
+        QTest::newRow(arguments) << QString::fromLatin1(arguments).split(QLatin1Char(' '))
+                                 << message;
+    };
+    row("--nonsense", "boardtap: Unknown option 'nonsense'.\n");
+    row("line", "boardtap: no arguments but options, please: \"line\"\n");
+    row("--device x", "boardtap: --device and --link are needed, or --read (try --help)\n");
+    row("--read x --link y", "boardtap: --link and --read do not go together\n");
+    row("--device x --link y --image z", "boardtap: --image needs --read\n");
+    row("--device x --link y --hex long", "boardtap: --hex takes full or short, not \"long\"\n");
+    row("--device= --link y", "boardtap: --device takes a path\n");
+}
+
+void TestBoardTap::wrongUsageGivesStatus2()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QByteArray, message);
+    BoardProgram program(arguments);
+    QCOMPARE(program.waitForEnd(), 2);
+    QCOMPARE(program.errorOutput(), message);
+}
+
+void TestBoardTap::deviceThatCannotBeOpenedIsSaid_data()
+{
+    QTest::addColumn<QString>("device");
+    QTest::addColumn<QByteArray>("message");
+    QTest::newRow("missing") << QStringLiteral("/missing/device")
+                             << QByteArray("boardtap: cannot open /missing/device: No such file or "
+                                           "directory\n");
+    QTest::newRow("no terminal") << QStringLiteral("/dev/null")
+                                 << QByteArray("boardtap: /dev/null is no serial device\n");
+}
+
+void TestBoardTap::deviceThatCannotBeOpenedIsSaid()
+{
+    QFETCH(QString, device);
+    QFETCH(QByteArray, message);
+    BoardProgram program(watch(device));
+    QCOMPARE(program.waitForEnd(), 3);
+    QCOMPARE(program.errorOutput(), message);
+    QVERIFY(!QFileInfo(path("line")).isSymLink());
+}
+
+void TestBoardTap::deviceWithoutRightsIsSaid()
+{
+    if (geteuid() == 0)
+        QSKIP("root may open every device: run this as another user");
+    QFile file(path("device"));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    QVERIFY(file.setPermissions(QFileDevice::Permissions()));
+    BoardProgram program(watch(path("device")));
+    QCOMPARE(program.waitForEnd(), 3);
+    QVERIFY(program.errorOutput().startsWith("boardtap: no right to open "));
+}
+
+void TestBoardTap::existingFileIsNoLink()
+{
+    TestBoard board;
+    {
+        QFile file(path("line"));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+    }
+    BoardProgram program(watch(board.slaveName()));
+    QCOMPARE(program.waitForEnd(), 3);
+    QCOMPARE(program.errorOutput(),
+             "boardtap: " + path("line").toLatin1() + " exists and is not a left-over link\n");
+
+    QVERIFY(QFile::remove(path("line")) && QFile::link(board.slaveName(), path("line")));
+    BoardProgram itself(watch(board.slaveName()));
+    QCOMPARE(itself.waitForEnd(), 3);
+    QCOMPARE(itself.errorOutput(),
+             "boardtap: " + path("line").toLatin1() + " is the device itself\n");
+    QCOMPARE(QFile::symLinkTarget(path("line")), board.slaveName());
+}
+
+void TestBoardTap::fullDiskDoesNotStopTheLine()
+{
+    TestBoard board;
+    BoardProgram program(
+        watch(board.slaveName(), {QStringLiteral("--record"), QStringLiteral("/dev/full")}));
+    QVERIFY(!program.waitUntilReady().isEmpty());
+    AssistantLine line(path("line"));
+    QCOMPARE(line.exchange(goodVersionQuery(), 36).size(), 36);
+    QCOMPARE(program.end(), 3);
+    QCOMPARE(program.errorOutput(),
+             QByteArray("boardtap: cannot write /dev/full: No space left on device; the line goes "
+                        "on\n"));
+}
+
+void TestBoardTap::recordingIsRead()
+{
+    QFile file(path("recording"));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(recordingHead(kLineSpeed, QStringLiteral("1")) + "0.100 <- 43\n");
+    int ms = 1000;
+    for (const QByteArray &frame : wholeTransfer("abc"))
+        file.write(recordLines({Record::Kind::ToBoard, ++ms, frame, 0}));
+    file.close();
+    BoardProgram program({QStringLiteral("--read"), path("recording"), QStringLiteral("--image"),
+                          path("image"), QStringLiteral("--hex"), QStringLiteral("short")});
+    QCOMPARE(program.waitForEnd(), 0);
+    QCOMPARE(contentOf(path("image")), QByteArray("abc"));
+    QVERIFY(program.output().contains("    0.100 <- 'C', asks for the start frame (1 byte): 43\n"));
+    QVERIFY(program.output().contains("    1.004 -> end frame (133 bytes): 01 00 ff"));
+}
+
+void TestBoardTap::brokenRecordingIsRefused()
+{
+    QFile file(path("recording"));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write("something else");
+    file.close();
+    BoardProgram program({QStringLiteral("--read"), path("recording")});
+    QCOMPARE(program.waitForEnd(), 3);
+    QCOMPARE(
+        program.errorOutput(),
+        "boardtap: " + path("recording").toLatin1()
+            + ": line 1: no recording: it begins with \"something else\", not with \"serial line "
+              "recording 1\"\n");
+}
+
+QTEST_GUILESS_MAIN(TestBoardTap)
+#include "tst_boardtap.moc"
