@@ -109,26 +109,25 @@ class Check:
     def _ask(self):
         """Asks all, then judges: the last events come when the tap has ended."""
         version = self._call("version query", "version", patience=self._until_reply)
-        handshakes, transfer, again = [], None, []
-        if goes_on(version):
-            handshakes = [self._call(f"{name[-2:].upper()} handshake", name, patience=self._until_end)
-                          for name in ("handshake-v3", "handshake-v4") if not self._tap.has_gone]
+        handshakes, transfer, again = None, None, []
+        if goes_on(version) and not self._tap.has_gone:
+            handshakes = self._call("handshakes", "handshake-v3", "handshake-v4", patience=self._until_end)
             if self._given.firmware and not self._tap.has_gone:
                 transfer = self._call("start command", "start-command", "transfer", patience=self._until_sent)
                 again = list(self._ask_again()) if was_sent(transfer) else []
         self._tap.end()
         self._line.settle()
 
-        has_gone, judge = self._tap.has_gone, self.judgement
-        judge.line(self.exchanges, has_gone)
-        judge.version(version, has_gone)
-        for exchange, take in zip(handshakes, (judge.handshake_v3, judge.handshake_v4)):
-            take(exchange)
+        judge = self.judgement
+        judge.line(self.exchanges)
+        judge.version(version)
+        if handshakes:
+            judge.handshakes(handshakes)
         before, after = version_text(version) or "", next(filter(None, map(version_text, again)), "")
         self.versions = [before, after]
         if transfer:
             judge.start(transfer)
-            if judge.transfer(transfer, has_gone) and again and not has_gone:
+            if judge.transfer(transfer) and again and not self._tap.has_gone:
                 judge.application(before, after)
 
     def _ask_again(self):

@@ -18,6 +18,8 @@ class Finding:
 
 
 class Judgement:
+    """Where the device has gone away, only what came before tells anything."""
+
     def __init__(self, requirements):
         self.findings = {one.name: Finding(seen=one.unseen) for one in requirements}
 
@@ -29,55 +31,52 @@ class Judgement:
     def not_met(self, name, seen):
         self.findings[name] = Finding(NOT_MET, seen)
 
-    def line(self, exchanges, has_gone):
-        if has_gone:
-            last = next((one.meaning for one in reversed([e for x in exchanges for e in x.events]) if one.mark != "--"), "the start")
-            self.not_met("line-stays", f"the device went away after: {last}")
-        elif any(exchange.replies() for exchange in exchanges):
+    def line(self, exchanges):
+        frames = [event for exchange in exchanges for event in exchange.events if event.mark != "--"]
+        if any(exchange.gone for exchange in exchanges):
+            self.not_met("line-stays", f"the device went away after: {frames[-1].meaning}")
+        elif any(frame.mark == "<-" for frame in frames):
             self.met("line-stays")
 
-    def version(self, exchange, has_gone):
-        requests, replies = exchange.requests(), exchange.replies()
-        text = version_text(exchange)
-        if text is None and has_gone or not requests:
+    def version(self, exchange):
+        if not exchange.events:
             return
-        took = f"{replies[0].seconds - requests[0].seconds:.2f} s after the query" if replies else ""
+        query, text = exchange.requests()[0], version_text(exchange)
+        replies = exchange.replies(query)
         before = [one for reply in replies for one in reply.violations if "before the" in one]
         sound = next((reply for reply in replies if reply.meaning.startswith("version answer")), None)
-        if not replies:
+        if text is not None and replies and not before:
+            self.met("version-reply", seen=f"it came {replies[0].seconds - query.seconds:.2f} s after the query")
+            self.met("version-size", "version-pace", "version-alone")
+            self._text("version-text", text)
+            if "V4" in text:
+                self.met("version-v4")
+            elif text:
+                self.not_met("version-v4", f'the text is "{text}"')
+        elif exchange.gone:
+            return
+        elif not replies:
             self.not_met("version-reply", "nothing came")
         elif before:
             self.met("version-reply", "version-size", "version-pace")
             self.not_met("version-alone", before[0])
-        elif text is None and sound:
+        elif sound:
             self.met("version-reply", "version-size")
-            self.not_met("version-pace", f"the last byte came {sound.seconds - requests[0].seconds:.2f} s after the query")
-        elif text is None:
+            self.not_met("version-pace", f"the last byte came {sound.seconds - query.seconds:.2f} s after the query")
+        else:
             self.met("version-reply")
             self.not_met("version-size", faults_of(replies))
-        else:
-            self.met("version-reply", seen=f"it came {took}")
-            self.met("version-size", "version-pace", "version-alone")
-            self._text("version-text", text)
-            if text and "V4" in text:
-                self.met("version-v4")
-            elif text:
-                self.not_met("version-v4", f'the text is "{text}"')
 
-    def handshake_v3(self, exchange):
-        count = handshake_result(exchange, "handshake-v3")[0]
-        if count is not None and count > 0:
-            self.met("handshake-v3", seen=f"{count} bytes")
-        elif count is not None:
-            self.not_met("handshake-v3", came_late(exchange) or "nothing came within 1 s")
-
-    def handshake_v4(self, exchange):
-        count, text = handshake_result(exchange, "handshake-v4")
-        if count is not None and count > 0:
-            self.met("handshake-v4", seen=f"{count} bytes")
-            self._text("handshake-v4-text", text)
-        elif count is not None:
-            self.not_met("handshake-v4", faults_of(exchange.replies()) if exchange.replies() else "nothing came within 1 s")
+    def handshakes(self, exchange):
+        counts = {name: handshake_result(exchange, name) for name in ("handshake-v3", "handshake-v4")}
+        for request, (name, (count, text)) in zip(exchange.requests(), counts.items()):
+            replies = exchange.replies(request)
+            if count is not None and count > 0:
+                self.met(name, seen=f"{count} bytes")
+                if name == "handshake-v4":
+                    self._text("handshake-v4-text", text)
+            elif not exchange.gone:
+                self.not_met(name, faults_of(replies) if replies else "nothing came within 1 s")
 
     def _text(self, name, text):
         if text:
@@ -87,23 +86,25 @@ class Judgement:
 
     def start(self, exchange):
         result = exchange.results.get("start-command")
-        if result is None:
+        command, *frames = exchange.requests() or [None]
+        if result is None or exchange.gone and not frames:
             return
+        replies = exchange.replies(command)
         names = ["start-reply", "start-pace", "start-alone", "start-frame", "start-sum"]
         if result == "0":
             self.met(*names)
         elif result == "-1":
-            self.not_met("start-reply", came_late(exchange) or "nothing came within 1 s")
+            late = [reply for reply in replies if "start command answer" in reply.meaning]
+            self.not_met("start-reply", f"it came {late[0].seconds - command.seconds:.2f} s after the command" if late else
+                         "nothing came within 1 s")
         elif result == "-3":
             self.met(*names[:-1])
-            self.not_met("start-sum", faults_of(exchange.replies()))
+            self.not_met("start-sum", faults_of(replies[:1]))
         else:
             self.met("start-reply")
-            self._start_format(exchange)
+            self._start_format([one for one in replies if one.seconds <= command.seconds + REPLY_WINDOW_S])
 
-    def _start_format(self, exchange):
-        command = exchange.requests()[0]
-        replies = [one for one in exchange.replies(command) if one.seconds <= command.seconds + REPLY_WINDOW_S]
+    def _start_format(self, replies):
         others = [one for one in replies if not one.meaning.startswith("start command answer")]
         if others and len(others) < len(replies):
             self.not_met("start-alone", f"with it came: {others[0].meaning}")
@@ -112,47 +113,47 @@ class Judgement:
         else:
             self.not_met("start-pace", "it came in pieces, too late for one read")
 
-    def transfer(self, exchange, has_gone):
+    def transfer(self, exchange):
         """Returns whether the board has taken all frames."""
         frames = [one for one in exchange.requests() if one.meaning.startswith(FRAMES)]
         if not frames:
-            if not has_gone:
-                others = [one.meaning for one in exchange.replies() if "start command" not in one.meaning]
-                self.not_met("request", f"no `C` came, but {others[0]}" if others else "no `C` came")
+            if not exchange.gone:
+                others = [one.meaning for one in exchange.replies(exchange.requests()[0]) if "start command" not in one.meaning]
+                self.not_met("request", f"no 'C' came, but: {others[0]}" if others else "no 'C' came")
             return False
         self.met("request")
-        if has_gone:
+        if exchange.gone:
             return False
         for frame in frames:
-            self._frame(exchange, frame)
+            if "end frame" not in frame.meaning:
+                self._frame(frame, exchange.replies(frame), is_last=frame is frames[-1])
         end = next((one for one in frames if one.meaning.startswith("end frame")), None)
-        if not end or any(self.findings[name].status == NOT_MET for name in ("frame-reply", "frame-accepted", "control-first")):
+        names = ("frame-reply", "frame-accepted", "control-first")
+        if not end or any(self.findings[name].status == NOT_MET for name in names):
             return False
-        self.met("frame-reply", "frame-accepted", "control-first")
-        controls = [one for one in until_request(exchange, end) if asks(one)]
-        if controls:
+        self.met(*names)
+        replies = exchange.replies(end)
+        if any(map(asks, replies)):
             self.met("end-reply")
         else:
-            self.not_met("end-reply", faults_of(until_request(exchange, end)) or "nothing came")
+            self.not_met("end-reply", faults_of(replies) or "nothing came")
         if exchange.given_up:
             self.not_met("silent-end", "bytes came again and again")
         else:
             self.met("silent-end")
         return True
 
-    def _frame(self, exchange, frame):
+    def _frame(self, frame, replies, is_last):
         """Judges the reply to the start frame, a block or EOT."""
-        if "end frame" in frame.meaning:
-            return
-        replies, is_last = until_request(exchange, frame), frame is exchange.requests()[-1]
-        refused = any("NAK" in one.meaning or "CA" in one.meaning.split() for one in replies)
+        where = f"after {short(frame.meaning)}"
+        refused = next((one for one in replies if "NAK" in one.meaning or "CA" in one.meaning.split()), None)
         if refused and not any("ACK" in one.meaning for one in replies):
-            self.not_met("frame-accepted", f"{short(replies[0].meaning)} after {short(frame.meaning)}")
+            self.not_met("frame-accepted", f"{refused.meaning} {where}")
         elif is_last and any(not asks(one) for one in replies):
-            self.not_met("control-first", f"{faults_of(replies)}, after {short(frame.meaning)}")
+            self.not_met("control-first", f"{faults_of(replies)} {where}")
         elif is_last:
-            late = f"it came {replies[0].seconds - frame.seconds:.0f} s" if replies else "nothing came"
-            self.not_met("frame-reply", f"{late} after {short(frame.meaning)}")
+            self.not_met("frame-reply", f"it came {replies[0].seconds - frame.seconds:.0f} s {where}" if replies else
+                         f"nothing came {where}")
 
     def application(self, before, after):
         if after:
@@ -183,25 +184,9 @@ def handshake_result(exchange, name):
     return (int(count) if count else None), unquote(text)
 
 
-def came_late(exchange):
-    requests, replies = exchange.requests(), exchange.replies()
-    return f"it came {replies[0].seconds - requests[0].seconds:.2f} s after the request" if requests and replies else ""
-
-
 def faults_of(replies):
     faults = [fault for reply in replies for fault in reply.violations]
     return "; ".join(faults or [f"{reply.meaning}, {reply.size} bytes" for reply in replies][:2])
-
-
-def until_request(exchange, request):
-    """The replies up to the next frame to the board."""
-    replies = []
-    for event in exchange.events[exchange.events.index(request) + 1:]:
-        if event.mark == "->":
-            break
-        if event.mark == "<-":
-            replies.append(event)
-    return replies
 
 
 def asks(reply):

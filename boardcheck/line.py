@@ -35,15 +35,24 @@ class Exchange:
 
     events: list = field(default_factory=list)
     results: dict = field(default_factory=dict)  # by call; without those that have not returned
-    given_up: bool = False
+    given_up: bool = False  # the calls did not return
 
     def requests(self):
         return [event for event in self.events if event.mark == "->"]
 
-    def replies(self, after=None):
-        """Those after an event, or all."""
-        events = self.events if after is None else self.events[self.events.index(after) + 1:]
-        return [event for event in events if event.mark == "<-"]
+    def replies(self, request):
+        """What the board has sent between a request and the next one."""
+        found = []
+        for event in self.events[self.events.index(request) + 1:]:
+            if event.mark == "->":
+                break
+            if event.mark == "<-":
+                found.append(event)
+        return found
+
+    @property
+    def gone(self):
+        return any(event.mark == "--" and event.meaning == GONE for event in self.events)
 
 
 class Tap:
@@ -96,7 +105,7 @@ class Tap:
 
     @property
     def has_gone(self):
-        return any(event.mark == "--" and event.meaning == GONE for event in self.events)
+        return Exchange(self.events).gone
 
 
 class Line:
@@ -129,17 +138,21 @@ class Line:
             said.seek(0)
             results = (line.rstrip("\n").partition(": ") for line in said)
             exchange.results = {name: result for name, _, result in results if name in names}
-        if machine.returncode == OWN_FAULT:
-            raise HostError(text_of(self._errors).strip().removeprefix("sandbox/run: "))
         self.settle()
+        if machine.returncode == OWN_FAULT and not self._tap.has_gone:
+            raise HostError(text_of(self._errors).strip().removeprefix("sandbox/run: "))
         return exchange
 
     def settle(self):
-        """Gives each exchange the events up to the next one. The last ones come when the tap has ended."""
+        """Gives each exchange the events from its first request up to the next one's, by their times: what is malformed
+        comes late, and the last of it when the tap has ended."""
         self._tap.read()
-        ends = [first for _, first in self._exchanges[1:]] + [len(self._tap.events)]
-        for (exchange, first), end in zip(self._exchanges, ends, strict=True):
-            exchange.events = self._tap.events[first:end]
+        events = sorted(self._tap.events, key=lambda event: event.seconds)
+        end = float("inf")
+        for exchange, first in reversed(self._exchanges):
+            begin = next((event.seconds for event in self._tap.events[first:] if event.mark == "->"), end)
+            exchange.events = [event for event in events if begin <= event.seconds < end]
+            end = begin
 
     def _command(self, names):
         placed = ["--place", f"{PROGRAM_FIRMWARE}={self._firmware.resolve()}"] if self._firmware else []
