@@ -16,10 +16,10 @@ PROJECT = pathlib.Path(__file__).resolve().parents[1]
 sys.path[:0] = [str(PROJECT), str(PROJECT / "tests/faults")]
 
 from boardcheck import options, requirements
-from boardcheck.judgement import NOT_MET, NOT_SEEN, Judgement, goes_on, version_text, was_sent
+from boardcheck.judgement import MET, NOT_MET, NOT_SEEN, Judgement, goes_on, version_text, was_sent
 from boardcheck.line import Line, Tap
-from boardcheck.options import WRONG_USE, WrongUse, shown
 from rehearsal.host import HostError, Interrupt, ended_by_signals
+from rehearsal.options import WRONG_USE, WrongUse, shown
 from rehearsal.progress import Progress
 
 FIT, NOT_FIT, INTERRUPTED = 0, 1, 130
@@ -39,7 +39,7 @@ def main():
             options.check(given)
             return check(given)
     except WrongUse as error:
-        return options.say(error)
+        return options.say_wrong(error)
     except HostError as error:
         print(f"check-board: {shown(error)}", file=sys.stderr)
         return WRONG_USE
@@ -208,6 +208,9 @@ def print_table(facts):
         if len(facts["malformed"]) > MOST_REMARKS:
             print(f"  and {len(facts['malformed']) - MOST_REMARKS} more")
     print(f"\n{verdict(facts)}")
+    status = {one["name"]: one["status"] for one in facts["requirements"]}
+    if status["request"] == MET and status["application"] != MET:
+        print("  The board may have only a part of its firmware: switch it off and on, and repeat this with --firmware.")
     print(f"  recording: {shown(facts['recording'])}")
 
 

@@ -46,7 +46,7 @@ class Judgement:
         before = [one for reply in replies for one in reply.violations if "before the" in one]
         sound = next((reply for reply in replies if reply.meaning.startswith("version answer")), None)
         if text is not None and replies and not before:
-            self.met("version-reply", seen=f"it came {replies[0].seconds - query.seconds:.2f} s after the query")
+            self.met("version-reply", seen=f"it came {replies[0].seconds - query.seconds:.3f} s after the query")
             self.met("version-size", "version-pace", "version-alone")
             self._text("version-text", text)
             if "V4" in text:
@@ -62,7 +62,7 @@ class Judgement:
             self.not_met("version-alone", before[0])
         elif sound:
             self.met("version-reply", "version-size")
-            self.not_met("version-pace", f"the last byte came {sound.seconds - query.seconds:.2f} s after the query")
+            self.not_met("version-pace", f"the last byte came {sound.seconds - query.seconds:.3f} s after the query")
         else:
             self.met("version-reply")
             self.not_met("version-size", faults_of(replies))
@@ -95,7 +95,7 @@ class Judgement:
             self.met(*names)
         elif result == "-1":
             late = [reply for reply in replies if "start command answer" in reply.meaning]
-            self.not_met("start-reply", f"it came {late[0].seconds - command.seconds:.2f} s after the command" if late else
+            self.not_met("start-reply", f"it came {late[0].seconds - command.seconds:.3f} s after the command" if late else
                          "nothing came within 1 s")
         elif result == "-3":
             self.met(*names[:-1])

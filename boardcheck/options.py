@@ -8,7 +8,7 @@ import re
 import stat
 import sys
 
-from rehearsal.options import PROJECT, WRONG_USE, Parser, WrongUse, seconds, shown
+from rehearsal.options import PROJECT, Parser, WrongUse, say, seconds, shown
 
 PROGRAMS = ("simulator/boardtap", "tests/recordings/bridgecalls")
 
@@ -109,14 +109,12 @@ def is_other_end(file, own):
     return False
 
 
-def say(error):
-    """Returns the exit status of wrong use."""
-    print(f"check-board: {shown(error)} (try --help)", file=sys.stderr)
-    return WRONG_USE
+def say_wrong(error):
+    return say(error, "check-board")
 
 
 if __name__ == "__main__":
     try:
         check_places(parse(sys.argv[1:]))
     except WrongUse as wrong:
-        sys.exit(say(wrong))
+        sys.exit(say_wrong(wrong))

@@ -15,7 +15,7 @@ import subprocess
 import tty
 import unittest
 
-from facts import output, same
+from facts import left_behind, output, private_environment, same
 from machine.paths import PROJECT
 from machine.watch import WAIT_S, await_, text_of
 
@@ -42,37 +42,20 @@ def command(folder, *words):
     return [COMMAND, *words, "--build", BUILD, "--recording", folder / "recording"]
 
 
-def environment(folder):
-    """Temporary files go below the folder, so that what is left behind is seen."""
-    (folder / "tmp").mkdir(exist_ok=True)
-    return os.environ | {"TMPDIR": str(folder / "tmp")}
-
-
 def ask(folder, *words, status=0):
     """Runs the command, which has to end with the status. Returns what it says."""
-    return output(*command(folder, *words), status=status, environment=environment(folder))
+    return output(*command(folder, *words), status=status, environment=private_environment(folder))
 
 
 def summary(folder):
     return json.loads(text_of(folder / "summary"))
 
 
-def left_behind(folder):
-    """Files, and processes of this check."""
-    found = [str(path) for path in (folder / "tmp").iterdir()]
-    for process in pathlib.Path("/proc").glob("[0-9]*"):
-        with contextlib.suppress(OSError):
-            words = (process / "cmdline").read_bytes().replace(b"\0", b" ").decode(errors="replace")
-            if str(folder / "tmp") in words or "check-board" in words and str(folder) in words and "run_fact.py" not in words:
-                found.append(words)
-    return found
-
-
 def fitBoardEndsWith0(folder):
     with board(folder) as device:
         said = ask(folder, device)
     assert "Nothing on the board is changed" in said.splitlines()[0] and "FIT as far as seen" in said, said
-    same([], left_behind(folder))
+    same([], left_behind(folder, "boardsim"))
     read = output(BUILD / "simulator/boardtap", "--read", folder / "recording", "--hex", "short")
     for frame in ("-> version query", "<- version answer", "-> V3 handshake", "-> V4 handshake"):
         assert frame in read, read
@@ -162,7 +145,7 @@ def textOfTheBoardIsShownHarmlessly(folder):
     reply = bytearray(36)
     reply[16:23] = b"V4\x1b[2J\xe9"
     process = subprocess.Popen(command(folder, os.ttyname(theirs), "--limit", "1"), stdin=subprocess.DEVNULL,
-                               stdout=subprocess.PIPE, env=environment(folder), text=True)
+                               stdout=subprocess.PIPE, env=private_environment(folder), text=True)
     try:
         same(30, len(os.read(ours, 4096)))
         os.write(ours, reply)
@@ -201,11 +184,11 @@ def ctrlCLeavesNothing(folder):
             (folder / "recording").write_text("")
             with open(folder / "said", "w", encoding="utf-8") as said:
                 process = subprocess.Popen(command(folder, device), stdin=subprocess.DEVNULL, stdout=said, stderr=said,
-                                           env=environment(folder))
+                                           env=private_environment(folder))
             await_("the query", lambda: "-> e7 1e" in text_of(folder / "recording"), process=process)
             process.send_signal(number)
             same(130, process.wait(WAIT_S))
-            await_("the end of everything", lambda: not left_behind(folder))
+            await_("the end of everything", lambda: not left_behind(folder, "boardsim"))
             said = text_of(folder / "said")
             assert "Traceback" not in said and said.endswith("check-board: ended\n"), said
 
