@@ -133,7 +133,8 @@ class Judgement:
             return False
         self.met(*names)
         replies = exchange.replies(end)
-        if any(map(asks, replies)):
+        further = [one for frame in frames[frames.index(end) + 1:] for one in exchange.replies(frame)]  # to frames sent early
+        if any(map(asks, [*replies, *further])):
             self.met("end-reply")
         else:
             self.not_met("end-reply", faults_of(replies) or "nothing came")

@@ -1,7 +1,9 @@
 """The serial line of a check: the tap at the device, and the program's library behind it on the simulated machine."""
 
 import contextlib
+import os
 import re
+import signal
 import subprocess
 import time
 from dataclasses import dataclass, field
@@ -132,8 +134,9 @@ class Line:
             try:
                 self._follow(machine, exchange, patience)
             finally:
+                # All of its processes: one that has just begun does not end with its parent.
                 with contextlib.suppress(ProcessLookupError):
-                    machine.kill()  # ends everything that runs on the machine
+                    os.killpg(machine.pid, signal.SIGKILL)
                 machine.wait()
             said.seek(0)
             results = (line.rstrip("\n").partition(": ") for line in said)
