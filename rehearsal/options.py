@@ -159,9 +159,9 @@ def shown(text):
     return "".join(c if c.isprintable() else ascii(c)[1:-1] for c in str(text))
 
 
-def say(error):
+def say(error, command="rehearse"):
     """Returns the exit status of wrong use."""
-    print(f"rehearse: {shown(error)} (try --help)", file=sys.stderr)
+    print(f"{command}: {shown(error)} (try --help)", file=sys.stderr)
     return WRONG_USE
 
 

@@ -5,36 +5,49 @@
 #include <map>
 #include <string>
 
-// Makes the exchanges that the screens do not call, as a native caller does: bridgecalls NAME...
+// Makes exchanges with the board, as a native caller does: bridgecalls NAME... Prints each result.
 
 namespace {
 
-int startUpdate(FileIO &io)
+/// Printable, without blanks.
+std::string encoded(const QString &text)
 {
-    return io.startMcuSoftwareUpdate();
+    return text.toUtf8().toPercentEncoding().toStdString();
 }
 
-int updateBoard(FileIO &io)
+std::string askVersion(FileIO &io)
 {
-    return io.updateMcu();
+    return encoded(io.getMcuVersion());
 }
 
-/// For exchanges on a line that the caller opens.
+std::string startUpdate(FileIO &io)
+{
+    return std::to_string(io.startMcuSoftwareUpdate());
+}
+
+std::string updateBoard(FileIO &io)
+{
+    return std::to_string(io.updateMcu());
+}
+
+/// For exchanges on a line that the caller opens. The version text of a handshake follows its
+/// result.
 template <int (FileIO::*call)()>
-int onOpenLine(FileIO &io)
+std::string onOpenLine(FileIO &io)
 {
     if (!io.serialPort()->Open("/dev/ttymxc1", "115200"))
-        return -1;
+        return "-1";
     const int result = (io.*call)();
     io.serialPort()->Close();
-    return result;
+    return std::to_string(result) + ' ' + encoded(io.mcuVersion());
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    const std::map<std::string, int (*)(FileIO &)> calls{
+    const std::map<std::string, std::string (*)(FileIO &)> calls{
+        {"version", askVersion},
         {"start-command", startUpdate},
         {"transfer", updateBoard},
         {"packets", onOpenLine<&FileIO::sendCmdFromConnect2Config>},
@@ -46,7 +59,8 @@ int main(int argc, char **argv)
         const auto call = calls.find(argv[i]);
         if (call == calls.end())
             return 2;
-        std::printf("%s: %d\n", argv[i], call->second(io));
+        std::printf("%s: %s\n", argv[i], call->second(io).c_str());
+        std::fflush(stdout);
     }
     return 0;
 }

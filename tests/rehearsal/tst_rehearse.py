@@ -7,7 +7,6 @@ import calendar
 import contextlib
 import json
 import os
-import pathlib
 import pty
 import re
 import signal
@@ -15,7 +14,7 @@ import subprocess
 import time
 
 import sets
-from facts import output, same
+from facts import left_behind, output, private_environment, same
 from machine.paths import PROJECT
 from machine.watch import WAIT_S, await_
 
@@ -34,30 +33,13 @@ def command(folder, *words):
     return [COMMAND, "--build", BUILD, "--report", folder / "report", *words]
 
 
-def environment(folder):
-    """Temporary files go below the folder, so that what is left behind is seen."""
-    (folder / "tmp").mkdir(exist_ok=True)
-    return os.environ | {"TMPDIR": str(folder / "tmp")}
-
-
 def rehearse(folder, *words, status=0):
     """Runs the command, which has to end with the status. Returns what it says."""
-    return output(*command(folder, *words), status=status, environment=environment(folder))
+    return output(*command(folder, *words), status=status, environment=private_environment(folder))
 
 
 def report(folder):
     return json.loads((folder / "report/rehearsal.json").read_text(encoding="ascii"))
-
-
-def left_behind(folder):
-    """Files, and processes of this rehearsal."""
-    found = [str(path) for path in (folder / "tmp").iterdir()]
-    for process in pathlib.Path("/proc").glob("[0-9]*"):
-        with contextlib.suppress(OSError):
-            words = (process / "cmdline").read_bytes().replace(b"\0", b" ").decode(errors="replace")
-            if str(folder) in words and int(process.name) != os.getpid() and "run_fact.py" not in words:
-                found.append(words)
-    return found
 
 
 def goodUpdateEndsWith0(folder):
@@ -207,7 +189,7 @@ def terminalHasOneLineThatChanges(folder):
     source = make(folder, {"40-firmware.ipk": {"name": "firmware", "firmware": 3000}})
     controller, terminal = pty.openpty()
     process = subprocess.Popen(list(map(str, command(folder, source))), stdin=subprocess.DEVNULL, stdout=terminal,
-                               stderr=terminal, env=environment(folder))
+                               stderr=terminal, env=private_environment(folder))
     os.close(terminal)
     said = b""
     with contextlib.suppress(OSError):  # the terminal is closed
@@ -222,7 +204,7 @@ def ctrlCLeavesNothing(folder):
     for number in (signal.SIGINT, signal.SIGTERM):
         with open(folder / "said", "w", encoding="utf-8") as said:
             process = subprocess.Popen(list(map(str, command(folder, source))), stdin=subprocess.DEVNULL, stdout=said,
-                                       stderr=said, env=environment(folder))
+                                       stderr=said, env=private_environment(folder))
         await_("the package", lambda: "package 1 of 1" in (folder / "said").read_text(encoding="utf-8"), process=process)
         process.send_signal(number)
         same(130, process.wait(WAIT_S))
@@ -234,7 +216,7 @@ def twoAtATimeDoNotMix(folder):
     """Also into the same report folder: the last one remains whole."""
     sources = [make(folder / name, {f"10-{name}.ipk": {"name": name}}) for name in ("one", "two")]
     running = [subprocess.Popen(list(map(str, command(folder, source, *QUICK))), stdin=subprocess.DEVNULL,
-                                stdout=subprocess.DEVNULL, env=environment(folder)) for source in sources]
+                                stdout=subprocess.DEVNULL, env=private_environment(folder)) for source in sources]
     same([0, 0], [process.wait(WAIT_S) for process in running])
     facts = report(folder)
     assert facts["order"][0] in ("10-one.ipk", "10-two.ipk")

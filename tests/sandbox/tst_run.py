@@ -5,6 +5,7 @@ import pathlib
 import random
 import shutil
 import subprocess
+import tty
 import unittest
 
 from facts import output, same
@@ -150,6 +151,17 @@ def placeIsReadOnly(folder):
     sandbox("--place", place, "touch", "/mnt/stick/other", status=1)
     sandbox("--place", f"/mnt={folder}/none", "true", status=125)
     sandbox("--place", folder, "true", status=125)
+
+
+def deviceIsUsable(folder):
+    ours, theirs = os.openpty()
+    tty.setraw(theirs)
+    sandbox("--private", "--device", f"/dev/ttymxc1={os.ttyname(theirs)}", "sh", "-c",
+            "exec 3<>/dev/ttymxc1 && [ -t 3 ] && echo inside >&3")
+    same(b"inside\n", os.read(ours, 100))
+    (folder / "file").touch()
+    for device in ("/dev/ttymxc1", f"/dev/ttymxc1={folder}/none", f"/dev/ttymxc1={folder}/file"):
+        sandbox("--device", device, "true", status=125)
 
 
 def diskInAFolderStays(folder):

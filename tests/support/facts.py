@@ -1,5 +1,9 @@
 """What facts assert beyond `assert`, and what they have in common."""
 
+import contextlib
+import os
+import pathlib
+
 from machine.packages import INSTALL
 from machine.watch import run
 
@@ -15,6 +19,23 @@ def output(*command, status=0, environment=None):
     call = run(*command, environment=environment)
     assert call.returncode == status, f"status {call.returncode}\n{call.stdout}"
     return call.stdout
+
+
+def private_environment(folder):
+    """Temporary files go below the folder of a fact, so that what is left behind is seen."""
+    (folder / "tmp").mkdir(exist_ok=True)
+    return os.environ | {"TMPDIR": str(folder / "tmp")}
+
+
+def left_behind(folder, but="run_fact.py"):
+    """Temporary files, and processes that name the folder, but for this one and those that name `but`."""
+    found = [str(path) for path in (folder / "tmp").iterdir()]
+    for process in pathlib.Path("/proc").glob("[0-9]*"):
+        with contextlib.suppress(OSError):
+            words = (process / "cmdline").read_bytes().replace(b"\0", b" ").decode(errors="replace")
+            if str(folder) in words and int(process.name) != os.getpid() and but not in words:
+                found.append(words)
+    return found
 
 
 def opkg(machine, *words, status=0, **variables):
