@@ -46,6 +46,7 @@ COMMANDS = {
     "scripts/board": "downloads a system, and takes minutes to boot it; run before a release",
     "python3 explain.pyz": "the test `tst_explain.oneFileRunsElsewhere` runs such a file",
     "scripts/coverage": "builds the tree anew and runs every test; run before a release",
+    "scripts/draw-recording": "needs a recording that only a reader has; the tests `tst_page.*` draw some",
     "scripts/demo": "builds, and takes a minute; its steps are the tests tst_update.*",
     "scripts/explain": "needs the console of a machine; the tests `tst_explain.*` run it on many",
     "scripts/faults": "the test `faults` runs the whole table, `faults_page` checks the page",
