@@ -107,10 +107,14 @@ void TransferView::draw(TimePoint now)
     const Size size = sizeOf(m_output);
     QByteArray text = kHome;
     const QStringList lines = picture(now, size.width).mid(0, size.height);
-    for (int i = 0; i < lines.size(); ++i)
-        text += (i > 0 ? "\r\n" : "") + printable(lines.at(i)).left(size.width).toLocal8Bit()
-            + kEndOfLine;
-    text += kEndOfPicture;
+    for (const QString &line : lines) {
+        // Cleared first: behind a full line the cursor is still on its last character.
+        text += kEndOfLine + printable(line).left(size.width).toLocal8Bit();
+        if (&line != &lines.last())
+            text += "\r\n";
+    }
+    if (lines.size() < size.height)
+        text += "\r\n" + kEndOfPicture;
     if (m_hasTerminal && text == m_drawn)
         return;
     if (!std::exchange(m_hasTerminal, true))

@@ -48,8 +48,7 @@ class Terminal:
                               check=True, timeout=WAIT_S).stdout.decode()
 
     def __enter__(self):
-        environment = ["-e", "PS1=prompt ", "-e", "LC_ALL=C.UTF-8"]
-        self._call("new-session", "-d", *self._size, *environment, "bash --noprofile --norc")
+        self._call("new-session", "-d", *self._size, "env", "PS1=prompt ", "LC_ALL=C.UTF-8", "bash", "--noprofile", "--norc")
         self.await_text("prompt")
         return self
 
@@ -101,7 +100,9 @@ class Program:
 
 
 def board(folder, *options):
-    return Program(BUILD / "boardsim", "--link", folder / "board", "--boot-delay", 50, *options, stdout=subprocess.DEVNULL)
+    program = Program(BUILD / "boardsim", "--link", folder / "board", "--boot-delay", 50, *options, stdout=subprocess.DEVNULL)
+    await_("the board does not start", (folder / "board").exists)
+    return program
 
 
 def block(number, payload):
@@ -240,12 +241,12 @@ def anySizeIsDrawn(folder):
             pipe.write(NAK_RECORDING.read_text())
             pipe.flush()
             terminal.await_text("refused    1, the last: NAK to block 2 of 3, 1024 bytes of data")
-            for width, height, expected in ((30, 24, "refused    1, the last: NAK to"), (12, 5, "[####..] 66 "),
+            for width, height, expected in ((30, 24, "refused    1, the last: NAK to\n"), (12, 5, "\n[##..] 66 %\n"),
                                             (1, 1, "/"), (200, 40, "1024 bytes of data")):
                 terminal.resize(width, height)
-                terminal.await_text(expected)
+                terminal.await_text(expected, str(folder / "pipe")[:width])
                 shown = [line for line in terminal.text.splitlines() if line]
-                assert len(shown) <= min(height, 10), (width, height, shown)
+                assert len(shown) == min(height, 10), (width, height, shown)
             terminal.press("C-c")
 
 
