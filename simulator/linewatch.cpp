@@ -32,7 +32,7 @@ void LineWatch::bytesPassed(TimePoint now, bool toBoard, const QByteArray &bytes
 void LineWatch::deviceGone(TimePoint now)
 {
     m_decoder.flush();
-    m_transcript.note(now, QStringLiteral("device has gone"));
+    tellNote(now, QStringLiteral("device has gone"));
     if (m_recorder)
         m_recorder->happened(now, Record::Kind::HangUp);
     m_report.hungUp = true;
@@ -46,14 +46,14 @@ void LineWatch::hungUp(TimePoint now)
 
 void LineWatch::deviceReturned(TimePoint now)
 {
-    m_transcript.note(now, QStringLiteral("device is back"));
+    tellNote(now, QStringLiteral("device is back"));
     if (m_recorder)
         m_recorder->happened(now, Record::Kind::Return);
 }
 
 void LineWatch::bytesUnread(TimePoint now, qint64 count)
 {
-    m_transcript.note(now, QStringLiteral("no program reads: %1 bytes are lost").arg(count));
+    tellNote(now, QStringLiteral("no program reads: %1 bytes are lost").arg(count));
 }
 
 void LineWatch::end(TimePoint now, const QString &text)
@@ -64,8 +64,15 @@ void LineWatch::end(TimePoint now, const QString &text)
     m_transcript.note(now, text);
 }
 
+void LineWatch::tellNote(TimePoint now, const QString &text)
+{
+    tell({now, false, {}, text, {}, std::nullopt});
+}
+
 void LineWatch::tell(const LineEvent &event)
 {
+    if (m_listener)
+        m_listener(event);
     if (event.bytes.isEmpty()) {
         m_transcript.note(event.time, event.meaning);
         return;
@@ -84,29 +91,34 @@ void LineWatch::tell(const LineEvent &event)
     m_report.violations.resize(std::min(m_report.violations.size(), 1));
 }
 
+void watchRecord(const Record &record, TimePoint start, LineWatch &watch)
+{
+    // Pauses end frames one after the other, as they did on the line.
+    const TimePoint now = start + Milliseconds(record.ms);
+    for (auto next = watch.deadline(); next && *next <= now; next = watch.deadline())
+        watch.step(*next);
+    switch (record.kind) {
+    case Record::Kind::ToBoard:
+    case Record::Kind::FromBoard:
+        watch.bytesPassed(now, record.kind == Record::Kind::ToBoard, record.bytes);
+        break;
+    case Record::Kind::HangUp:
+        watch.deviceGone(now);
+        break;
+    case Record::Kind::Return:
+        watch.deviceReturned(now);
+        break;
+    }
+}
+
 void watchRecording(const Recording &recording, TimePoint start, LineWatch &watch)
 {
-    TimePoint now = start;
+    qint64 ms = 0;
     for (const Record &record : recording.records) {
-        // Pauses end frames one after the other, as they did on the line.
-        const TimePoint then = start + Milliseconds(record.ms);
-        for (auto next = watch.deadline(); next && *next <= then; next = watch.deadline())
-            watch.step(*next);
-        now = then;
-        switch (record.kind) {
-        case Record::Kind::ToBoard:
-        case Record::Kind::FromBoard:
-            watch.bytesPassed(now, record.kind == Record::Kind::ToBoard, record.bytes);
-            break;
-        case Record::Kind::HangUp:
-            watch.deviceGone(now);
-            break;
-        case Record::Kind::Return:
-            watch.deviceReturned(now);
-            break;
-        }
+        watchRecord(record, start, watch);
+        ms = record.ms;
     }
-    watch.end(now, QStringLiteral("end of the recording"));
+    watch.end(start + Milliseconds(ms), QStringLiteral("end of the recording"));
 }
 
 } // namespace boardsim

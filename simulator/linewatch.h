@@ -22,6 +22,9 @@ public:
     /// Records from now on.
     void record(Recorder::Writer writer);
 
+    /// Tells each event to this, too, from now on; what happens to the line as a note.
+    void listen(LineDecoder::Sink listener) { m_listener = std::move(listener); }
+
     void note(TimePoint now, const QString &text) { m_transcript.note(now, text); }
     void hungUp(TimePoint now);
     void failed(TimePoint now, const QString &text) { m_transcript.failed(now, text); }
@@ -38,6 +41,7 @@ public:
 
 private:
     void tell(const LineEvent &event);
+    void tellNote(TimePoint now, const QString &text);
 
     const TimePoint m_start;
     Report &m_report;
@@ -45,9 +49,13 @@ private:
     Transcript m_transcript;
     LineDecoder m_decoder;
     std::unique_ptr<Recorder> m_recorder;
+    LineDecoder::Sink m_listener;
 };
 
-/// Lets a watch see a recording, as if its bytes came now: `start` is that of the watch.
+/// Lets a watch see a record, as if its bytes came now: `start` is that of the watch.
+void watchRecord(const Record &record, TimePoint start, LineWatch &watch);
+
+/// As above, a whole recording to its end.
 void watchRecording(const Recording &recording, TimePoint start, LineWatch &watch);
 
 } // namespace boardsim

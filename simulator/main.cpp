@@ -29,7 +29,7 @@ int run(const CommandLine &line)
     Options options = line.options;
     QFile transcript;
     if (!line.transcriptFile.isEmpty()) {
-        if (!openTranscript(transcript, line.transcriptFile))
+        if (!openOutput(transcript, line.transcriptFile))
             return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.transcriptFile));
         options.transcript = sinkTo(transcript);
     }

@@ -19,7 +19,7 @@ bool isInWritableDirectory(const QString &path)
     return directory.isDir() && directory.isWritable();
 }
 
-bool openTranscript(QFile &file, const QString &path)
+bool openOutput(QFile &file, const QString &path)
 {
     if (path == QLatin1String("-"))
         return file.open(stdout, QIODevice::WriteOnly);

@@ -26,7 +26,7 @@ int fail(const char *program, ExitStatus status, const QString &text);
 bool isInWritableDirectory(const QString &path);
 
 /// "-" is standard output.
-[[nodiscard]] bool openTranscript(QFile &file, const QString &path);
+[[nodiscard]] bool openOutput(QFile &file, const QString &path);
 
 /// `file` must outlive the sink.
 LineSink sinkTo(QFile &file);

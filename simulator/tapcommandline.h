@@ -12,6 +12,7 @@ struct TapCommandLine {
     enum class Action {
         Watch,
         Read, // a recording
+        View, // a recording, while it is written
         ShowHelp,
         Refuse, // `message` says why
     };
@@ -20,7 +21,9 @@ struct TapCommandLine {
     QString device;
     QString link;
     QString readFile;
-    QString transcriptFile = QStringLiteral("-"); // "-": standard output
+    QString viewFile;       // "-": standard input or, with a device, the line; empty: no view
+    QString transcriptFile; // "-": standard output; empty: none
+    QString eventsFile;     // as well
     QString summaryFile;
     QString recordFile;
     QString imageFile;

@@ -1,10 +1,16 @@
+#include "eventwriter.h"
+#include "followedfile.h"
 #include "linewatch.h"
 #include "program.h"
+#include "recordingview.h"
 #include "tapcommandline.h"
+#include "transferview.h"
 
 #include <QCoreApplication>
 
+#include <csignal>
 #include <cstdio>
+#include <memory>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -21,7 +27,10 @@ public:
     bool open(const QString &path)
     {
         m_file.setFileName(path);
-        return m_file.open(QIODevice::WriteOnly);
+        if (!m_file.open(QIODevice::WriteOnly))
+            return false;
+        markAsWritten(m_file.handle());
+        return true;
     }
 
     void write(const QByteArray &text)
@@ -49,6 +58,24 @@ public:
 
     void setDevice(const QString &device) { m_device = device; }
 
+    /// Draws the line, too.
+    void draw(TransferView &view)
+    {
+        m_view = &view;
+        listen([&view](const LineEvent &event) { view.take(event); });
+    }
+
+    void step(TimePoint now) override
+    {
+        LineWatch::step(now);
+        if (m_view)
+            m_view->draw(now);
+    }
+    std::optional<TimePoint> deadline() const override
+    {
+        return sooner(LineWatch::deadline(), m_view ? m_view->deadline() : std::nullopt);
+    }
+
     void deviceGone(TimePoint now) override
     {
         LineWatch::deviceGone(now);
@@ -61,9 +88,14 @@ public:
     }
 
 private:
-    static void tell(const QString &text) { static_cast<void>(fail(kName, Good, text)); }
+    void tell(const QString &text)
+    {
+        if (!m_view) // which shows it
+            static_cast<void>(fail(kName, Good, text));
+    }
 
     QString m_device;
+    TransferView *m_view = nullptr;
 };
 
 int finish(const TapCommandLine &line, const Report &report)
@@ -82,7 +114,21 @@ int read(const TapCommandLine &line, const LineSink &sink)
     const TimePoint start = Clock::now();
     Report report;
     LineWatch watch(report, sink, line.hexStyle, start);
+    QFile events;
+    bool isWritten = true;
+    if (!line.eventsFile.isEmpty()) {
+        if (!openOutput(events, line.eventsFile))
+            return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.eventsFile));
+        watch.keepNoEvents();
+        const auto write = [&](const QByteArray &text) {
+            isWritten = isWritten && events.write(text) == text.size();
+        };
+        write(toJsonLine(*recording));
+        watch.listen([=](const LineEvent &event) { write(toJsonLine(event, start)); });
+    }
     watchRecording(*recording, start, watch);
+    if (!isWritten || (events.isOpen() && !events.flush()))
+        return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.eventsFile));
     if (!line.imageFile.isEmpty()) {
         QFile file(line.imageFile);
         const QByteArray image = report.lastTransfer().image;
@@ -92,12 +138,21 @@ int read(const TapCommandLine &line, const LineSink &sink)
     return finish(line, report);
 }
 
-int watch(const TapCommandLine &line, const LineSink &sink, const sigset_t &endSignals)
+int watch(const TapCommandLine &line, const LineSink &sink, sigset_t endSignals)
 {
     const TimePoint start = Clock::now();
     Report report;
     TapWatch watch(report, sink, line.hexStyle, start);
     watch.setDevice(line.device);
+    std::unique_ptr<TransferView> view;
+    if (!line.viewFile.isEmpty()) {
+        view = std::make_unique<TransferView>(STDOUT_FILENO, report, start);
+        view->setTitle(line.device);
+        watch.draw(*view);
+        std::signal(SIGTSTP, SIG_IGN); // a tap that stands still carries nothing
+        sigaddset(&endSignals, SIGQUIT);
+        pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);
+    }
     if (line.summaryFile.isEmpty())
         watch.keepNoEvents();
     Tap tap(line.device, line.link, watch);
@@ -123,11 +178,32 @@ int watch(const TapCommandLine &line, const LineSink &sink, const sigset_t &endS
     const bool isGood = tap.run(end);
     tap.close();
     watch.end(Clock::now(), QStringLiteral("end of the watch"));
+    if (view)
+        view->end(Clock::now(), QStringLiteral("end of the watch"));
     close(end);
     const int status = finish(line, report);
     if (!isGood)
         return fail(kName, Failed, tap.errorText());
     return recording.hasFailed() ? Failed : status;
+}
+
+int view(const TapCommandLine &line, const LineSink &sink, sigset_t endSignals)
+{
+    FollowedFile file;
+    if (!file.open(line.viewFile))
+        return fail(kName, Failed, file.errorText());
+    // Each of them would leave the picture on the terminal.
+    sigaddset(&endSignals, SIGQUIT);
+    sigaddset(&endSignals, SIGTSTP);
+    pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);
+    const int descriptor = signalfd(-1, &endSignals, SFD_CLOEXEC);
+    if (descriptor < 0)
+        return fail(kName, Failed, QStringLiteral("cannot wait for signals"));
+    RecordingView view(STDOUT_FILENO, sink, line.hexStyle);
+    const bool isGood = view.run(file, descriptor);
+    close(descriptor);
+    const int status = finish(line, view.report());
+    return isGood ? status : fail(kName, Failed, view.errorText());
 }
 
 int run(const TapCommandLine &line)
@@ -136,11 +212,20 @@ int run(const TapCommandLine &line)
     if (!line.summaryFile.isEmpty() && !isInWritableDirectory(line.summaryFile))
         return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.summaryFile));
     QFile transcript;
-    if (!openTranscript(transcript, line.transcriptFile))
-        return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.transcriptFile));
-    const LineSink sink = sinkTo(transcript);
-    return line.action == TapCommandLine::Action::Read ? read(line, sink)
-                                                       : watch(line, sink, endSignals);
+    LineSink sink;
+    if (!line.transcriptFile.isEmpty()) {
+        if (!openOutput(transcript, line.transcriptFile))
+            return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.transcriptFile));
+        sink = sinkTo(transcript);
+    }
+    switch (line.action) {
+    case TapCommandLine::Action::Read:
+        return read(line, sink);
+    case TapCommandLine::Action::View:
+        return view(line, sink, endSignals);
+    default:
+        return watch(line, sink, endSignals);
+    }
 }
 
 } // namespace
@@ -156,6 +241,7 @@ int main(int argc, char **argv)
     case TapCommandLine::Action::Refuse:
         return fail(kName, WrongUsage, line.message);
     case TapCommandLine::Action::Read:
+    case TapCommandLine::Action::View:
     case TapCommandLine::Action::Watch:
         return run(line);
     }

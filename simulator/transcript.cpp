@@ -92,8 +92,9 @@ void Transcript::frame(TimePoint now, bool toBoard, const QString &meaning, cons
     m_report.frames.append({elapsedMs(now), toBoard, meaning, bytes});
     const char *mark = toBoard ? "->" : "<-";
     const int size = bytes.size();
-    const QString what = size == 1 ? QStringLiteral("%1 (1 byte)").arg(meaning)
-                                   : QStringLiteral("%1 (%2 bytes)").arg(meaning).arg(size);
+    const QString what = size == 1
+        ? QStringLiteral("%1 (1 byte)").arg(meaning)
+        : QStringLiteral("%1 (%2 bytes)").arg(meaning, QString::number(size));
     if (size <= kWholeOnOneLine) {
         line(now, mark, QStringLiteral("%1: %2").arg(what, hexBytes(bytes)));
         return;

@@ -216,10 +216,9 @@ DecodedFrame YModemReceiver::receiveStartFrame(const QByteArray &frame)
     transfer.blocksExpected = header.size / kDataPayload + 1;
     m_state = State::AwaitData;
     return accepted(QStringLiteral("start frame: \"%1\", %2 bytes (hex %3), blocks to come: %4")
-                        .arg(transfer.fileName)
-                        .arg(header.size)
-                        .arg(header.size, 0, 16)
-                        .arg(transfer.blocksExpected));
+                        .arg(transfer.fileName, QString::number(header.size),
+                             QString::number(header.size, 16),
+                             QString::number(transfer.blocksExpected)));
 }
 
 DecodedFrame YModemReceiver::receiveDataBlock(const QByteArray &frame)

@@ -202,6 +202,7 @@ def view(facts, folder):
     return {
         "facts": facts,
         "verdict": Verdict(facts),
+        "source": facts["source"],
         "kind": KINDS.get(facts["kind"], "Rehearsal of an update"),
         "title": plain(facts["source"], 120),
         "findings": findings[:unfolded],
@@ -213,8 +214,6 @@ def view(facts, folder):
         "most_order": MOST_ORDER,
         "pictures": [{**picture, "address": embedded(folder, picture)} for picture in facts["pictures"]],
         "drawing": timeline.lanes(facts["timeline"], [package["file"] for package in packages], axis_time),
-        "states": timeline.STATES,
-        "columns": timeline.COLUMNS,
         "folded": [("console", "Console", "What the program and its commands printed",
                     "Nothing was printed.", facts["console"], bounded(facts["console"])),
                    ("transcript", "Transcript of the serial line", "What went over the serial line",
@@ -223,22 +222,23 @@ def view(facts, folder):
     }
 
 
-def _environment():
-    """Each text that the template shows is escaped and made visible, without the template asking for it."""
-    environment = jinja2.Environment(
+def environment():
+    """For the templates of all pages. Each text that the template shows is escaped and made visible, without the template asking for it."""
+    made = jinja2.Environment(
         loader=jinja2.FileSystemLoader(HERE), autoescape=True, undefined=jinja2.StrictUndefined,
         trim_blocks=True, lstrip_blocks=True,
         finalize=lambda value: marked(value) if isinstance(value, str) and not isinstance(value, Markup) else value)
-    environment.filters |= {
+    made.filters |= {
         "size": size, "time": time, "moment": moment, "count": count,
         # For attributes and for text in a drawing, which take no elements.
         "plain": lambda text: Markup.escape(plain(text)),
         "name": lambda text, most: marked(text, most=most, is_name=True),
     }
-    environment.globals |= {"STATUS": STATUS, "MOST_NAME": MOST_NAME}
-    return environment
+    made.globals |= {"STATUS": STATUS, "MOST_NAME": MOST_NAME, "states": timeline.STATES, "columns": timeline.COLUMNS,
+                            "style": ""}
+    return made
 
 
 def as_html(facts, folder):
     """The page as a str. The pictures lie in the folder."""
-    return _environment().get_template("page.html").render(view(facts, pathlib.Path(folder)))
+    return environment().get_template("page.html").render(view(facts, pathlib.Path(folder)))

@@ -80,13 +80,13 @@ def _bar(entry, mark, whole):
     }
 
 
-def lanes(entries, files, spell):
+def lanes(entries, files, spell, lanes_first=LANES):
     """The lanes with bars, axis and transfer, or None without entries. `spell` gives a time as text."""
     if not entries:
         return None
     whole = max([0.001, *(entry["to"] for entry in entries)])
     numbers = {file: str(number) for number, file in enumerate(files, 1)}
-    names = dict.fromkeys([*LANES, *(entry["lane"] for entry in entries)])
+    names = dict.fromkeys([*lanes_first, *(entry["lane"] for entry in entries)])
     result, blocks = [], []
     for name in names:
         own = sorted((entry for entry in entries if entry["lane"] == name), key=lambda entry: entry["from"])

@@ -49,6 +49,7 @@ COMMANDS = {
     "scripts/check-board": "needs a real board; the tests `tst_check_board.*` and `board_faults` run it on a simulated one",
     "python3 tests/boardcheck/run.py": "the test `board_faults` runs it",
     "scripts/coverage": "builds the tree anew and runs every test; run before a release",
+    "scripts/draw-recording": "needs a recording that only a reader has; the tests `tst_page.*` draw some",
     "scripts/demo": "builds, and takes a minute; its steps are the tests tst_update.*",
     "scripts/explain": "needs the console of a machine; the tests `tst_explain.*` run it on many",
     "scripts/faults": "the test `faults` runs the whole table, `faults_page` checks the page",

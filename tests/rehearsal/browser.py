@@ -8,9 +8,11 @@ takes a picture of the upper part of a page, such as the one in README.md.
 import argparse
 import base64
 import fcntl
+import html
 import json
 import os
 import pathlib
+import re
 import select
 import shutil
 import subprocess
@@ -19,6 +21,8 @@ import time
 import unittest
 
 NAMES = ("chromium-headless-shell", "chromium")
+WIDTHS = (400, 1400)
+PAPER_WIDTH = 700
 WAIT_S = 60  # longer than any call takes without a hang
 
 # What a reader would see as wrong on the page; runs in the page.
@@ -174,6 +178,10 @@ class Browser:
         self._call("Page.navigate", url=path.as_uri())
         while not self._loaded:
             self._note(self._receive())
+        return self.probe(medium)
+
+    def probe(self, medium="screen"):
+        """What PROBE sees on the page as it is now."""
         return self.evaluate(PROBE.replace("PRINTED", "true" if medium == "print" else "false"))
 
     def evaluate(self, script):
@@ -190,6 +198,32 @@ class Browser:
     def pdf(self):
         """The page as PDF, as the printer would get it."""
         return base64.b64decode(self._call("Page.printToPDF", printBackground=True)["data"])
+
+
+def check_page(path, unfold=False):
+    """Checks that the page is right at every width, in each scheme and on paper; with its folded parts open, too."""
+    text = path.read_text("utf-8")
+    title = re.sub(r"\s+", " ", re.search(r"<title>(.*?)</title>", text)[1])
+    with Browser() as browser:
+        grounds = set()
+        for width, scheme, medium in [(width, scheme, "screen") for width in WIDTHS for scheme in ("light", "dark")] + \
+                [(PAPER_WIDTH, "dark", "print")]:
+            seen = browser.open(path, width, scheme, medium)
+            told = (path, width, scheme, medium)
+            assert not seen["problems"], (told, seen["problems"])
+            assert not browser.messages, (told, browser.messages)
+            others = [address for address in browser.requests if not address.startswith("data:")]
+            assert others == [path.as_uri()], (told, others)
+            assert seen["owned"] == "undefined" and seen["scripts"] == 0, told
+            assert html.unescape(title).strip() == seen["title"], (told, seen["title"])
+            assert seen["pictures"] == text.count("<img "), told
+            grounds.add((medium, seen["ground"]))
+            if unfold:
+                browser.evaluate("document.querySelectorAll('details').forEach(e => e.open = true)")
+                problems = browser.probe(medium)["problems"]
+                assert not problems, (told, problems)
+        assert len(grounds) == 3 and ("print", "rgb(255, 255, 255)") in grounds, grounds
+        assert browser.pdf().startswith(b"%PDF-")
 
 
 def main():

@@ -15,13 +15,11 @@ PROJECT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(PROJECT))
 
 import report_samples as samples  # noqa: E402
-from browser import Browser  # noqa: E402
+from browser import PAPER_WIDTH, Browser, check_page  # noqa: E402
 from rehearsal import report  # noqa: E402
 from rehearsal.report import form, page  # noqa: E402
 from rehearsal.report.shown import plain  # noqa: E402
 
-WIDTHS = (400, 1400)
-PAPER_WIDTH = 700
 SECTIONS = ["findings", "cause", "packages", "pictures", "timeline", "order", "firmware", "console", "transcript",
             "versions"]
 ADDRESSES = ("src", "href", "srcset", "action", "data", "poster", "xlink:href", "background")
@@ -312,25 +310,8 @@ def folderThatCannotBeWrittenIsAnError(folder):
 # The page in a browser
 
 def check_in_the_browser(folder, sample):
-    text = written(folder, sample)[0]
-    path = folder / "index.html"
-    title = re.sub(r"\s+", " ", re.search(r"<title>(.*?)</title>", text)[1])
-    with Browser() as browser:
-        grounds = set()
-        for width, scheme, medium in [(width, scheme, "screen") for width in WIDTHS for scheme in ("light", "dark")] + \
-                [(PAPER_WIDTH, "dark", "print")]:
-            seen = browser.open(path, width, scheme, medium)
-            told = (sample, width, scheme, medium)
-            assert not seen["problems"], (told, seen["problems"])
-            assert not browser.messages, (told, browser.messages)
-            others = [address for address in browser.requests if not address.startswith("data:")]
-            assert others == [path.as_uri()], (told, others)
-            assert seen["owned"] == "undefined" and seen["scripts"] == 0, told
-            assert html.unescape(title).strip() == seen["title"], (told, seen["title"])
-            assert seen["pictures"] == text.count("<img "), told
-            grounds.add((medium, seen["ground"]))
-        assert len(grounds) == 3 and ("print", "rgb(255, 255, 255)") in grounds, grounds
-        assert browser.pdf().startswith(b"%PDF-")
+    written(folder, sample)
+    check_page(folder / "index.html")
 
 
 def goodUpdateInTheBrowser(folder):

@@ -54,6 +54,7 @@ private slots:
     void existingFileIsNoLink();
     void fullDiskDoesNotStopTheLine();
     void recordingIsRead();
+    void eventsAreLinesOfJson();
     void brokenRecordingIsRefused();
 
 private:
@@ -226,6 +227,14 @@ void TestBoardTap::wrongUsageGivesStatus2_data()
     row("--read x --link y", "boardtap: --link and --read do not go together\n");
     row("--device x --link y --image z", "boardtap: --image needs --read\n");
     row("--device x --link y --hex long", "boardtap: --hex takes full or short, not \"long\"\n");
+    row("--view x --link y", "boardtap: --device and --link are needed, or --read (try --help)\n");
+    row("--view x --read y", "boardtap: --view and --read do not go together\n");
+    row("--view x --record y", "boardtap: --record and --view do not go together\n");
+    row("--view x --transcript -", "boardtap: standard output cannot have the transcript, too\n");
+    row("--read x --events - --transcript -",
+        "boardtap: standard output cannot have the transcript, too\n");
+    row("--device x --link y --view z", "boardtap: with a device, --view takes - only: its line\n");
+    row("--device x --link y --events z", "boardtap: --events needs --read\n");
     row("--device= --link y", "boardtap: --device takes a path\n");
 }
 
@@ -309,7 +318,8 @@ void TestBoardTap::recordingIsRead()
 {
     QFile file(path("recording"));
     QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(recordingHead(kLineSpeed, QStringLiteral("1")) + "0.100 <- 43\n");
+    file.write(recordingHead(kLineSpeed, QStringLiteral("1")) + "0.050 <- 35 30 25 31 0a\n"
+               + "0.100 <- 43\n");
     int ms = 1000;
     for (const QByteArray &frame : wholeTransfer("abc"))
         file.write(recordLines({Record::Kind::ToBoard, ++ms, frame, 0}));
@@ -319,7 +329,33 @@ void TestBoardTap::recordingIsRead()
     QCOMPARE(program.waitForEnd(), 0);
     QCOMPARE(contentOf(path("image")), QByteArray("abc"));
     QVERIFY(program.output().contains("    0.100 <- 'C', asks for the start frame (1 byte): 43\n"));
+    QVERIFY(program.output().contains("    0.050 <- console text \"50%1\\n\" (5 bytes): 35 30"));
     QVERIFY(program.output().contains("    1.004 -> end frame (133 bytes): 01 00 ff"));
+}
+
+void TestBoardTap::eventsAreLinesOfJson()
+{
+    QFile file(path("recording"));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write("serial line recording 1\nspeed: 9600\nboardtap: 7\nprogram: of mine\nboard: old\n");
+    file.write(recordLines({Record::Kind::ToBoard, 1000, changed(goodVersionQuery(), 28), 0}));
+    file.write("2.000 -- hang-up\n");
+    file.close();
+    BoardProgram program(
+        {QStringLiteral("--read"), path("recording"), QStringLiteral("--events"), path("events")});
+    QCOMPARE(program.waitForEnd(), 1);
+    const QList<QByteArray> lines = contentOf(path("events")).split('\n');
+    QCOMPARE(lines.size(), 4);
+    QCOMPARE(lines.at(0),
+             QByteArray(R"({"board":"old","boardtap":"7","program":"of mine","speed":9600})"));
+    QCOMPARE(lines.at(1),
+             R"({"bytes":")" + changed(goodVersionQuery(), 28).toHex()
+                 + R"(","direction":"to board","meaning":"bad version query","ms":1000,)"
+                 + R"("violations":["checksum is 0xdc, not 0xdd"]})");
+    QCOMPARE(lines.at(2),
+             QByteArray(R"({"bytes":"","direction":"none","meaning":"device has gone","ms":2000,)"
+                        R"("violations":[]})"));
+    QCOMPARE(lines.at(3), QByteArray());
 }
 
 void TestBoardTap::brokenRecordingIsRefused()

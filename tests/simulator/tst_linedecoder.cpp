@@ -91,6 +91,7 @@ private slots:
     void controlBytesAreNamed_data();
     void controlBytesAreNamed();
     void consoleTextIsText();
+    void placeMarksAreText();
     void requestAfterTextBeginsANewBatch();
     void refusedFrameMayComeAgain();
     void bootLoaderMayStartUnseen();
@@ -251,6 +252,15 @@ void TestLineDecoder::consoleTextIsText()
              (QStringList{QStringLiteral("<- console text \"Boot \\\"1\\\"\\r\\n\""),
                           QStringLiteral("-> text \"loady\\r\""),
                           QStringLiteral("<- console text \"Console> \"")}));
+}
+
+void TestLineDecoder::placeMarksAreText()
+{
+    Watched watched;
+    watched.fromBoard("C");
+    watched.toBoard(startFrame("%2%1", "5dc"));
+    QCOMPARE(watched.takeTexts().last(),
+             QStringLiteral("-> start frame: \"%2%1\", 1500 bytes (hex 5dc), blocks to come: 2"));
 }
 
 void TestLineDecoder::requestAfterTextBeginsANewBatch()

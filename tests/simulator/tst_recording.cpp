@@ -44,6 +44,10 @@ private slots:
     void brokenRecordingIsRefused_data();
     void brokenRecordingIsRefused();
     void missingFileIsRefused();
+    void anyPiecesGiveTheSame_data();
+    void anyPiecesGiveTheSame();
+    void recordsThatWereTakenStillCount_data();
+    void recordsThatWereTakenStillCount();
 };
 
 void TestRecording::recordsAreRead()
@@ -228,6 +232,72 @@ void TestRecording::missingFileIsRefused()
     QString error;
     QVERIFY(!readRecording(QStringLiteral("/missing/file"), error));
     QCOMPARE(error, QStringLiteral("cannot read /missing/file: No such file or directory"));
+}
+
+void TestRecording::anyPiecesGiveTheSame_data()
+{
+    QTest::addColumn<int>("size");
+    for (const int size : {1, 2, 7, 40, 1000})
+        QTest::addRow("%d", size) << size;
+}
+
+void TestRecording::anyPiecesGiveTheSame()
+{
+    QFETCH(int, size);
+    const QByteArray text = kHead + "board: mine\n0.002 -> e7 1e # two\n  ff\n  fe\n0.003 <- 06\n"
+        + "4.000 -- hang-up\n5.000 -- return\n6.000 -> 01\n 02";
+    RecordingReader reader;
+    QVector<Record> records;
+    for (int start = 0; start < text.size(); start += size) {
+        QVERIFY2(reader.add(text.mid(start, size)), qPrintable(reader.errorText()));
+        records += reader.take().records;
+    }
+    QVERIFY2(reader.finish(), qPrintable(reader.errorText()));
+    const Recording last = reader.take();
+    QCOMPARE(last.board, QStringLiteral("mine"));
+    records += last.records;
+
+    QMap<int, QByteArray> bytes; // by the line of the record
+    for (const Record &record : records)
+        bytes[record.line] += record.bytes;
+    const QVector<Record> expected = recordsOf(text);
+    QCOMPARE(bytes.size(), expected.size());
+    for (const Record &record : expected)
+        QCOMPARE(bytes.value(record.line), record.bytes);
+}
+
+void TestRecording::recordsThatWereTakenStillCount_data()
+{
+    QTest::addColumn<QByteArray>("more");
+    QTest::addColumn<QString>("error");
+    const int line = kHead.count('\n') + 2;
+    const auto row = [line](const char *name, const QByteArray &more, const char *why) {
+        QTest::newRow(name) << more
+                            << QStringLiteral("line %1: %2").arg(line).arg(QLatin1String(why));
+    };
+    row("time", "0.999 <- 06\n", "\"0.999\" is earlier than the record before it");
+    row("head", "board: late\n", "\"board\" stands after the first record");
+    row("size", (QByteArray(" 00").repeated(300) + '\n').repeated(219), "");
+    row("endless line", QByteArray(1001, ' '), "more than 1000 characters");
+}
+
+void TestRecording::recordsThatWereTakenStillCount()
+{
+    QFETCH(QByteArray, more);
+    QFETCH(QString, error);
+    RecordingReader reader;
+    QVERIFY(reader.add(kHead + "1.000 -> e7\n"));
+    QCOMPARE(reader.take().records.size(), 1);
+    bool isGood = true;
+    for (int start = 0; isGood && start < more.size(); start += 500) {
+        isGood = reader.add(more.mid(start, 500));
+        static_cast<void>(reader.take());
+    }
+    QVERIFY(!isGood);
+    if (error.endsWith(QLatin1String(": ")))
+        QVERIFY(reader.errorText().endsWith(QStringLiteral("a record of more than 65536 bytes")));
+    else
+        QCOMPARE(reader.errorText(), error);
 }
 
 QTEST_GUILESS_MAIN(TestRecording)
