@@ -173,7 +173,7 @@ Window {
         id: successTip
 
         // A text without width that may be elided is not laid out. This saves a fortieth of the start.
-        width: visible ? implicitWidth : 0
+        width: visible ? undefined : 0 // undefined: as wide as the text
         elide: visible ? Text.ElideNone : Text.ElideRight
         // Deliberate: top and vertical centre together fix the height to twice their distance.
         // (tst_main_look::placesOnTheScreen)

@@ -440,7 +440,9 @@ def _versions(given):
         yield "opkg", output(os.environ.get("OPKG", "opkg"), "--version")
     else:
         yield "opkg", "stand-in of the sandbox"
-    for name, package in (("Qt", "libqt5core5a"), ("libarchive", "libarchive13"), ("C library", "libc6"),
+    program = (given.build / "src/update-assistant").read_bytes()
+    qt = "libqt6core6" if b"libQt6Core.so.6" in program else "libqt5core5a"
+    for name, package in (("Qt", qt), ("libarchive", "libarchive13"), ("C library", "libc6"),
                           ("shell", "dash"), ("bubblewrap", "bubblewrap")):
         yield name, output("dpkg-query", "--show", "--showformat=${Version}", package)
     yield "system", platform.freedesktop_os_release().get("PRETTY_NAME", "")

@@ -24,8 +24,8 @@ int millisecondsUntil(std::optional<TimePoint> moment)
 {
     if (!moment)
         return -1;
-    const auto left = std::chrono::ceil<Milliseconds>(*moment - Clock::now()).count();
-    return static_cast<int>(qBound<qint64>(0, left, 60000));
+    const qint64 left = std::chrono::ceil<Milliseconds>(*moment - Clock::now()).count();
+    return static_cast<int>(std::clamp<qint64>(left, 0, 60000));
 }
 
 std::unique_ptr<BoardModel> makeBoard(const Options &options, SerialLine &line, Report &report)

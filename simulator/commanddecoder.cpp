@@ -161,7 +161,7 @@ std::optional<FrameMatch> CommandDecoder::match(const QByteArray &start) const
         return std::nullopt;
     if (start.size() <= kLengthOffset)
         return FrameMatch{};
-    return FrameMatch{command->frame.size(), Place{command->step}};
+    return FrameMatch{static_cast<int>(command->frame.size()), Place{command->step}};
 }
 
 DecodedFrame CommandDecoder::decode(const QByteArray &frame)

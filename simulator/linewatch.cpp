@@ -88,7 +88,7 @@ void LineWatch::tell(const LineEvent &event)
     if (m_keepsEvents)
         return;
     m_report.frames.clear();
-    m_report.violations.resize(std::min(m_report.violations.size(), 1));
+    m_report.violations.resize(std::min<int>(m_report.violations.size(), 1));
 }
 
 void watchRecord(const Record &record, TimePoint start, LineWatch &watch)

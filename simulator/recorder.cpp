@@ -44,7 +44,7 @@ void Recorder::describe(const LineEvent &event)
     QByteArray comment = commentOf(event);
     while (left > 0 && !raw.empty()) {
         Piece &first = raw.front();
-        const int size = std::min(left, first.bytes.size());
+        const int size = std::min<int>(left, first.bytes.size());
         Piece piece{first.time, event.toBoard, first.bytes.left(size), std::exchange(comment, {})};
         const auto place =
             std::upper_bound(m_described.begin(), m_described.end(), piece,

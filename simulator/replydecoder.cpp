@@ -181,7 +181,7 @@ std::optional<DecodedReply> ReplyDecoder::take(TimePoint now, State state)
     }
     if (!isOver && m_bytes.size() < kMaxRun)
         return std::nullopt;
-    const int rest = std::min(m_bytes.size(), kMaxRun);
+    const int rest = std::min<int>(m_bytes.size(), kMaxRun);
     return cut(rest, QStringLiteral("unexpected bytes"),
                {QStringLiteral("%1 unexpected bytes from 0x%2 on")
                     .arg(rest)

@@ -161,7 +161,7 @@ private:
         int left = fault ? fault->number.value_or(0) : 0;
         while (left > 0 && !m_reply.chunks.isEmpty()) {
             QByteArray &bytes = m_reply.chunks.last().bytes;
-            const int lost = std::min(left, bytes.size());
+            const int lost = std::min<int>(left, bytes.size());
             bytes.chop(lost);
             left -= lost;
             if (bytes.isEmpty())

@@ -1,5 +1,6 @@
 #include "fileio.h"
 
+#include "qtversion.h"
 #include "quickdownloadmaster.h"
 
 #include <QFile>
@@ -148,7 +149,7 @@ void FileIO::start(QUrl url)
         return;
 
     shutdownNetworkReply();
-    m_reply = QuickDownloadMaster::instance()->networkAccessManager()->get(QNetworkRequest(m_url));
+    m_reply = QuickDownloadMaster::instance()->networkAccessManager()->get(requestOf(m_url));
     m_reply->setReadBufferSize(kUnwrittenBytes);
     for (const ReplyConnection &connection : kReplyConnections)
         connect(m_reply, connection.signal, connection.slot);

@@ -1,5 +1,6 @@
 #include "fileio.h"
 
+#include "qtversion.h"
 #include "quickdownloadmaster.h"
 
 #include <QCoreApplication>
@@ -22,7 +23,7 @@ QNetworkAccessManager *manager()
 
 QNetworkRequest requestFor(const QString &url)
 {
-    return QNetworkRequest(QUrl(url, QUrl::TolerantMode));
+    return requestOf(QUrl(url, QUrl::TolerantMode));
 }
 
 } // namespace

@@ -1,12 +1,12 @@
 #include "launch.h"
 #include "paths.h"
+#include "qtversion.h"
 
-#include <QCoreApplication>
 #include <QFile>
 
 int main(int argc, char **argv)
 {
-    QCoreApplication::setAttribute(Qt::AA_EnableHighDpiScaling, true);
+    enableHighDpiScaling();
     const QString pidFilePath = QString::fromLatin1(kPidFile);
     stopPreviousInstance(pidFilePath);
     QFile pidFile(pidFilePath);

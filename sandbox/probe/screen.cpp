@@ -36,8 +36,8 @@ bool isOfTheScreen(QQuickItem *item, QQuickWindow *window)
 
 QJsonValue plain(const QVariant &value)
 {
-    return value.type() == QVariant::Color ? QJsonValue(value.toString())
-                                           : QJsonValue::fromVariant(value);
+    return value.userType() == QMetaType::QColor ? QJsonValue(value.toString())
+                                                 : QJsonValue::fromVariant(value);
 }
 
 QJsonObject propertiesOf(QQuickItem *item)
@@ -97,10 +97,10 @@ QQuickItem *findItem(QQuickItem *parent, const QString &id)
 void sendMouse(QQuickWindow *window, QEvent::Type type, const QPointF &place,
                Qt::MouseButton button, Qt::MouseButtons pressed)
 {
-    QCoreApplication::postEvent(window,
-                                new QMouseEvent(type, place, place,
-                                                window->mapToGlobal(place.toPoint()), button,
-                                                pressed, Qt::NoModifier));
+    // Sent at once: Qt 6 counts an event as happened when it is made.
+    QMouseEvent event(type, place, place, window->mapToGlobal(place.toPoint()), button, pressed,
+                      Qt::NoModifier);
+    QCoreApplication::sendEvent(window, &event);
 }
 
 /// Reports on standard error when the object is destroyed.

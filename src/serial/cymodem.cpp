@@ -94,8 +94,9 @@ int CYModem::send_start_frame(SerialPort *port)
     // Deliberate: as many bytes as the name has characters, which cuts a name that is not ASCII.
     // Bytes beyond the payload are overwritten by the CRC or not sent.
     // (tst_cymodem::nameIsCopiedByItsCharacterCount)
-    const int nameSize = std::min({m_name.size(), name.size(), kSmallPayload});
-    std::memcpy(m_frame + kHeadSize, name.constData(), static_cast<std::size_t>(nameSize));
+    const auto nameSize =
+        static_cast<std::size_t>(std::min<qint64>({m_name.size(), name.size(), kSmallPayload}));
+    std::memcpy(m_frame + kHeadSize, name.constData(), nameSize);
     // Deliberate: the size goes out in hex. Decimal looks right but the boot loader parses hex.
     // (tst_cymodem::startFrameCarriesTheSizeInHex)
     std::snprintf(reinterpret_cast<char *>(m_frame) + kHeadSize + nameSize + 1, kSizeTextMax, "%x",

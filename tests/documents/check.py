@@ -55,6 +55,8 @@ COMMANDS = {
     "scripts/faults": "the test `faults` runs the whole table, `faults_page` checks the page",
     "scripts/lint": "the tests `lint.*` run its quick checks; clang-tidy takes minutes",
     "python3 tests/rehearsal/run_sets.py": "the test `rehearsal_sets` runs all of them",
+    "scripts/package --qt 6": "builds for ARM in a build root that takes minutes to make; run before a release",
+    "scripts/pictures": "builds with both Qts; run before a release",
     "scripts/rehearse": "the tests `tst_rehearse.*` and `rehearsal_sets` run it",
     "scripts/test": "builds and runs everything, this check too; the CI runs it",
 }
@@ -120,7 +122,7 @@ class Commands:
     def __init__(self, build):
         self.build = build
         self.presets = json.loads((PROJECT / "CMakePresets.json").read_text())
-        self.options = (PROJECT / "CMakeLists.txt").read_text()
+        self.options = "".join((PROJECT / file).read_text() for file in ("CMakeLists.txt", "cmake/qt.cmake"))
         self.helps = {}
         self.used = set()
 

@@ -1,6 +1,6 @@
 """What the program needs of the machine, read from its file.
 
-PROGRAM is the program. READELF is a readelf that knows its processor, DEB_HOST_ARCH Debian's name of the
+PROGRAM is the program, QT the major version of its Qt. READELF is a readelf that knows its processor, DEB_HOST_ARCH Debian's name of the
 processor; neither is needed for this machine's own.
 """
 
@@ -14,9 +14,11 @@ from machine.paths import PROJECT
 from machine.watch import text_of
 
 PROGRAM = pathlib.Path(os.environ["PROGRAM"])
+QT = os.environ["QT"]
 # The README's words on Qt: the oldest version, and the modules.
-QT_VERSION, QT_MODULES = re.search(r"Qt\s+([0-9]+\.[0-9]+)\s+or\s+newer\s+\(([A-Za-z,\s]+)\)",
-                                   text_of(PROJECT / "README.md")).groups()
+README = text_of(PROJECT / "README.md")
+QT_VERSION = re.search(rf"Qt\s+({QT}\.[0-9]+)", README)[1]
+QT_MODULES = re.search(r"modules\s+([A-Za-z,\s]+)\.", README)[1]
 PORTING = text_of(PROJECT / "docs/porting.md")
 
 
@@ -45,10 +47,10 @@ def usesHardFloat(_):
 
 def needsTheNamedLibrariesOnly(_):
     modules = re.findall(r"\w+", QT_MODULES)
-    same(["Core", "Gui", "Network", "Qml", "Quick"], sorted(modules))
+    same(["Core", "Gui", "Network", "Qml", "Quick"], sorted(set(modules) - {"and"}))
     needed = re.findall(r"\(NEEDED\).*\[(.*)\]", elf("-d"))
-    assert "libQt5Core.so.5" in needed
-    named = re.compile(rf"libQt5({'|'.join(modules)})\.so\.5|libstdc\+\+\.so\.6|libgcc_s\.so\.1"
+    assert f"libQt{QT}Core.so.{QT}" in needed
+    named = re.compile(rf"libQt{QT}({'|'.join(modules)})\.so\.{QT}|libstdc\+\+\.so\.6|libgcc_s\.so\.1"
                        r"|libc\.so\.6|libm\.so\.6|libpthread\.so\.0|ld-linux-.*\.so\..")
     same([], [library for library in needed if not named.fullmatch(library)])
     same([], re.findall(r"\((?:RPATH|RUNPATH)\).*", elf("-d")))
@@ -72,7 +74,7 @@ C_LIBRARY = """
 # their open by another name.
 C_LIBRARY += ["ioctl", "usleep", "open64", "fcntl64"]
 # What compilers and headers add by themselves.
-C_LIBRARY += ["abort", "__cxa_atexit", "__cxa_finalize", "__errno_location", "__libc_start_main"]
+C_LIBRARY += ["abort", "memchr", "__cxa_atexit", "__cxa_finalize", "__errno_location", "__libc_start_main"]
 
 
 def callsNothingBeyondPosix(_):
@@ -84,11 +86,11 @@ def callsNothingBeyondPosix(_):
 # dpkg-shlibdeps names the library packages with the version in which the newest symbol came that the
 # program imports.
 def importsNothingNewerThanTheOldestQt(folder):
-    same({"Qt_5"}, set(re.findall(r"Name: (Qt_\S+)", elf("-V"))))
+    same({f"Qt_{QT}"}, set(re.findall(r"Name: (Qt_\S+)", elf("-V"))))
     (folder / "debian").mkdir()
     (folder / "debian/control").write_text("Source: program\n\nPackage: program\nArchitecture: any\n",
                                            encoding="ascii")
-    needs = re.findall(r"libqt5[a-z0-9]+ \(>= ([^)]+)\)", subprocess.run(
+    needs = re.findall(rf"libqt{QT}[a-z0-9]+ \(>= ([^)]+)\)", subprocess.run(
         ["dpkg-shlibdeps", "-O", f"-e{PROGRAM}"], cwd=folder, stdout=subprocess.PIPE, text=True, check=True).stdout)
     same(5, len(needs))
     major, minor = QT_VERSION.split(".")

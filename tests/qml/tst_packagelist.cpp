@@ -5,7 +5,6 @@
 #include <QQmlComponent>
 #include <QQmlEngine>
 #include <QQuickWindow>
-#include <QTouchDevice>
 #include <QtTest>
 
 #ifdef __SANITIZE_ADDRESS__
@@ -158,7 +157,7 @@ private:
     void dragInto(int index, int from, int to);
     bool isStill() const { return !m_screen->value("packageView", "moving").toBool(); }
 
-    QTouchDevice *m_touch = QTest::createTouchDevice();
+    decltype(QTest::createTouchDevice()) m_touch = QTest::createTouchDevice();
     QStringList m_names;
     QStringList m_plainNames; // of the pictures below, plain columns of all rows
     QImage m_waitingRows;

@@ -63,7 +63,7 @@ void Pty::send(const QByteArray &bytes)
     const ssize_t count =
         write(m_master, bytes.constData(), static_cast<std::size_t>(bytes.size()));
     if (count != bytes.size())
-        qFatal("the line does not take %d bytes", bytes.size());
+        qFatal("the line does not take %d bytes", static_cast<int>(bytes.size()));
 }
 
 void Pty::deliver(const QByteArray &bytes)
@@ -73,7 +73,7 @@ void Pty::deliver(const QByteArray &bytes)
     const QDeadlineTimer deadline(kHangMs);
     while (pending() < before + bytes.size()) {
         if (deadline.hasExpired())
-            qFatal("%d bytes do not arrive", bytes.size());
+            qFatal("%d bytes do not arrive", static_cast<int>(bytes.size()));
         QThread::msleep(kPollMs);
     }
 }

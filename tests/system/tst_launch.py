@@ -79,14 +79,23 @@ def argumentChoosesTheStatusScreen(machine):
     assert not CALLS.exists()
 
 
-# The window counts in pixels of 96 an inch, the display has twice as many.
-def screenGrowsWithTheFinenessOfTheDisplay(machine):
-    machine.environment["QT_FONT_DPI"] = "192"
+def assert_geometry(machine, geometry, dots_per_inch):
+    machine.environment["QT_FONT_DPI"] = str(dots_per_inch)
     machine.screen.open()
     machine.program.start()
     machine.await_("the window", machine.screen.has_window)
-    geometry = machine.run("xdotool", "getwindowgeometry", machine.screen.window).stdout
-    assert "Geometry: 1200x1200\n" in geometry, geometry
+    told = machine.run("xdotool", "getwindowgeometry", machine.screen.window).stdout
+    assert f"Geometry: {geometry}\n" in told, told
+
+
+# The window counts in pixels of 96 an inch, the display has twice as many.
+def screenGrowsWithTheFinenessOfTheDisplay(machine):
+    assert_geometry(machine, "1200x1200", dots_per_inch=192)
+
+
+# No factor between whole ones: the display has five pixels for four of the window's.
+def screenGrowsByWholeFactors(machine):
+    assert_geometry(machine, "600x600", dots_per_inch=120)
 
 
 # A text of each screen as it stands in its compiled form, in capitals; the sources are compressed.

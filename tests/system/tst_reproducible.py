@@ -1,4 +1,4 @@
-"""The program and its package, built twice. CXX chooses the compiler."""
+"""The program and its package, built twice. CXX chooses the compiler, QT the Qt."""
 
 import os
 
@@ -19,7 +19,7 @@ def package_from(copy, build, date, packages, **variables):
     output("cp", "-r", *(PROJECT / source for source in SOURCES), copy)
     output("find", copy, "-exec", "touch", "-d", date, "{}", "+")
     output("cmake", "-G", "Ninja", "-S", copy, "-B", copy / build, "-DCMAKE_BUILD_TYPE=Release",
-           "-DUPDATE_ASSISTANT_SIMULATOR=OFF", environment=environment)
+           "-DUPDATE_ASSISTANT_SIMULATOR=OFF", f"-DUPDATE_ASSISTANT_QT={os.environ['QT']}", environment=environment)
     output("cmake", "--build", copy / build, environment=environment)
     output(copy / "scripts/package", "--build", copy / build, "--output", packages,
            environment=environment | {"SOURCE_DATE_EPOCH": "1577836800"})
