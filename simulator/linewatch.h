@@ -27,6 +27,7 @@ public:
     void failed(TimePoint now, const QString &text) { m_transcript.failed(now, text); }
 
     void bytesPassed(TimePoint now, bool toBoard, const QByteArray &bytes) override;
+    void bytesUnheard(TimePoint now, const QByteArray &bytes) override;
     void deviceGone(TimePoint now) override;
     void deviceReturned(TimePoint now) override;
     void bytesUnread(TimePoint now, qint64 count) override;
@@ -42,6 +43,7 @@ private:
     const TimePoint m_start;
     Report &m_report;
     bool m_keepsEvents = true;
+    bool m_isUnheard = false; // what the board sent last
     Transcript m_transcript;
     LineDecoder m_decoder;
     std::unique_ptr<Recorder> m_recorder;

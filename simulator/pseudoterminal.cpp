@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -62,6 +63,14 @@ void PseudoTerminal::hangUp()
 {
     closeDescriptor(m_slave);
     closeDescriptor(m_master);
+}
+
+int PseudoTerminal::dropUnread()
+{
+    int count = 0;
+    if (ioctl(m_slave, FIONREAD, &count) != 0 || tcflush(m_slave, TCIFLUSH) != 0)
+        return 0;
+    return count;
 }
 
 void PseudoTerminal::close()

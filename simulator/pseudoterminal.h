@@ -22,6 +22,9 @@ public:
     /// Hangs up: who has the slave side open gets end of file or EIO. The link stays, dangling.
     void hangUp();
 
+    /// Drops what no program has read. Returns the number of bytes.
+    int dropUnread();
+
     /// Hangs up and removes the link, if it is still ours.
     void close();
 

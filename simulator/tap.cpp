@@ -55,9 +55,10 @@ Input readSome(int descriptor, QByteArray &bytes)
 
 } // namespace
 
-Tap::Tap(QString device, QString linkPath, LineListener &listener)
+Tap::Tap(QString device, QString linkPath, Unheard unheard, LineListener &listener)
     : m_devicePath(std::move(device))
     , m_linkPath(std::move(linkPath))
+    , m_unheard(unheard)
     , m_listener(listener)
 {
 }
@@ -85,9 +86,10 @@ bool Tap::run(int endDescriptor)
         const bool isFull = m_toDevice.size() >= kMaxWaiting;
         const auto programEvents =
             static_cast<short>((isFull ? 0 : POLLIN) | (m_toProgram.isEmpty() ? 0 : POLLOUT));
-        std::array<pollfd, 3> polled{{{endDescriptor, POLLIN, 0},
+        std::array<pollfd, 4> polled{{{endDescriptor, POLLIN, 0},
                                       {m_device.descriptor(), deviceEvents, 0},
-                                      {m_terminal.masterDescriptor(), programEvents, 0}}};
+                                      {m_terminal.masterDescriptor(), programEvents, 0},
+                                      {m_programs.descriptor(), POLLIN, 0}}};
         if (poll(polled.data(), polled.size(), timeoutMs()) < 0 && errno != EINTR) {
             m_errorText = QStringLiteral("poll failed");
             return false;
@@ -106,6 +108,7 @@ bool Tap::run(int endDescriptor)
         } else {
             if (polled[2].revents != 0)
                 carryToBoard();
+            noteClosing();
             const bool isThere = (polled[1].revents == 0 || carryFromBoard()) && writeOut();
             if (!isThere)
                 lose(Clock::now());
@@ -122,8 +125,11 @@ void Tap::close()
 
 bool Tap::openTerminal()
 {
-    if (m_terminal.open(m_linkPath))
+    if (m_terminal.open(m_linkPath)) {
+        if (m_unheard == Unheard::Dropped)
+            m_programs.watch(m_terminal.slaveName());
         return true;
+    }
     m_errorText = m_terminal.errorText();
     return false;
 }
@@ -137,6 +143,17 @@ int Tap::timeoutMs() const
         return -1;
     const auto left = std::chrono::ceil<Milliseconds>(*next - Clock::now()).count();
     return static_cast<int>(std::clamp<qint64>(left, 0, kMaxWaitMs));
+}
+
+/// A program that closes the line leaves nothing for the next one.
+void Tap::noteClosing()
+{
+    if (!m_programs.update())
+        return;
+    const int count = m_toProgram.size() + m_terminal.dropUnread();
+    m_toProgram.clear();
+    if (count > 0)
+        m_listener.bytesUnread(Clock::now(), count);
 }
 
 void Tap::carryToBoard()
@@ -158,6 +175,10 @@ bool Tap::carryFromBoard()
     const Input input = readSome(m_device.descriptor(), bytes);
     if (input != Input::Bytes)
         return input == Input::Nothing;
+    if (!m_programs.isOpen()) {
+        m_listener.bytesUnheard(Clock::now(), bytes);
+        return true;
+    }
     m_toProgram += bytes;
     static_cast<void>(writeSome(m_terminal.masterDescriptor(), m_toProgram));
     const TimePoint now = Clock::now();
@@ -179,6 +200,7 @@ bool Tap::writeOut()
 void Tap::lose(TimePoint now)
 {
     m_device.close();
+    m_programs.close();
     m_terminal.close();
     m_toDevice.clear();
     m_toProgram.clear();

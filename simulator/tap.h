@@ -2,6 +2,7 @@
 #define BOARDSIM_TAP_H
 
 #include "clock.h"
+#include "openwatch.h"
 #include "pseudoterminal.h"
 #include "serialdevice.h"
 
@@ -14,6 +15,8 @@ class LineListener {
 public:
     virtual ~LineListener() = default;
     virtual void bytesPassed(TimePoint now, bool toBoard, const QByteArray &bytes) = 0;
+    /// Bytes from the board while no program has the line open. They do not go on.
+    virtual void bytesUnheard(TimePoint now, const QByteArray &bytes) = 0;
     virtual void deviceGone(TimePoint now) = 0;
     virtual void deviceReturned(TimePoint now) = 0;
     /// Bytes for a program that does not read them; they went over the line, but not on.
@@ -26,7 +29,13 @@ public:
 /// Carries the bytes between a serial device and a pseudo-terminal, unchanged, in both directions.
 class Tap {
 public:
-    Tap(QString device, QString linkPath, LineListener &listener);
+    /// What the board sends while no program has the line open.
+    enum class Unheard {
+        Kept,    ///< for the next program, as a pseudo-terminal does
+        Dropped, ///< as a serial port does
+    };
+
+    Tap(QString device, QString linkPath, Unheard unheard, LineListener &listener);
 
     /// Opens the device, then the pseudo-terminal and its link. False on failure, see errorText().
     [[nodiscard]] bool open();
@@ -46,6 +55,7 @@ public:
 private:
     bool openTerminal();
     int timeoutMs() const;
+    void noteClosing();
     void carryToBoard();
     bool carryFromBoard();
     bool writeOut();
@@ -53,9 +63,11 @@ private:
 
     const QString m_devicePath;
     const QString m_linkPath;
+    const Unheard m_unheard;
     LineListener &m_listener;
     SerialDevice m_device;
     PseudoTerminal m_terminal;
+    OpenWatch m_programs;   // that have the line open; watches only when bytes are dropped
     QByteArray m_toDevice;  // read, not yet written
     QByteArray m_toProgram; // as well
     TimePoint m_nextTry{};  // to open a device that has gone

@@ -100,7 +100,9 @@ int watch(const TapCommandLine &line, const LineSink &sink, const sigset_t &endS
     watch.setDevice(line.device);
     if (line.summaryFile.isEmpty())
         watch.keepNoEvents();
-    Tap tap(line.device, line.link, watch);
+    const Tap::Unheard unheard =
+        isPseudoTerminal(line.device) ? Tap::Unheard::Kept : Tap::Unheard::Dropped;
+    Tap tap(line.device, line.link, unheard, watch);
     if (!tap.open())
         return fail(kName, Failed, tap.errorText());
     FileWriter recording;
