@@ -31,8 +31,10 @@ public:
     void deviceGone(TimePoint now) override;
     void deviceReturned(TimePoint now) override;
     void bytesUnread(TimePoint now, qint64 count) override;
-    void step(TimePoint now) override { m_decoder.step(now); }
-    std::optional<TimePoint> deadline() const override { return m_decoder.deadline(); }
+
+    /// Called when deadline() has come.
+    void step(TimePoint now) { m_decoder.step(now); }
+    std::optional<TimePoint> deadline() const { return m_decoder.deadline(); }
 
     /// The line is not watched any more.
     void end(TimePoint now, const QString &text);

@@ -33,6 +33,8 @@ struct Recording {
     QVector<Record> records;
 };
 
+constexpr int kMaxRecordingSize = 64 * 1024 * 1024; // bytes of the file
+
 /// Reads a recording. Not set when it is broken or too large; `error` then says where and why.
 std::optional<Recording> parseRecording(const QByteArray &text, QString &error);
 

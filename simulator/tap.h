@@ -2,7 +2,6 @@
 #define BOARDSIM_TAP_H
 
 #include "clock.h"
-#include "openwatch.h"
 #include "pseudoterminal.h"
 #include "serialdevice.h"
 
@@ -21,9 +20,6 @@ public:
     virtual void deviceReturned(TimePoint now) = 0;
     /// Bytes for a program that does not read them; they went over the line, but not on.
     virtual void bytesUnread(TimePoint now, qint64 count) = 0;
-    /// Called when deadline() has come.
-    virtual void step(TimePoint now) = 0;
-    virtual std::optional<TimePoint> deadline() const = 0;
 };
 
 /// Carries the bytes between a serial device and a pseudo-terminal, unchanged, in both directions.
@@ -55,8 +51,8 @@ public:
 private:
     bool openTerminal();
     int timeoutMs() const;
-    void noteClosing();
-    void carryToBoard();
+    void lookForPrograms();
+    bool carryToBoard();
     bool carryFromBoard();
     bool writeOut();
     void lose(TimePoint now);
@@ -67,7 +63,7 @@ private:
     LineListener &m_listener;
     SerialDevice m_device;
     PseudoTerminal m_terminal;
-    OpenWatch m_programs;   // that have the line open; watches only when bytes are dropped
+    bool m_isOpen = true;   // by a program; where bytes are kept, always
     QByteArray m_toDevice;  // read, not yet written
     QByteArray m_toProgram; // as well
     TimePoint m_nextTry{};  // to open a device that has gone

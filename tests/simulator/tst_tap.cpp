@@ -1,9 +1,9 @@
 #include "assistantline.h"
+#include "linequeue.h"
 #include "linewatch.h"
 
 #include <QtTest>
 
-#include <mutex>
 #include <sys/eventfd.h>
 #include <thread>
 #include <unistd.h>
@@ -17,14 +17,14 @@ class TestTap {
 public:
     explicit TestTap(Tap::Unheard unheard)
         : m_watch(
-            m_report, [this](const QByteArray &line) { append(m_transcript, line + '\n'); },
+            m_report, [this](const QByteArray &line) { m_transcript += line + '\n'; },
             HexStyle::Short, Clock::now())
         , m_link(m_directory.filePath(QStringLiteral("line")))
     {
-        m_watch.record([this](const QByteArray &text) { append(m_recording, text); });
+        m_watch.record([this](const QByteArray &text) { m_recording += text; });
         if (!m_board.open({}))
             qFatal("no pseudo-terminal");
-        m_tap = std::make_unique<Tap>(m_board.slaveName(), m_link, unheard, m_watch);
+        m_tap = std::make_unique<Tap>(m_board.slaveName(), m_link, unheard, m_queue);
         if (!m_tap->open())
             qFatal("no tap");
         m_thread = std::thread([this] { static_cast<void>(m_tap->run(m_end)); });
@@ -42,6 +42,7 @@ public:
             return;
         static_cast<void>(eventfd_write(m_end, 1));
         m_thread.join();
+        takeEvents();
         m_watch.end(Clock::now(), QStringLiteral("end"));
     }
 
@@ -51,26 +52,26 @@ public:
         const auto size = static_cast<size_t>(bytes.size());
         return write(m_board.masterDescriptor(), bytes.constData(), size) == bytes.size();
     }
-    bool told(const QByteArray &text) { return of(m_transcript).contains(text); }
-    QByteArray recording() { return of(m_recording); }
+    bool told(const QByteArray &text)
+    {
+        takeEvents();
+        return m_transcript.contains(text);
+    }
+    QByteArray recording() const { return m_recording; }
 
 private:
-    void append(QByteArray &all, const QByteArray &text)
+    void takeEvents()
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        all += text;
-    }
-    QByteArray of(const QByteArray &text)
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return text;
+        while (const LineQueue::Event event = m_queue.take(Clock::now()))
+            event(m_watch);
+        m_watch.step(Clock::now());
     }
 
-    std::mutex m_mutex;
     QByteArray m_transcript;
     QByteArray m_recording;
     Report m_report;
     LineWatch m_watch;
+    LineQueue m_queue;
     QTemporaryDir m_directory;
     const QString m_link;
     PseudoTerminal m_board;
