@@ -21,12 +21,25 @@ void LineWatch::record(Recorder::Writer writer)
 void LineWatch::bytesPassed(TimePoint now, bool toBoard, const QByteArray &bytes)
 {
     m_decoder.step(now);
+    m_isUnheard = false;
     if (m_recorder)
         m_recorder->add(now, toBoard, bytes);
     if (toBoard)
         m_decoder.toBoard(now, bytes);
     else
         m_decoder.fromBoard(now, bytes);
+}
+
+void LineWatch::bytesUnheard(TimePoint now, const QByteArray &bytes)
+{
+    m_decoder.step(now);
+    if (!m_isUnheard)
+        m_transcript.note(
+            now, QStringLiteral("no program has the line open: what the board sends is lost"));
+    m_isUnheard = true;
+    if (m_recorder)
+        m_recorder->add(now, false, bytes, false);
+    m_decoder.fromBoard(now, bytes);
 }
 
 void LineWatch::deviceGone(TimePoint now)

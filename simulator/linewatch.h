@@ -30,11 +30,14 @@ public:
     void failed(TimePoint now, const QString &text) { m_transcript.failed(now, text); }
 
     void bytesPassed(TimePoint now, bool toBoard, const QByteArray &bytes) override;
+    void bytesUnheard(TimePoint now, const QByteArray &bytes) override;
     void deviceGone(TimePoint now) override;
     void deviceReturned(TimePoint now) override;
     void bytesUnread(TimePoint now, qint64 count) override;
-    void step(TimePoint now) override { m_decoder.step(now); }
-    std::optional<TimePoint> deadline() const override { return m_decoder.deadline(); }
+
+    /// Called when deadline() has come.
+    virtual void step(TimePoint now) { m_decoder.step(now); }
+    virtual std::optional<TimePoint> deadline() const { return m_decoder.deadline(); }
 
     /// The line is not watched any more.
     void end(TimePoint now, const QString &text);
@@ -46,6 +49,7 @@ private:
     const TimePoint m_start;
     Report &m_report;
     bool m_keepsEvents = true;
+    bool m_isUnheard = false; // what the board sent last
     Transcript m_transcript;
     LineDecoder m_decoder;
     std::unique_ptr<Recorder> m_recorder;

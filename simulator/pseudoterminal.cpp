@@ -3,10 +3,14 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -60,8 +64,41 @@ bool PseudoTerminal::open(const QString &linkPath)
 
 void PseudoTerminal::hangUp()
 {
+    closeDescriptor(m_programs);
     closeDescriptor(m_slave);
     closeDescriptor(m_master);
+}
+
+void PseudoTerminal::watchPrograms()
+{
+    m_programs = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    const QByteArray name = QFile::encodeName(m_slaveName);
+    if (inotify_add_watch(m_programs, name.constData(), IN_OPEN | IN_CLOSE) < 0)
+        closeDescriptor(m_programs);
+    else
+        closeDescriptor(m_slave);
+}
+
+bool PseudoTerminal::isOpen()
+{
+    if (m_programs < 0)
+        return true;
+    // Only to be awake: equal events come as one, so they cannot be counted.
+    std::array<char, 1024> events{};
+    while (read(m_programs, events.data(), events.size()) > 0) { }
+    pollfd master{m_master, 0, 0};
+    return poll(&master, 1, 0) <= 0 || (master.revents & POLLHUP) == 0;
+}
+
+int PseudoTerminal::dropUnread()
+{
+    int count = 0;
+    const QByteArray name = QFile::encodeName(m_slaveName);
+    int slave = ::open(name.constData(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (ioctl(slave, FIONREAD, &count) != 0 || tcflush(slave, TCIFLUSH) != 0)
+        count = 0;
+    closeDescriptor(slave);
+    return count;
 }
 
 void PseudoTerminal::close()

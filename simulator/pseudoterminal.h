@@ -22,6 +22,19 @@ public:
     /// Hangs up: who has the slave side open gets end of file or EIO. The link stays, dangling.
     void hangUp();
 
+    /// From now on this does not keep the slave side open itself, so that isOpen() tells whether a
+    /// program has. Where the system has no watch left, it does, and the line counts as open.
+    void watchPrograms();
+
+    /// Can be read when a program has opened or closed the line; -1: not watched. Owned by this.
+    int programsDescriptor() const { return m_programs; }
+
+    /// Takes what programsDescriptor() has. True while a program has the line open.
+    bool isOpen();
+
+    /// Drops what no program has read. Returns the number of bytes.
+    int dropUnread();
+
     /// Hangs up and removes the link, if it is still ours.
     void close();
 
@@ -41,6 +54,7 @@ private:
 
     int m_master = -1;
     int m_slave = -1;
+    int m_programs = -1;
     QString m_slaveName;
     QString m_linkPath;
     QString m_errorText;

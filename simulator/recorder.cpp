@@ -26,11 +26,11 @@ Recorder::Recorder(Writer writer, TimePoint start)
 {
 }
 
-void Recorder::add(TimePoint now, bool toBoard, const QByteArray &bytes)
+void Recorder::add(TimePoint now, bool toBoard, const QByteArray &bytes, bool isHeard)
 {
     auto &raw = m_raw[toBoard ? 1 : 0];
-    if (raw.empty() || now > raw.back().time + kPause) {
-        raw.push_back({now, toBoard, bytes, {}});
+    if (raw.empty() || now > raw.back().time + kPause || raw.back().isHeard != isHeard) {
+        raw.push_back({now, toBoard, bytes, {}, isHeard});
         return;
     }
     raw.back().bytes += bytes;
@@ -45,7 +45,8 @@ void Recorder::describe(const LineEvent &event)
     while (left > 0 && !raw.empty()) {
         Piece &first = raw.front();
         const int size = std::min<int>(left, first.bytes.size());
-        Piece piece{first.time, event.toBoard, first.bytes.left(size), std::exchange(comment, {})};
+        Piece piece{first.time, event.toBoard, first.bytes.left(size), std::exchange(comment, {}),
+                    first.isHeard};
         const auto place =
             std::upper_bound(m_described.begin(), m_described.end(), piece,
                              [](const Piece &a, const Piece &b) { return a.time < b.time; });
@@ -91,7 +92,10 @@ void Recorder::writeReady(bool all)
         if (!all && std::any_of(m_raw.begin(), m_raw.end(), isEarlier))
             return;
         const auto kind = first.toBoard ? Record::Kind::ToBoard : Record::Kind::FromBoard;
-        m_writer(first.comment + recordLines({kind, msOf(first.time), first.bytes, 0}));
+        QByteArray lines = recordLines({kind, msOf(first.time), first.bytes, 0});
+        if (!first.isHeard)
+            lines = "# " + lines.chopped(1).replace("\n", "\n# ") + '\n';
+        m_writer(first.comment + lines);
         m_described.pop_front();
     }
 }

@@ -17,8 +17,9 @@ public:
 
     Recorder(Writer writer, TimePoint start);
 
-    /// Bytes came; before the decoder has them.
-    void add(TimePoint now, bool toBoard, const QByteArray &bytes);
+    /// Bytes came; before the decoder has them. Those that no program heard are written as
+    /// comments: a replay must not send them.
+    void add(TimePoint now, bool toBoard, const QByteArray &bytes, bool isHeard = true);
 
     /// The decoder has told what the next bytes of their direction are.
     void describe(const LineEvent &event);
@@ -35,6 +36,7 @@ private:
         bool toBoard;
         QByteArray bytes;
         QByteArray comment;
+        bool isHeard;
     };
 
     qint64 msOf(TimePoint time) const;

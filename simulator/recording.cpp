@@ -17,8 +17,8 @@ const QByteArray kFirstLineOfAnyVersion = "serial line recording ";
 constexpr int kMaxLine = 1000;
 constexpr int kMaxRecord = 64 * 1024; // bytes
 constexpr int kMaxSpeed = 10000000;
-constexpr qint64 kMaxMs = 1000LL * 60 * 60 * 24 * 10;
 constexpr int kBytesPerLine = 32;
+constexpr int kMaxSecondDigits = 9;
 constexpr int kMsDigits = 3;
 
 const QByteArray kToBoard = "->";
@@ -76,8 +76,8 @@ QByteArray timeText(qint64 ms)
 bool RecordingReader::add(const QByteArray &text)
 {
     m_size += text.size();
-    if (m_size > kMaxRecording) {
-        m_errorText = QStringLiteral("more than %1 MiB").arg(kMaxRecording / 1024 / 1024);
+    if (m_size > kMaxRecordingSize) {
+        m_errorText = QStringLiteral("more than %1 MiB").arg(kMaxRecordingSize / 1024 / 1024);
         return false;
     }
     m_rest += text;
@@ -200,13 +200,12 @@ bool RecordingReader::readRecord(const QList<QByteArray> &words)
 bool RecordingReader::readTime(const QByteArray &word, qint64 &ms)
 {
     const QList<QByteArray> parts = word.split('.');
-    const bool isTime = parts.size() == 2 && isDigits(parts.at(0)) && parts.at(0).size() <= 9
-        && isDigits(parts.at(1)) && parts.at(1).size() == kMsDigits;
+    const bool isTime = parts.size() == 2 && isDigits(parts.at(0))
+        && parts.at(0).size() <= kMaxSecondDigits && isDigits(parts.at(1))
+        && parts.at(1).size() == kMsDigits;
     if (!isTime)
         return refuse(QStringLiteral("%1 is no time like 1.234").arg(shown(word)));
     ms = parts.at(0).toLongLong() * 1000 + parts.at(1).toLongLong();
-    if (ms > kMaxMs)
-        return refuse(QStringLiteral("%1 is more than ten days").arg(shown(word)));
     if (m_last && ms < m_last->ms)
         return refuse(QStringLiteral("%1 is earlier than the record before it").arg(shown(word)));
     return true;
@@ -270,7 +269,7 @@ std::optional<Recording> readRecording(const QString &path, QString &error)
         error = QStringLiteral("cannot read %1: %2").arg(path, file.errorString());
         return std::nullopt;
     }
-    auto recording = parseRecording(file.read(kMaxRecording + 1), error);
+    auto recording = parseRecording(file.read(kMaxRecordingSize + 1), error);
     if (!recording)
         error = QStringLiteral("%1: %2").arg(path, error);
     return recording;

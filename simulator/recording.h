@@ -37,7 +37,7 @@ struct Recording {
     QVector<Record> records;
 };
 
-constexpr int kMaxRecording = 64 * 1024 * 1024; // bytes of its text
+constexpr int kMaxRecordingSize = 64 * 1024 * 1024; // bytes of its text
 
 /// Reads a recording piece by piece, also while it is being written.
 class RecordingReader {

@@ -5,6 +5,9 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/major.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -52,6 +55,16 @@ void SerialDevice::close()
     if (m_descriptor >= 0)
         ::close(m_descriptor);
     m_descriptor = -1;
+}
+
+bool isPseudoTerminal(const QString &path)
+{
+    struct stat info { };
+    if (stat(QFile::encodeName(path).constData(), &info) != 0 || !S_ISCHR(info.st_mode))
+        return false;
+    const auto number = major(info.st_rdev);
+    return number >= UNIX98_PTY_SLAVE_MAJOR
+        && number < UNIX98_PTY_SLAVE_MAJOR + UNIX98_PTY_MAJOR_COUNT;
 }
 
 bool SerialDevice::fail(const QString &text)

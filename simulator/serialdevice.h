@@ -28,6 +28,9 @@ private:
     QString m_errorText;
 };
 
+/// Whether `path` is a pseudo-terminal, which keeps what comes while nobody has it open.
+bool isPseudoTerminal(const QString &path);
+
 } // namespace boardsim
 
 #endif // BOARDSIM_SERIALDEVICE_H

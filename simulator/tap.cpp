@@ -15,7 +15,6 @@ namespace {
 
 constexpr int kMaxWaiting = 64 * 1024;    // bytes for a side that does not take them
 constexpr Milliseconds kTryInterval{200}; // to open a device that has gone
-constexpr int kMaxWaitMs = 60000;
 
 /// Writes what the descriptor takes, and removes it from `waiting`. False when it has failed.
 bool writeSome(int descriptor, QByteArray &waiting)
@@ -55,9 +54,10 @@ Input readSome(int descriptor, QByteArray &bytes)
 
 } // namespace
 
-Tap::Tap(QString device, QString linkPath, LineListener &listener)
+Tap::Tap(QString device, QString linkPath, Unheard unheard, LineListener &listener)
     : m_devicePath(std::move(device))
     , m_linkPath(std::move(linkPath))
+    , m_unheard(unheard)
     , m_listener(listener)
 {
 }
@@ -85,9 +85,11 @@ bool Tap::run(int endDescriptor)
         const bool isFull = m_toDevice.size() >= kMaxWaiting;
         const auto programEvents =
             static_cast<short>((isFull ? 0 : POLLIN) | (m_toProgram.isEmpty() ? 0 : POLLOUT));
-        std::array<pollfd, 3> polled{{{endDescriptor, POLLIN, 0},
+        const int master = m_isOpen ? m_terminal.masterDescriptor() : -1; // else it is hung up
+        std::array<pollfd, 4> polled{{{endDescriptor, POLLIN, 0},
                                       {m_device.descriptor(), deviceEvents, 0},
-                                      {m_terminal.masterDescriptor(), programEvents, 0}}};
+                                      {master, programEvents, 0},
+                                      {m_terminal.programsDescriptor(), POLLIN, 0}}};
         if (poll(polled.data(), polled.size(), timeoutMs()) < 0 && errno != EINTR) {
             m_errorText = QStringLiteral("poll failed");
             return false;
@@ -104,13 +106,13 @@ bool Tap::run(int endDescriptor)
             m_nextTry =
                 std::max(m_nextTry, now + (now >= m_nextTry ? kTryInterval : Milliseconds(0)));
         } else {
+            lookForPrograms();
             if (polled[2].revents != 0)
-                carryToBoard();
+                static_cast<void>(carryToBoard());
             const bool isThere = (polled[1].revents == 0 || carryFromBoard()) && writeOut();
             if (!isThere)
                 lose(Clock::now());
         }
-        m_listener.step(Clock::now());
     }
 }
 
@@ -122,34 +124,50 @@ void Tap::close()
 
 bool Tap::openTerminal()
 {
-    if (m_terminal.open(m_linkPath))
+    if (m_terminal.open(m_linkPath)) {
+        if (m_unheard == Unheard::Dropped)
+            m_terminal.watchPrograms();
+        m_isOpen = m_terminal.isOpen();
         return true;
+    }
     m_errorText = m_terminal.errorText();
     return false;
 }
 
 int Tap::timeoutMs() const
 {
-    std::optional<TimePoint> next = m_listener.deadline();
-    if (m_device.descriptor() < 0)
-        next = sooner(next, m_nextTry);
-    if (!next)
+    if (m_device.descriptor() >= 0)
         return -1;
-    const auto left = std::chrono::ceil<Milliseconds>(*next - Clock::now()).count();
-    return static_cast<int>(std::clamp<qint64>(left, 0, kMaxWaitMs));
+    const auto left = std::chrono::ceil<Milliseconds>(m_nextTry - Clock::now()).count();
+    return static_cast<int>(std::max<qint64>(left, 0));
 }
 
-void Tap::carryToBoard()
+/// A program that closes the line leaves nothing for the next one.
+void Tap::lookForPrograms()
+{
+    const bool wasOpen = std::exchange(m_isOpen, m_terminal.isOpen());
+    if (!wasOpen || m_isOpen)
+        return;
+    while (carryToBoard()) { }
+    const int count = m_toProgram.size() + m_terminal.dropUnread();
+    m_toProgram.clear();
+    if (count > 0)
+        m_listener.bytesUnread(Clock::now(), count);
+}
+
+/// False when there was nothing to carry.
+bool Tap::carryToBoard()
 {
     QByteArray bytes;
     if (m_toDevice.size() >= kMaxWaiting
         || readSome(m_terminal.masterDescriptor(), bytes) != Input::Bytes)
-        return;
+        return false;
     m_toDevice += bytes;
     // Before the listener, which takes its time.
     const bool isWritten = writeSome(m_device.descriptor(), m_toDevice);
     m_listener.bytesPassed(Clock::now(), true, bytes);
     static_cast<void>(isWritten); // a device that has gone is found by reading
+    return true;
 }
 
 bool Tap::carryFromBoard()
@@ -158,6 +176,10 @@ bool Tap::carryFromBoard()
     const Input input = readSome(m_device.descriptor(), bytes);
     if (input != Input::Bytes)
         return input == Input::Nothing;
+    if (!m_isOpen) {
+        m_listener.bytesUnheard(Clock::now(), bytes);
+        return true;
+    }
     m_toProgram += bytes;
     static_cast<void>(writeSome(m_terminal.masterDescriptor(), m_toProgram));
     const TimePoint now = Clock::now();

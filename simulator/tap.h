@@ -14,19 +14,24 @@ class LineListener {
 public:
     virtual ~LineListener() = default;
     virtual void bytesPassed(TimePoint now, bool toBoard, const QByteArray &bytes) = 0;
+    /// Bytes from the board while no program has the line open. They do not go on.
+    virtual void bytesUnheard(TimePoint now, const QByteArray &bytes) = 0;
     virtual void deviceGone(TimePoint now) = 0;
     virtual void deviceReturned(TimePoint now) = 0;
     /// Bytes for a program that does not read them; they went over the line, but not on.
     virtual void bytesUnread(TimePoint now, qint64 count) = 0;
-    /// Called when deadline() has come.
-    virtual void step(TimePoint now) = 0;
-    virtual std::optional<TimePoint> deadline() const = 0;
 };
 
 /// Carries the bytes between a serial device and a pseudo-terminal, unchanged, in both directions.
 class Tap {
 public:
-    Tap(QString device, QString linkPath, LineListener &listener);
+    /// What the board sends while no program has the line open.
+    enum class Unheard {
+        Kept,    ///< for the next program, as a pseudo-terminal does
+        Dropped, ///< as a serial port does
+    };
+
+    Tap(QString device, QString linkPath, Unheard unheard, LineListener &listener);
 
     /// Opens the device, then the pseudo-terminal and its link. False on failure, see errorText().
     [[nodiscard]] bool open();
@@ -46,16 +51,19 @@ public:
 private:
     bool openTerminal();
     int timeoutMs() const;
-    void carryToBoard();
+    void lookForPrograms();
+    bool carryToBoard();
     bool carryFromBoard();
     bool writeOut();
     void lose(TimePoint now);
 
     const QString m_devicePath;
     const QString m_linkPath;
+    const Unheard m_unheard;
     LineListener &m_listener;
     SerialDevice m_device;
     PseudoTerminal m_terminal;
+    bool m_isOpen = true;   // by a program; where bytes are kept, always
     QByteArray m_toDevice;  // read, not yet written
     QByteArray m_toProgram; // as well
     TimePoint m_nextTry{};  // to open a device that has gone

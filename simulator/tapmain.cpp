@@ -1,5 +1,6 @@
 #include "eventwriter.h"
 #include "followedfile.h"
+#include "linequeue.h"
 #include "linewatch.h"
 #include "program.h"
 #include "recordingview.h"
@@ -8,10 +9,14 @@
 
 #include <QCoreApplication>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <future>
 #include <memory>
 #include <sys/signalfd.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace boardsim;
@@ -19,15 +24,30 @@ using namespace boardsim;
 namespace {
 
 constexpr const char *kName = "boardtap";
+constexpr std::chrono::seconds kTimeToTell{10}; // what has happened before the end
 const QString kVersion = QStringLiteral(BOARDTAP_VERSION);
 
-/// Keeps the first failure to write. The line goes on: a full disk must not stop an update.
-class FileWriter {
+/// A file that grows until it cannot. A line that is watched goes on then: a full disk must not
+/// stop an update.
+class GrowingFile {
 public:
-    bool open(const QString &path)
+    explicit GrowingFile(bool isOfALine)
+        : m_isOfALine(isOfALine)
     {
+    }
+
+    bool openTranscript(const QString &path)
+    {
+        m_name = path == QLatin1String("-") ? QStringLiteral("standard output") : path;
+        return openOutput(m_file, path);
+    }
+
+    bool openRecording(const QString &path)
+    {
+        m_name = path;
+        m_isRecording = true;
         m_file.setFileName(path);
-        if (!m_file.open(QIODevice::WriteOnly))
+        if (!m_file.open(QIODevice::WriteOnly | QIODevice::Unbuffered))
             return false;
         markAsWritten(m_file.handle());
         return true;
@@ -35,20 +55,54 @@ public:
 
     void write(const QByteArray &text)
     {
-        const bool isWritten = m_file.write(text) == text.size() && m_file.flush();
-        if (isWritten || m_hasFailed)
+        if (m_isStopped)
             return;
-        m_hasFailed = true;
-        static_cast<void>(fail(kName, Failed,
-                               QStringLiteral("cannot write %1: %2; the line goes on")
-                                   .arg(m_file.fileName(), m_file.errorString())));
+        errno = 0;
+        if (m_isRecording && m_size + text.size() > kMaxRecordingSize)
+            stop(QStringLiteral("no recording is longer"));
+        else if (writeAll(text) && m_file.flush())
+            m_size += text.size();
+        else
+            stop(m_file.errorString());
     }
 
     bool hasFailed() const { return m_hasFailed; }
 
 private:
+    /// The disk may have room for a part: the rest tells why there is no more.
+    bool writeAll(const QByteArray &text)
+    {
+        qint64 done = 0;
+        while (done < text.size()) {
+            const qint64 count = m_file.write(text.constData() + done, text.size() - done);
+            if (count <= 0)
+                return false;
+            done += count;
+        }
+        return true;
+    }
+
+    void stop(const QString &why)
+    {
+        m_isStopped = true;
+        m_hasFailed = errno != EPIPE; // a reader who has gone wants no more
+        if (m_hasFailed)
+            static_cast<void>(
+                fail(kName, Failed,
+                     QStringLiteral("cannot write %1: %2").arg(m_name, why)
+                         + (m_isOfALine ? QStringLiteral("; the line goes on") : QString())));
+        // Half a record would make the recording unreadable.
+        if (m_isRecording)
+            static_cast<void>(m_file.resize(m_size));
+    }
+
     QFile m_file;
+    QString m_name;
+    const bool m_isOfALine;
+    bool m_isRecording = false;
+    bool m_isStopped = false;
     bool m_hasFailed = false;
+    qint64 m_size = 0;
 };
 
 /// Tells the user what the transcript may not show them.
@@ -105,7 +159,7 @@ int finish(const TapCommandLine &line, const Report &report)
     return report.violations.isEmpty() ? Good : Violated;
 }
 
-int read(const TapCommandLine &line, const LineSink &sink)
+int read(const TapCommandLine &line, GrowingFile &transcript, const LineSink &sink)
 {
     QString error;
     const auto recording = readRecording(line.readFile, error);
@@ -135,10 +189,41 @@ int read(const TapCommandLine &line, const LineSink &sink)
         if (!file.open(QIODevice::WriteOnly) || file.write(image) != image.size() || !file.flush())
             return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.imageFile));
     }
-    return finish(line, report);
+    const int status = finish(line, report);
+    return transcript.hasFailed() ? Failed : status;
 }
 
-int watch(const TapCommandLine &line, const LineSink &sink, sigset_t endSignals)
+/// Carries until a signal ends it, on a thread of its own, and tells the watch meanwhile. False
+/// when the line has failed. What cannot be told in time after the end is given up: a terminal that
+/// is held, or a reader of the transcript that does not read.
+bool carry(Tap &tap, int endDescriptor, LineQueue &queue, LineWatch &watch)
+{
+    bool isGood = false;
+    std::promise<void> told;
+    std::thread line([&tap, &queue, &isGood, endDescriptor, isTold = told.get_future()] {
+        isGood = tap.run(endDescriptor);
+        tap.close();
+        queue.end();
+        if (isTold.wait_for(kTimeToTell) == std::future_status::ready)
+            return;
+        static_cast<void>(
+            fail(kName, Failed, QStringLiteral("nobody reads the transcript: its end is lost")));
+        std::_Exit(Failed);
+    });
+    while (!queue.isAtEnd()) {
+        if (const LineQueue::Event event = queue.take(watch.deadline()))
+            event(watch);
+        else
+            watch.step(Clock::now());
+    }
+    watch.end(Clock::now(), QStringLiteral("end of the watch"));
+    told.set_value();
+    line.join();
+    return isGood;
+}
+
+int watch(const TapCommandLine &line, GrowingFile &transcript, const LineSink &sink,
+          sigset_t endSignals)
 {
     const TimePoint start = Clock::now();
     Report report;
@@ -155,12 +240,15 @@ int watch(const TapCommandLine &line, const LineSink &sink, sigset_t endSignals)
     }
     if (line.summaryFile.isEmpty())
         watch.keepNoEvents();
-    Tap tap(line.device, line.link, watch);
+    LineQueue queue;
+    const Tap::Unheard unheard =
+        isPseudoTerminal(line.device) ? Tap::Unheard::Kept : Tap::Unheard::Dropped;
+    Tap tap(line.device, line.link, unheard, queue);
     if (!tap.open())
         return fail(kName, Failed, tap.errorText());
-    FileWriter recording;
+    GrowingFile recording(true);
     if (!line.recordFile.isEmpty()) {
-        if (!recording.open(line.recordFile))
+        if (!recording.openRecording(line.recordFile))
             return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.recordFile));
         recording.write(recordingHead(kLineSpeed, kVersion));
         watch.record([&recording](const QByteArray &text) { recording.write(text); });
@@ -175,16 +263,14 @@ int watch(const TapCommandLine &line, const LineSink &sink, sigset_t endSignals)
                    .arg(line.device)
                    .arg(kLineSpeed)
                    .arg(line.link));
-    const bool isGood = tap.run(end);
-    tap.close();
-    watch.end(Clock::now(), QStringLiteral("end of the watch"));
+    const bool isGood = carry(tap, end, queue, watch);
     if (view)
         view->end(Clock::now(), QStringLiteral("end of the watch"));
     close(end);
     const int status = finish(line, report);
     if (!isGood)
         return fail(kName, Failed, tap.errorText());
-    return recording.hasFailed() ? Failed : status;
+    return recording.hasFailed() || transcript.hasFailed() ? Failed : status;
 }
 
 int view(const TapCommandLine &line, const LineSink &sink, sigset_t endSignals)
@@ -211,20 +297,21 @@ int run(const TapCommandLine &line)
     const sigset_t endSignals = blockEndSignals();
     if (!line.summaryFile.isEmpty() && !isInWritableDirectory(line.summaryFile))
         return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.summaryFile));
-    QFile transcript;
+    const bool isWatching = line.action == TapCommandLine::Action::Watch;
+    GrowingFile transcript(isWatching);
     LineSink sink;
     if (!line.transcriptFile.isEmpty()) {
-        if (!openOutput(transcript, line.transcriptFile))
+        if (!transcript.openTranscript(line.transcriptFile))
             return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.transcriptFile));
-        sink = sinkTo(transcript);
+        sink = [&transcript](const QByteArray &text) { transcript.write(text + '\n'); };
     }
     switch (line.action) {
     case TapCommandLine::Action::Read:
-        return read(line, sink);
+        return read(line, transcript, sink);
     case TapCommandLine::Action::View:
         return view(line, sink, endSignals);
     default:
-        return watch(line, sink, endSignals);
+        return watch(line, transcript, sink, endSignals);
     }
 }
 

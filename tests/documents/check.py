@@ -53,6 +53,7 @@ COMMANDS = {
     "scripts/demo": "builds, and takes a minute; its steps are the tests tst_update.*",
     "scripts/explain": "needs the console of a machine; the tests `tst_explain.*` run it on many",
     "scripts/faults": "the test `faults` runs the whole table, `faults_page` checks the page",
+    "scripts/interop": "boots an emulator, and takes minutes; run after a change to the transfer",
     "scripts/lint": "the tests `lint.*` run its quick checks; clang-tidy takes minutes",
     "python3 tests/rehearsal/run_sets.py": "the test `rehearsal_sets` runs all of them",
     "scripts/package --qt 6": "builds for ARM in a build root that takes minutes to make; run before a release",

@@ -9,7 +9,10 @@
 #include <QtTest>
 
 #include <csignal>
+#include <fcntl.h>
 #include <memory>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace boardsim;
@@ -53,6 +56,10 @@ private slots:
     void deviceWithoutRightsIsSaid();
     void existingFileIsNoLink();
     void fullDiskDoesNotStopTheLine();
+    void fullDiskOfTheTranscriptIsSaid();
+    void fullDiskOfAReadRecordingIsSaid();
+    void fullDiskLeavesWholeRecords();
+    void readerWhoDoesNotReadHoldsUpNothing();
     void recordingIsRead();
     void eventsAreLinesOfJson();
     void brokenRecordingIsRefused();
@@ -312,6 +319,74 @@ void TestBoardTap::fullDiskDoesNotStopTheLine()
     QCOMPARE(program.errorOutput(),
              QByteArray("boardtap: cannot write /dev/full: No space left on device; the line goes "
                         "on\n"));
+}
+
+void TestBoardTap::fullDiskOfTheTranscriptIsSaid()
+{
+    TestBoard board;
+    BoardProgram program(
+        watch(board.slaveName(), {QStringLiteral("--transcript"), QStringLiteral("/dev/full")}));
+    QVERIFY(!program.waitUntilReady().isEmpty());
+    QCOMPARE(program.end(), 3);
+    QCOMPARE(program.errorOutput(),
+             QByteArray("boardtap: cannot write /dev/full: No space left on device; the line goes "
+                        "on\n"));
+}
+
+void TestBoardTap::fullDiskOfAReadRecordingIsSaid()
+{
+    QFile file(path("recording"));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(recordingHead(kLineSpeed, QStringLiteral("1")) + "0.100 <- 43\n");
+    file.close();
+    BoardProgram program({QStringLiteral("--read"), path("recording"),
+                          QStringLiteral("--transcript"), QStringLiteral("/dev/full")});
+    QCOMPARE(program.waitForEnd(), 3);
+    QCOMPARE(program.errorOutput(),
+             QByteArray("boardtap: cannot write /dev/full: No space left on device\n"));
+}
+
+void TestBoardTap::fullDiskLeavesWholeRecords()
+{
+    constexpr rlim_t kRoom = 200; // bytes: the head and the version query, but not its reply
+    TestBoard board;
+    rlimit before{};
+    QCOMPARE(getrlimit(RLIMIT_FSIZE, &before), 0);
+    const rlimit small{kRoom, before.rlim_max};
+    std::signal(SIGXFSZ, SIG_IGN); // inherited, as the limit is
+    QCOMPARE(setrlimit(RLIMIT_FSIZE, &small), 0);
+    BoardProgram program(watch(board.slaveName(), {QStringLiteral("--record"), path("recording")}));
+    QCOMPARE(setrlimit(RLIMIT_FSIZE, &before), 0);
+    QVERIFY(!program.waitUntilReady().isEmpty());
+    AssistantLine line(path("line"));
+    QCOMPARE(line.exchange(goodVersionQuery(), 36).size(), 36);
+    QCOMPARE(program.end(), 3);
+    QVERIFY(program.errorOutput().contains("File too large; the line goes on\n"));
+    QString error;
+    const auto recording = readRecording(path("recording"), error);
+    QVERIFY2(recording, qPrintable(error));
+    QCOMPARE(recording->records.size(), 1);
+    QCOMPARE(recording->records.first().bytes, goodVersionQuery());
+}
+
+void TestBoardTap::readerWhoDoesNotReadHoldsUpNothing()
+{
+    const QByteArray fifo = QFile::encodeName(path("fifo"));
+    QCOMPARE(mkfifo(fifo.constData(), 0600), 0);
+    const int reader = open(fifo.constData(), O_RDWR | O_CLOEXEC);
+    QVERIFY(reader >= 0);
+    TestBoard board;
+    BoardProgram program(watch(board.slaveName(), {QStringLiteral("--transcript"), path("fifo")}));
+    QVERIFY(!program.waitUntilReady().isEmpty());
+    AssistantLine line(path("line"));
+    // Each makes 300 bytes of transcript; a FIFO takes 64 KiB.
+    for (int i = 0; i < 400; ++i)
+        QCOMPARE(line.exchange(goodVersionQuery(), 36).size(), 36);
+    QCOMPARE(program.end(), 3);
+    QCOMPARE(program.errorOutput(),
+             QByteArray("boardtap: nobody reads the transcript: its end is lost\n"));
+    QVERIFY(!QFileInfo(path("line")).isSymLink());
+    close(reader);
 }
 
 void TestBoardTap::recordingIsRead()
