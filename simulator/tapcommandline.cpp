@@ -45,6 +45,8 @@ const QVector<Row> &optionTable()
         {"events", "FILE",
          "Where each frame of the recording goes as a line of JSON (\"-\": standard output).",
          &TapCommandLine::eventsFile, QStringLiteral("r")},
+        {"html", "FILE", "Where scripts/draw-recording makes a page of the recording.",
+         &TapCommandLine::htmlFile, QStringLiteral("r")},
         {"transcript", "FILE", "Where the readable transcript goes (\"-\": standard output).",
          &TapCommandLine::transcriptFile, QStringLiteral("rvw")},
         {"hex", "STYLE", "Bytes of long frames in the transcript: full or short.", nullptr,
@@ -69,7 +71,7 @@ QString readOutputs(TapCommandLine &line)
     const bool isDrawing = !line.viewFile.isEmpty();
     if (isWatching && isDrawing && line.viewFile != output)
         return QStringLiteral("with a device, --view takes - only: its line");
-    const bool isTaken = isDrawing || line.eventsFile == output;
+    const bool isTaken = isDrawing || line.eventsFile == output || !line.htmlFile.isEmpty();
     if (isTaken && line.transcriptFile == output)
         return QStringLiteral("standard output cannot have the transcript, too");
     if (!isTaken && line.transcriptFile.isEmpty())

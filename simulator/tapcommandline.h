@@ -24,6 +24,7 @@ struct TapCommandLine {
     QString viewFile;       // "-": standard input or, with a device, the line; empty: no view
     QString transcriptFile; // "-": standard output; empty: none
     QString eventsFile;     // as well
+    QString htmlFile;       // empty: no page
     QString summaryFile;
     QString recordFile;
     QString imageFile;

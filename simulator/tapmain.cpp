@@ -159,6 +159,20 @@ int finish(const TapCommandLine &line, const Report &report)
     return report.violations.isEmpty() ? Good : Violated;
 }
 
+/// Becomes scripts/draw-recording. Returns only when that fails.
+int drawPage(const TapCommandLine &line)
+{
+    const QByteArray recording = QFile::encodeName(line.readFile);
+    const QByteArray page = QFile::encodeName(line.htmlFile);
+    sigset_t none; // undoes blockEndSignals()
+    sigemptyset(&none);
+    pthread_sigmask(SIG_SETMASK, &none, nullptr);
+    std::signal(SIGPIPE, SIG_DFL);
+    execl(BOARDTAP_DRAW, BOARDTAP_DRAW, "--build", BOARDTAP_BUILD, "--", recording.constData(),
+          page.constData(), nullptr);
+    return fail(kName, Failed, QStringLiteral("cannot run " BOARDTAP_DRAW));
+}
+
 int read(const TapCommandLine &line, GrowingFile &transcript, const LineSink &sink)
 {
     QString error;
@@ -190,7 +204,9 @@ int read(const TapCommandLine &line, GrowingFile &transcript, const LineSink &si
             return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.imageFile));
     }
     const int status = finish(line, report);
-    return transcript.hasFailed() ? Failed : status;
+    if (transcript.hasFailed())
+        return Failed;
+    return line.htmlFile.isEmpty() ? status : drawPage(line);
 }
 
 /// Carries until a signal ends it, on a thread of its own, and tells the watch meanwhile. False

@@ -224,6 +224,16 @@ def faultsAreOneSentence(folder):
         assert not page.exists()
 
 
+def tapMakesThePage(folder):
+    recording, page = RECORDINGS / "boardsim-update.recording", folder / "tap.html"
+    boardtap = [pathlib.Path(os.environ["BUILD"]) / "simulator/boardtap", "--read", recording, "--html"]
+    done = subprocess.run([*boardtap, page], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
+    assert (done.returncode, done.stdout.decode()) == (0, f"{page}\n"), done
+    assert page.read_bytes() == drawn(folder, recording).read_bytes()
+    done = subprocess.run([*boardtap, folder / "no/page.html"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
+    assert (done.returncode, len(done.stdout.splitlines())) == (2, 1), done
+
+
 # In the browser
 
 def updateInTheBrowser(folder):
