@@ -23,7 +23,7 @@ from boardcheck import requirements
 from boardcheck.judgement import NOT_MET
 from parallel import run_all
 
-CHECKS_PER_CORE = 8  # a check mostly waits for the serial line
+CHECKS_PER_CORE = 4  # a check mostly waits for the serial line, but starts several machines
 LONGEST_S = 150
 FIRMWARE_SIZE = 2500  # three blocks, the last one not full
 # As for the fault table: no `C` comes before the reply to the start command has been read, nor a second one with it.
