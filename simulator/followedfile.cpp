@@ -68,7 +68,7 @@ FollowedFile::Input FollowedFile::read(QByteArray &bytes)
 {
     // Asked before the file is read: what is written between the two is read the next time.
     const bool isWritten = !m_isStream && isBeingWritten(m_descriptor);
-    std::array<char, 64 * 1024> buffer{};
+    std::array<char, 65536> buffer{};
     const ssize_t count = ::read(m_descriptor, buffer.data(), buffer.size());
     if (count < 0 && (errno == EINTR || errno == EAGAIN))
         return Input::Nothing;

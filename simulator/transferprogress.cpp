@@ -78,7 +78,7 @@ double TransferProgress::blocksPerSecond(TimePoint now) const
         return 0;
     const TimePoint last = m_blockTimes.back();
     const bool isOver = transfer().eotReceived;
-    const double count =
+    const auto count =
         static_cast<double>(isOver ? m_blocks - 1 : static_cast<qint64>(m_blockTimes.size()) - 1);
     const double seconds = isOver ? secondsOf(last - m_firstBlock)
                                   : secondsOf(std::max(now, last) - m_blockTimes.front());
@@ -100,7 +100,7 @@ std::optional<std::chrono::seconds> TransferProgress::timeLeft(TimePoint now) co
 QString durationText(std::chrono::milliseconds duration, int decimals)
 {
     const qint64 ms = duration.count();
-    if (ms < 60 * 1000)
+    if (ms < 60000)
         return QStringLiteral("%1 s").arg(static_cast<double>(ms) / 1000, 0, 'f', decimals);
     const qint64 seconds = ms / 1000;
     return QStringLiteral("%1 min %2 s")
