@@ -26,7 +26,7 @@ FIT, NOT_FIT, INTERRUPTED = 0, 1, 130
 PROGRAM_END_S = 15  # longer than the program waits for a silent board in a transfer
 WAITING_S = 3  # after a reply, until the program is known to wait on
 TRY_S = 5  # for each query to a new application
-MACHINE_S = 60  # for the start of the simulated machine
+MACHINE_S = 120  # for the start of the simulated machine
 MOST_REMARKS = 8
 BLOCK = re.compile(r"block (\d+) of (\d+),")
 

@@ -117,7 +117,7 @@ class Judgement:
         """Returns whether the board has taken all frames."""
         frames = [one for one in exchange.requests() if one.meaning.startswith(FRAMES)]
         if not frames:
-            if not exchange.gone:
+            if exchange.events and not exchange.gone:
                 others = [one.meaning for one in exchange.replies(exchange.requests()[0]) if "start command" not in one.meaning]
                 self.not_met("request", f"no 'C' came, but: {others[0]}" if others else "no 'C' came")
             return False

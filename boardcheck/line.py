@@ -144,6 +144,8 @@ class Line:
         self.settle()
         if machine.returncode == OWN_FAULT and not self._tap.has_gone:
             raise HostError(text_of(self._errors).strip().removeprefix("sandbox/run: "))
+        if exchange.given_up and not exchange.events:
+            raise HostError("the simulated machine sends nothing: this host is too busy")
         return exchange
 
     def settle(self):
