@@ -26,6 +26,7 @@ FIT, NOT_FIT, INTERRUPTED = 0, 1, 130
 PROGRAM_END_S = 15  # longer than the program waits for a silent board in a transfer
 WAITING_S = 3  # after a reply, until the program is known to wait on
 TRY_S = 5  # for each query to a new application
+LEAST_TRIES = 2  # however long a machine takes to start: what is left of the transfer may spoil the first
 MACHINE_S = 120  # for the start of the simulated machine
 MOST_REMARKS = 8
 BLOCK = re.compile(r"block (\d+) of (\d+),")
@@ -132,11 +133,10 @@ class Check:
 
     def _ask_again(self):
         """The new application needs time to start, and a query that comes before is lost."""
-        until = time.monotonic() + self._given.limit
-        text = None
-        while not text and time.monotonic() < until and not self._tap.has_gone:
+        until, tries, text = time.monotonic() + self._given.limit, 0, None
+        while not text and not self._tap.has_gone and (tries < LEAST_TRIES or time.monotonic() < until):
             exchange = self._call("new application", "version", patience=self._for_a_try)
-            text = exchange.results.get("version")
+            text, tries = exchange.results.get("version"), tries + 1
             yield exchange
 
     def _call(self, what, *names, patience):

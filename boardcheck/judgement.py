@@ -6,6 +6,7 @@ from urllib.parse import unquote
 
 MET, NOT_MET, NOT_SEEN = "met", "not met", "not seen"
 REPLY_WINDOW_S = 2.1  # in which the program reads the reply to the start command
+TRANSFER_WAIT_S = 11  # the longest time in which the program reads a reply in the transfer
 FRAMES = ("start frame", "block ", "EOT", "end frame", "further end frame")  # of a transfer
 
 
@@ -134,10 +135,10 @@ class Judgement:
         self.met(*names)
         replies = exchange.replies(end)
         further = [one for frame in frames[frames.index(end) + 1:] for one in exchange.replies(frame)]  # to frames sent early
-        if any(map(asks, [*replies, *further])):
+        if any(asks(one) and one.seconds <= end.seconds + TRANSFER_WAIT_S for one in [*replies, *further]):
             self.met("end-reply")
         else:
-            self.not_met("end-reply", faults_of(replies) or "nothing came")
+            self.not_met("end-reply", faults_of(replies) or "nothing came in time")
         if exchange.given_up:
             self.not_met("silent-end", "bytes came again and again")
         else:
