@@ -24,8 +24,8 @@ from machine import Machine, paths
 U_BOOT = "/usr/lib/u-boot/qemu_arm/u-boot.bin"
 MEMORY = 0x50000000
 BLOCK = 1024
-PROMPT = rb"\n=> $"
 WAIT_S = 300
+TRY_S = 10
 
 # The clock of U-Boot counts instructions, 8 ns each: a busy host slows it. By the host's clock, loady loses patience:
 # it waits 2 s for a byte, and a busy host takes as long to hand over the 16 bytes of the emulated serial port.
@@ -44,6 +44,7 @@ class Board:
              "-monitor", "none", "-nic", "none", "-bios", U_BOOT, "-serial", "stdio"], stdin=theirs, stdout=theirs)
         theirs.close()
         self._said = b""
+        self._commands = 0
         self._line, self._device = os.openpty()
         tty.setraw(self._device)
         device.symlink_to(os.ttyname(self._device))
@@ -51,7 +52,7 @@ class Board:
 
     def __enter__(self):
         self._await(rb"Hit any key")
-        self.run("")
+        self.await_prompt()
         return self
 
     def __exit__(self, *_):
@@ -62,13 +63,30 @@ class Board:
         os.close(self._line)
         os.close(self._device)
 
-    def run(self, command, until=PROMPT):
+    def run(self, command):
         """Returns what U-Boot says."""
-        self._port.sendall(command.encode() + b"\r")
-        return self._await(until)
+        self._commands += 1
+        self._port.sendall(f"{command}; echo end-{self._commands}\r".encode())
+        return self._await(rb"\nend-%d\r\n=> " % self._commands)
 
-    def _await(self, pattern):
-        end = time.monotonic() + WAIT_S
+    def start_loady(self):
+        self._port.sendall(b"loady %x\r" % MEMORY)
+        self._await(rb"bps\.\.\.\r\n")
+
+    def await_prompt(self):
+        """loady drops for some seconds what comes after its end."""
+        for _ in range(WAIT_S // TRY_S):
+            try:
+                self._commands += 1
+                self._port.sendall(b"\recho end-%d\r" % self._commands)
+                self._await(rb"\nend-%d\r\n=> " % self._commands, TRY_S)
+                return
+            except TimeoutError:
+                pass
+        raise TimeoutError("U-Boot does not end loady")
+
+    def _await(self, pattern, seconds=WAIT_S):
+        end = time.monotonic() + seconds
         while not (match := re.search(pattern, self._said)):
             if not select.select([self._port], [], [], max(0, end - time.monotonic()))[0]:
                 raise TimeoutError(f"U-Boot does not say {pattern}: {self._said[-200:]}")
@@ -102,13 +120,17 @@ def send(machine, board, row):
     paths.FIRMWARE.parent.mkdir(parents=True, exist_ok=True)
     paths.FIRMWARE.write_bytes(firmware_of(row))
     board.run("setenv filesize")
-    board.run(f"loady {MEMORY:x}", until=rb"bps\.\.\.\r\n")
     machine.tap.start(paths.BOARD_DEVICE)
-    with subprocess.Popen([machine.build / "tests/recordings/bridgecalls", "transfer"], env=machine.environment,
-                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True) as program:
+    with subprocess.Popen(["stdbuf", "-oL", machine.build / "tests/recordings/bridgecalls", "transfer"],
+                          env=machine.environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE) as program:
+        # Now: the program drops what comes before it waits, and then waits no longer than 10 s.
+        while b"waiting for updating" not in program.stdout.readline():
+            pass
+        board.start_loady()
         board.carry(program, row.get("lost"))
-        result = re.search(r"^transfer: (-?\d+)$", program.stdout.read(), re.MULTILINE)[1]
+        result = re.search(rb"^transfer: (-?\d+)$", program.stdout.read(), re.MULTILINE)[1].decode()
     machine.tap.stop()
+    board.await_prompt()
     size = re.search(rb"filesize=([0-9a-f]+)", board.run("printenv filesize"))
     if not size:
         return result, 0, 0
@@ -118,8 +140,12 @@ def send(machine, board, row):
 
 def is_met(machine, row, folder):
     """Prints the line of a row; returns whether U-Boot has what it must have."""
-    with Board(machine.tap.device, ON_TIME if "lost" in row else PATIENT) as board:
-        result, received, crc = send(machine, board, row)
+    try:
+        with Board(machine.tap.device, ON_TIME if "lost" in row else PATIENT) as board:
+            result, received, crc = send(machine, board, row)
+    except TimeoutError as error:
+        print(f"     {error}")
+        result, received, crc = "none", 0, 0
     size = row["size"]
     name = f"loady-{size:x}"
     shutil.copy(machine.tap.recording, folder / f"{name}.recording")
