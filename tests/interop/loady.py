@@ -27,10 +27,11 @@ BLOCK = 1024
 WAIT_S = 300
 TRY_S = 10
 
-# The clock of U-Boot counts instructions, 8 ns each: a busy host slows it. By the host's clock, loady loses patience:
-# it waits 2 s for a byte, and a busy host takes as long to hand over the 16 bytes of the emulated serial port.
-PATIENT = "shift=3"
-ON_TIME = "shift=auto"  # but the program waits 10 s, and loady takes 4 s to refuse a block
+# loady waits 2 s for a byte, and the program sends each frame a second after the reply. The clock of U-Boot counts
+# instructions, 1 ns each: no host is as fast, so loady waits longer than 2 s. With more for an instruction, a fast host
+# makes loady lose patience; by the host's clock, a busy one does, which hands over 16 bytes at a time.
+PATIENT = "shift=0"
+ON_TIME = "shift=auto"  # the host's clock: the program waits 10 s, and loady takes 4 s to refuse a block
 LOOK_S = 0.2
 
 
