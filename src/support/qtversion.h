@@ -26,7 +26,7 @@ inline QNetworkRequest requestOf(const QUrl &url)
     QNetworkRequest request(url);
 #if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
     // Both are the defaults of Qt 5. Qt 5.12 has no attribute of the second name.
-    // (tst_downloadredirect::redirectIsFollowed; no test has the TLS server that HTTP/2 needs)
+    // (tst_downloadredirect::redirectIsFollowed, tst_downloadstart::secureRequestOffersNoHttp2)
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
                          QNetworkRequest::ManualRedirectPolicy);
     request.setAttribute(QNetworkRequest::Http2AllowedAttribute, false);

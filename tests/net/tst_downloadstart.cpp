@@ -3,6 +3,9 @@
 
 #include <QQmlComponent>
 #include <QQmlEngine>
+#include <QSslSocket>
+#include <QTcpServer>
+#include <QTcpSocket>
 
 /// Which start makes which requests, and of what.
 class TestDownloadStart : public DownloadTest {
@@ -17,6 +20,7 @@ private slots:
     void startDuringATransferReplacesIt();
     void engineMakesAnObjectThatDownloads();
     void requestIsMadeOfTheUrlAlone();
+    void secureRequestOffersNoHttp2();
     void invalidUrlGoesToTheLibrary();
     void destinationIsAPathOrAFileUrl_data();
     void destinationIsAPathOrAFileUrl();
@@ -173,6 +177,27 @@ void TestDownloadStart::requestIsMadeOfTheUrlAlone()
     QCOMPARE(m_server->requests().at(0).method, QByteArray("GET"));
     QCOMPARE(m_server->requests().at(0).headers, m_server->requests().at(1).headers);
     QCOMPARE(m_server->requests().at(0).body, QByteArray());
+}
+
+void TestDownloadStart::secureRequestOffersNoHttp2()
+{
+    if (!QSslSocket::supportsSsl())
+        QSKIP("this Qt has no TLS");
+    QTcpServer server;
+    QVERIFY(server.listen(QHostAddress::LocalHost));
+    Download download;
+    download.startOnce(QUrl(QStringLiteral("https://127.0.0.1:%1/a").arg(server.serverPort())));
+    AWAIT(server.hasPendingConnections());
+    QTcpSocket *connection = server.nextPendingConnection();
+
+    // The first TLS record names the protocols that may follow.
+    constexpr int kHeader = 5;
+    AWAIT(connection->bytesAvailable() > kHeader);
+    const QByteArray header = connection->peek(kHeader);
+    AWAIT(connection->bytesAvailable() >= kHeader + (uchar(header[3]) << 8 | uchar(header[4])));
+    const QByteArray hello = connection->readAll();
+    QCOMPARE(hello.front(), '\x16');
+    QVERIFY(!hello.contains(QByteArray("\x02h2", 3)));
 }
 
 void TestDownloadStart::invalidUrlGoesToTheLibrary()
