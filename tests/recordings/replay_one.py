@@ -15,6 +15,7 @@ PROJECT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(PROJECT / "sandbox"))
 
 from machine import Machine, paths
+from machine.processes import EMULATOR
 from machine.watch import await_, text_of
 
 CALLS = {  # by the frame that begins it
@@ -30,7 +31,7 @@ HOLDS_S = 1  # in which the program sends nothing after the end
 def put_firmware(build, recording):
     """Puts the firmware in the recording where the program finds it. Blocks that were never sent are zeros."""
     summary, image = paths.STATE / "summary.json", paths.STATE / "image"
-    transcript = subprocess.run([build / "simulator/boardtap", "--read", recording, "--hex", "short",
+    transcript = subprocess.run([*EMULATOR, build / "simulator/boardtap", "--read", recording, "--hex", "short",
                                  "--summary", summary, "--image", image],
                                 stdout=subprocess.PIPE, text=True, check=False).stdout
     transfers = json.loads(text_of(summary))["transfers"]
