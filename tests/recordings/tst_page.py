@@ -95,6 +95,18 @@ def brokenFrameLacksItsEnd(folder):
     title, fields = unfolded("->", "broken frame", b"\x02\x01\xfe" + bytes(500), ["frame broke off after 503 of 1029 bytes"])
     assert title.startswith("block 1"), title
     assert fields[-2:] == [(3, 1024, "00 ...", "data"), (1027, 2, "", "CRC of the payload")], fields
+    for payload, kind, rows in (
+            (b"", "start frame", [(3, 0, "", "file name"), (3, 1, "", "end of the name")]),
+            (b"a.b", "start frame", [(3, 3, "61 2e 62", "file name"), (6, 1, "", "end of the name")]),
+            (b"a\x0005", "start frame", [(3, 1, "61", "file name"), (4, 1, "00", "end of the name"),
+                                      (5, 2, "30 35", "size in lower-case hexadecimal digits: 5dc")]),
+            (b"\0\0", "end frame", [(3, 128, "00 ...", "no file name: there is no further file")])):
+        frame = b"\x01\x00\xff" + payload
+        title, fields = unfolded("->", "broken frame", frame, [f"frame broke off after {len(frame)} of 133 bytes"])
+        assert title and title.startswith(kind) and fields[3:3 + len(rows)] == rows, (payload, title, fields)
+        assert fields[-1] == (131, 2, "", "CRC of the payload"), fields
+    title, _ = unfolded("->", "broken frame", b"\xae\0\0\0\1", ["frame broke off after 5 of 64 bytes"])
+    assert title == "connect packet", title
 
 
 def furtherBytesAreShown(folder):
@@ -102,6 +114,25 @@ def furtherBytesAreShown(folder):
     assert unfolded("<-", "ACK and 'C'", b"\x06" + b"C" * 9)[1] == [
         (0, 1, "06", "send the next frame"), (1, 1, "43", "in the same read as the ACK: not examined"), (2, 8, "43 ...", None)]
     assert unfolded("<-", "console text \"x\"", b"x") == (None, [])
+
+
+def answersOfAnyLengthAreUnfolded(folder):
+    del folder
+    sum_, foot = "examined only as part of the sum", "foot; the sum is compared with this byte"
+    for size in (18, 25):
+        frame = b"\xe7" + bytes([size]) + bytes(size - 4) + b"\x12\xe7"
+        _, fields = unfolded("<-", "start command answer", frame)
+        assert [(offset, width, content) for offset, width, _, content in fields][2:] == \
+            [(2, size - 4, sum_), (size - 2, 1, "checksum, not examined"), (size - 1, 1, foot)], fields
+    for meaning, start in (("V3 handshake answer", 29), ("V4 handshake answer", 32)):
+        for parameters, widths in ((b"AB_1.0\0\0", [3, 3, 2]), (b"AB_1.0", [3, 3, 0]), (b"AB-1.0\0\0", [8, 0, 0]), (b"", [0, 0, 0])):
+            frame = b"\xe7" + bytes(start - 1) + parameters + b"\0\xe7"
+            title, fields = unfolded("<-", meaning, frame)
+            assert title == meaning, (title, parameters)
+            assert [width for _, width, _, _ in fields][-5:] == [*widths, 1, 1], (parameters, fields)
+            assert fields[-1][::2] == (len(frame) - 1, "e7") and fields[-5][0] == start, (parameters, fields)
+        _, fields = unfolded("<-", f"bad {meaning}", b"\xe7" + bytes(start - 1) + b"AB_1", [f"answer broke off after {start + 4} of {start + 44} bytes"])
+        assert [data for _, _, data, _ in fields][-5:] == ["41 42 5f", "31", "", "", ""], fields
 
 
 def everyRecordedFrameIsUnfolded(folder):
