@@ -44,6 +44,8 @@ def main():
     arguments = parser.parse_args()
     target = arguments.page or pathlib.Path(arguments.recording.name + ".html")
     try:
+        if target.exists() and target.samefile(arguments.recording):
+            raise Fault(f"{target} is the recording, which the page would replace")
         text = draw(arguments.build / "simulator/boardtap", arguments.recording)
         target.write_text(text, encoding="utf-8", errors="replace")
     except Fault as fault:

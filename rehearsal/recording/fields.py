@@ -130,17 +130,17 @@ class Layouts:
     """All drawn tables."""
 
     def __init__(self, text):
-        self._tables = list(tables_of(text))
+        self._tables = [(kind_of(table.title), table) for table in tables_of(text)]
 
     def unfold(self, mark, meaning, frame, violations=()):
         """The table that draws the frame, and its fields; (None, []) when none does."""
         broken = next(filter(None, map(BROKEN.search, violations)), None)
         if broken and meaning == "broken frame":
-            candidates = [table for table in self._tables if table.mark == mark and table.size == int(broken[1])
+            candidates = [table for _, table in self._tables if table.mark == mark and table.size == int(broken[1])
                           and frame.startswith(bytes.fromhex(table.rows[0].bytes)) and _may_be(table, frame)]
         else:
-            candidates = [table for table in self._tables
-                          if table.mark == mark and kind_of(table.title) == kind_of(meaning)]
+            kind = kind_of(meaning)
+            candidates = [table for own, table in self._tables if table.mark == mark and own == kind]
         for table in candidates:
             has_elastic = any(row.is_elastic for row in table.rows)
             fields = _split(table, frame, meaning, len(frame) if has_elastic and not broken else table.size)
