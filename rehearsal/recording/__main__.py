@@ -3,6 +3,7 @@
 import argparse
 import json
 import pathlib
+import signal
 import subprocess
 import sys
 
@@ -37,6 +38,7 @@ def draw(boardtap, recording):
 
 
 def main():
+    signal.signal(signal.SIGINT, signal.SIG_DFL)
     parser = argparse.ArgumentParser(prog="scripts/draw-recording", add_help=False)
     parser.add_argument("recording", type=pathlib.Path)
     parser.add_argument("page", type=pathlib.Path, nargs="?")

@@ -5,6 +5,7 @@ import html
 import os
 import pathlib
 import re
+import signal
 import subprocess
 import sys
 import unicodedata
@@ -324,6 +325,16 @@ def faultsAreOneSentence(folder):
         done = draw(recording, page)
         assert (done.returncode, done.stderr.decode(), done.stdout) == (2, f"draw-recording: {text}\n", b""), done
         assert not page.exists()
+
+
+def interruptEndsItQuietly(folder):
+    os.mkfifo(folder / "pipe")
+    with subprocess.Popen([PROJECT / "scripts/draw-recording", "--build", os.environ["BUILD"], folder / "pipe", folder / "page.html"],
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT) as process, \
+            open(folder / "pipe", "w", encoding="utf-8"):  # it reads now
+        process.send_signal(signal.SIGINT)
+        told = process.stdout.read()
+    assert (process.returncode, told) == (-signal.SIGINT, b""), (process.returncode, told)
 
 
 def tapMakesThePage(folder):
