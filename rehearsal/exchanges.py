@@ -1,9 +1,11 @@
 """The exchanges on the serial line as bars of a time line."""
 
+import collections
 import re
 
 MOST_BARS = 2000
-MOST_BLOCKS = 4000
+MOST_EXCHANGES = 20_000  # of a kind
+MOST_BLOCKS = 25_000  # more than a recording of 64 MiB can have
 BLOCK = re.compile(r"block \d+ of \d+,")
 REPLIES = {"ACK": "ok", "NAK": "nak", "CA CA": "cancel"}
 # The exchanges of the serial line, by how their first frame begins in the transcript.
@@ -18,13 +20,16 @@ def bar(lane, start, end, label, state, **more):
 
 def exchanges_of(events):
     """One bar for each exchange; that of the firmware has the blocks. An event is a time, a mark and what happened."""
-    exchanges = []
+    exchanges, current, counts = [], None, collections.Counter()
     for at, mark, what in events:
         label = next((label for begin, label in EXCHANGES.items() if mark == "->" and what.startswith(begin)), None)
-        if label and len(exchanges) < MOST_BARS:
-            exchanges.append(Exchange(label, at))
-        elif exchanges:
-            exchanges[-1].take(at, mark, what)
+        if label and not what.endswith(", again"):
+            current = Exchange(label, at)
+            counts[label] += 1
+            if counts[label] <= MOST_EXCHANGES:
+                exchanges.append(current)
+        elif current:
+            current.take(at, mark, what)
     yield from (exchange.bar() for exchange in exchanges)
 
 

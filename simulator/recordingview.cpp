@@ -18,6 +18,10 @@ constexpr int kLookMs = 100; // at a file that somebody writes
 /// line.
 constexpr Milliseconds kLag{400};
 
+/// The text may stop within a frame. Only the next record tells then how long the line was silent:
+/// this is enough to end a run of control bytes, and too short to end a frame.
+constexpr Milliseconds kAfterRecord{100};
+
 bool isStop(int signalDescriptor)
 {
     signalfd_siginfo signal{};
@@ -60,7 +64,7 @@ bool RecordingView::run(FollowedFile &file, int signalDescriptor)
             take();
             break;
         case FollowedFile::Input::Nothing:
-            m_watch.step(now());
+            m_watch.step(std::min(now(), m_last + kAfterRecord));
             break;
         case FollowedFile::Input::End:
             if (!m_reader.finish())

@@ -68,6 +68,9 @@ public:
 
     bool hasFailed() const { return m_hasFailed; }
 
+    /// Shows what fails there, too.
+    void tell(TransferView &view) { m_view = &view; }
+
 private:
     /// The disk may have room for a part: the rest tells why there is no more.
     bool writeAll(const QByteArray &text)
@@ -86,11 +89,12 @@ private:
     {
         m_isStopped = true;
         m_hasFailed = errno != EPIPE; // a reader who has gone wants no more
+        const QString text = QStringLiteral("cannot write %1: %2").arg(m_name, why)
+            + (m_isOfALine ? QStringLiteral("; the line goes on") : QString());
         if (m_hasFailed)
-            static_cast<void>(
-                fail(kName, Failed,
-                     QStringLiteral("cannot write %1: %2").arg(m_name, why)
-                         + (m_isOfALine ? QStringLiteral("; the line goes on") : QString())));
+            static_cast<void>(fail(kName, Failed, text));
+        if (m_hasFailed && m_view)
+            m_view->addFault(text);
         // Half a record would make the recording unreadable.
         if (m_isRecording)
             static_cast<void>(m_file.resize(m_size));
@@ -103,6 +107,7 @@ private:
     bool m_isStopped = false;
     bool m_hasFailed = false;
     qint64 m_size = 0;
+    TransferView *m_view = nullptr;
 };
 
 /// Tells the user what the transcript may not show them.
@@ -245,11 +250,14 @@ int watch(const TapCommandLine &line, GrowingFile &transcript, const LineSink &s
     Report report;
     TapWatch watch(report, sink, line.hexStyle, start);
     watch.setDevice(line.device);
+    GrowingFile recording(true);
     std::unique_ptr<TransferView> view;
     if (!line.viewFile.isEmpty()) {
         view = std::make_unique<TransferView>(STDOUT_FILENO, report, start);
         view->setTitle(line.device);
         watch.draw(*view);
+        transcript.tell(*view);
+        recording.tell(*view);
         std::signal(SIGTSTP, SIG_IGN); // a tap that stands still carries nothing
         sigaddset(&endSignals, SIGQUIT);
         pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);
@@ -262,7 +270,6 @@ int watch(const TapCommandLine &line, GrowingFile &transcript, const LineSink &s
     Tap tap(line.device, line.link, unheard, queue);
     if (!tap.open())
         return fail(kName, Failed, tap.errorText());
-    GrowingFile recording(true);
     if (!line.recordFile.isEmpty()) {
         if (!recording.openRecording(line.recordFile))
             return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.recordFile));
@@ -289,7 +296,8 @@ int watch(const TapCommandLine &line, GrowingFile &transcript, const LineSink &s
     return recording.hasFailed() || transcript.hasFailed() ? Failed : status;
 }
 
-int view(const TapCommandLine &line, const LineSink &sink, sigset_t endSignals)
+int view(const TapCommandLine &line, const GrowingFile &transcript, const LineSink &sink,
+         sigset_t endSignals)
 {
     FollowedFile file;
     if (!file.open(line.viewFile))
@@ -305,7 +313,9 @@ int view(const TapCommandLine &line, const LineSink &sink, sigset_t endSignals)
     const bool isGood = view.run(file, descriptor);
     close(descriptor);
     const int status = finish(line, view.report());
-    return isGood ? status : fail(kName, Failed, view.errorText());
+    if (!isGood)
+        return fail(kName, Failed, view.errorText());
+    return transcript.hasFailed() ? Failed : status;
 }
 
 int run(const TapCommandLine &line)
@@ -325,7 +335,7 @@ int run(const TapCommandLine &line)
     case TapCommandLine::Action::Read:
         return read(line, transcript, sink);
     case TapCommandLine::Action::View:
-        return view(line, sink, endSignals);
+        return view(line, transcript, sink, endSignals);
     default:
         return watch(line, transcript, sink, endSignals);
     }

@@ -172,7 +172,7 @@ QStringList TransferView::picture(TimePoint now, int width) const
         file = QStringLiteral("\"%1\", %2 bytes")
                    .arg(m_progress.transfer().fileName,
                         QString::number(m_progress.transfer().announcedSize));
-    return {
+    QStringList lines{
         m_title + (m_state.isEmpty() ? QString() : QStringLiteral(": ") + m_state),
         row("board",
             m_progress.versionAnswer().isEmpty() ? QStringLiteral("no version answer yet")
@@ -186,6 +186,9 @@ QStringList TransferView::picture(TimePoint now, int width) const
         row("time", durationText(std::chrono::duration_cast<Milliseconds>(now - m_start))),
         row("last", lastText),
     };
+    for (const QString &fault : m_faults)
+        lines.insert(1, row("failed", fault));
+    return lines;
 }
 
 QString TransferView::blocksText(TimePoint now) const

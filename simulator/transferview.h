@@ -22,6 +22,9 @@ public:
     /// What stands above the picture.
     void setTitle(const QString &title) { m_title = title; }
 
+    /// Shows from now on what has failed: the picture hides what is printed.
+    void addFault(const QString &text) { m_faults << text; }
+
     void take(const LineEvent &event);
 
     /// Draws what is new, at most some times a second. `now` is the time on the line.
@@ -50,6 +53,7 @@ private:
     const TimePoint m_start;
     TransferProgress m_progress;
     QString m_title;
+    QStringList m_faults;
     QString m_state;
     bool m_hasTerminal = false; // it shows the picture now
     QByteArray m_drawn;

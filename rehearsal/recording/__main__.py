@@ -3,6 +3,7 @@
 import argparse
 import json
 import pathlib
+import signal
 import subprocess
 import sys
 
@@ -37,6 +38,7 @@ def draw(boardtap, recording):
 
 
 def main():
+    signal.signal(signal.SIGINT, signal.SIG_DFL)
     parser = argparse.ArgumentParser(prog="scripts/draw-recording", add_help=False)
     parser.add_argument("recording", type=pathlib.Path)
     parser.add_argument("page", type=pathlib.Path, nargs="?")
@@ -44,6 +46,8 @@ def main():
     arguments = parser.parse_args()
     target = arguments.page or pathlib.Path(arguments.recording.name + ".html")
     try:
+        if target.exists() and target.samefile(arguments.recording):
+            raise Fault(f"{target} is the recording, which the page would replace")
         text = draw(arguments.build / "simulator/boardtap", arguments.recording)
         target.write_text(text, encoding="utf-8", errors="replace")
     except Fault as fault:

@@ -7,8 +7,18 @@ import re
 MARKS = {"to board": "->", "from board": "<-", "none": "--"}
 MOST_ENDS = 1000  # frames at the beginning, and as many at the end, that are kept
 MOST_NOTABLE = 500  # of those between that are malformed or refused
-START_FRAME = re.compile(r'start frame: "(.*)", (\d+) bytes \(hex')
+MOST_TRANSFERS = 20_000
+START_FRAME = re.compile(r'start frame: "(.*)", (\d+) bytes \(hex \w+\), blocks to come: (\d+)')
 REFUSALS = ("NAK", "CA CA")
+
+
+@dataclasses.dataclass
+class Transfer:
+    """What the program has announced."""
+    name: str
+    size: int
+    blocks: int
+    is_ended: bool = False  # by the end frame
 
 
 @dataclasses.dataclass
@@ -28,7 +38,7 @@ class Event:
 
     @property
     def is_notable(self):
-        return bool(self.violations) or self.is_refusal or self.mark == "--"
+        return bool(self.violations) or self.is_refusal
 
 
 def event_of(number, values):
@@ -43,9 +53,9 @@ class Collection:
         self._first, self._notable = [], []
         self._asked = ""
         self._last = collections.deque(maxlen=MOST_ENDS)
-        self.count = self.frames = self.violations = self.refusals = 0
+        self.count = self.frames = self.violations = self.refusals = self.notable = 0
         self.at = 0.0  # of the last event
-        self.files = []  # (name, size) of the first transfers
+        self.transfers = []
         self.away = []  # [from, to] of the device, to None while it is
 
     def add(self, event):
@@ -56,10 +66,13 @@ class Collection:
         self.frames += event.mark != "--"
         self.violations += len(event.violations)
         self.refusals += event.is_refusal
+        self.notable += event.is_notable
         self.at = max(self.at, event.at)
-        file = START_FRAME.match(event.meaning)
-        if file and len(self.files) < MOST_ENDS:
-            self.files.append((file[1], int(file[2])))
+        begun = START_FRAME.fullmatch(event.meaning)
+        if begun and len(self.transfers) < MOST_TRANSFERS:
+            self.transfers.append(Transfer(begun[1], int(begun[2]), int(begun[3])))
+        elif event.meaning == "end frame" and self.transfers:
+            self.transfers[-1].is_ended = True
         if event.mark == "--" and event.meaning == "device has gone" and len(self.away) < MOST_ENDS:
             self.away.append([event.at, None])
         elif event.mark == "--" and event.meaning == "device is back" and self.away:

@@ -16,15 +16,16 @@ def _up_to(end):
     return lambda rest: rest.index(end) if end in rest else None
 
 
-# Rows whose width depends on what is in them, by how their content begins: how wide, given the bytes from there on.
+# Rows whose width depends on what is in them, by how their content begins: how wide, given the bytes from there to the
+# rows of a fixed width; None: the frame does not have the row.
 MEASURED = {
     "file name": _up_to(b"\0"),
     "size in ": _up_to(b"\0"),
-    "version text, up to ": _up_to(b"\0"),
-    "parameters: up to ": lambda rest: rest.index(b"_") + 1 if b"_" in rest else None,
+    "version text, up to ": lambda rest: (rest + b"\0").index(b"\0"),
+    "parameters: up to ": lambda rest: rest.index(b"_") + 1 if b"_" in rest else len(rest),
 }
-# Rows that take what the others leave.
-ELASTIC = ("data", "padding", "end of the size", "the rest of ")
+# Rows that take what the others leave. The last may be empty.
+ELASTIC = ("data", "padding", "end of the size", "examined only as part ", "the rest of ")
 
 
 @dataclasses.dataclass
@@ -38,6 +39,10 @@ class Row:
     @property
     def is_elastic(self):
         return self.content.startswith(ELASTIC)
+
+    @property
+    def measure(self):
+        return next((measure for begin, measure in MEASURED.items() if self.content.startswith(begin)), None)
 
 
 @dataclasses.dataclass
@@ -85,14 +90,17 @@ def shown(data):
 
 def _width(row, later, offset, frame, meaning, total):
     """The width of the row in this frame; None: the frame does not have the row."""
-    rest = total - offset - sum(other.width for other in later if not other.is_elastic)
+    rest = total - offset - sum(other.width for other in later if not other.is_elastic and not other.measure)
     data = DATA.search(meaning)
     if row.content == "data" and data:
         return int(data[1]) if 0 < int(data[1]) <= rest else None
     if row.is_elastic:
-        return rest if rest > 0 else None
-    measure = next((measure for begin, measure in MEASURED.items() if row.content.startswith(begin)), None)
-    return measure(frame[offset:total]) if measure else row.width
+        return rest if rest > 0 or (rest == 0 and row.content.startswith(ELASTIC[-1])) else None
+    if not row.measure:
+        return row.width
+    there = frame[offset:offset + rest]
+    width = row.measure(there)
+    return len(there) if width is None and len(there) < rest else width
 
 
 def _split(table, frame, meaning, total):
@@ -111,21 +119,28 @@ def _split(table, frame, meaning, total):
     return fields
 
 
+def _may_be(table, frame):
+    """Start frame and end frame begin alike: the first byte of the name tells."""
+    named = next((begin == "file name" for row in table.rows for begin in ("file name", "no file name")
+                  if row.content.startswith(begin)), None)
+    return named is None or named == (frame[3:4] != b"\0")
+
+
 class Layouts:
     """All drawn tables."""
 
     def __init__(self, text):
-        self._tables = list(tables_of(text))
+        self._tables = [(kind_of(table.title), table) for table in tables_of(text)]
 
     def unfold(self, mark, meaning, frame, violations=()):
         """The table that draws the frame, and its fields; (None, []) when none does."""
         broken = next(filter(None, map(BROKEN.search, violations)), None)
         if broken and meaning == "broken frame":
-            candidates = [table for table in self._tables if table.mark == mark and table.size == int(broken[1])
-                          and frame.startswith(bytes.fromhex(table.rows[0].bytes))]
+            candidates = [table for _, table in self._tables if table.mark == mark and table.size == int(broken[1])
+                          and frame.startswith(bytes.fromhex(table.rows[0].bytes)) and _may_be(table, frame)]
         else:
-            candidates = [table for table in self._tables
-                          if table.mark == mark and kind_of(table.title) == kind_of(meaning)]
+            kind = kind_of(meaning)
+            candidates = [table for own, table in self._tables if table.mark == mark and own == kind]
         for table in candidates:
             has_elastic = any(row.is_elastic for row in table.rows)
             fields = _split(table, frame, meaning, len(frame) if has_elastic and not broken else table.size)

@@ -29,8 +29,10 @@ class Verdict:
 
     def __init__(self, collection, bars):
         self._collection = collection
-        self._transfers = [entry for entry in bars if entry["label"] == "firmware"]
-        self._incomplete = sum(entry["state"] != "good" for entry in self._transfers)
+        self._blocks = [entry["blocks"] for entry in bars if entry["label"] == "firmware"]
+        taken = (sum(state == "ok" for _, state in blocks) for blocks in self._blocks)
+        self._transfers = [*zip(collection.transfers, taken)]
+        self._incomplete = sum(not one.is_ended or taken < one.blocks for one, taken in self._transfers)
 
     @property
     def tone(self):
@@ -45,10 +47,10 @@ class Verdict:
             return f"{count(collection.violations, 'violation')} on the serial line"
         if collection.away:
             return "The device went away"
-        if self._incomplete:
-            return "The transfer is not complete"
         if collection.refusals:
             return "The board refused frames"
+        if self._incomplete:
+            return "The transfer is not complete"
         return "Every frame is in order" if collection.frames else "Nothing went over the line"
 
     @property
@@ -57,16 +59,16 @@ class Verdict:
             return "No firmware was transferred."
         if len(self._transfers) > 1:
             return f"{len(self._transfers):,} transfers, {len(self._transfers) - self._incomplete:,} of them complete."
-        name, much = self._collection.files[0]
+        one, taken = self._transfers[0]
         if not self._incomplete:
-            return f"“{name}”, {size(much)}: the transfer is complete."
-        taken = sum(state == "ok" for _, state in self._transfers[0]["blocks"])
-        return f"“{name}”, {size(much)}: the board took {count(taken, 'block')}, then the transfer ended."
+            return f"“{one.name}”, {size(one.size)}: the transfer is complete."
+        return f"“{one.name}”, {size(one.size)}: the board took {taken:,} of {count(one.blocks, 'block')}" \
+            f"{'' if one.is_ended else ', then the transfer ended'}."
 
     @property
     def figures(self):
         collection = self._collection
-        blocks = sum(len(entry["blocks"]) for entry in self._transfers)
+        blocks = sum(map(len, self._blocks))
         return [("Time", time(collection.at)), ("Frames", f"{collection.frames:,}"), ("Blocks", f"{blocks:,}"),
                 ("Refused by the board", f"{collection.refusals:,}"), ("Violations", f"{collection.violations:,}")]
 
@@ -109,11 +111,12 @@ def as_html(name, head, events):
     bars = [PARTS["timeline"] | entry for entry in bars]
     verdict = Verdict(collection, bars)
     notable = [entry for entry in collection.kept() if not isinstance(entry, int)
-               and (entry.violations or entry.is_refusal)]
+               and entry.is_notable]
     page = environment()
     page.loader = jinja2.ChoiceLoader([jinja2.FileSystemLoader(HERE), page.loader])
     return page.get_template("recording.html").render(
         verdict=verdict, kind="Recording of the serial line", source=name, title=plain(name, 120), style="recording.css",
-        head=head, most_findings=MOST_FINDINGS, notable=notable[:MOST_FINDINGS], more=max(0, len(notable) - MOST_FINDINGS),
+        head=head, notable=notable[:MOST_FINDINGS],
+        more=max(0, collection.notable - MOST_FINDINGS), shown=max(0, len(notable) - MOST_FINDINGS),
         drawing=timeline.lanes(bars, [], axis_time, LANES),
         frames=frames_of(collection, Layouts(LAYOUTS.read_text("utf-8"))), total=collection.frames)

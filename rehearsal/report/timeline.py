@@ -90,7 +90,9 @@ def lanes(entries, files, spell, lanes_first=LANES):
     result, blocks = [], []
     for name in names:
         own = sorted((entry for entry in entries if entry["lane"] == name), key=lambda entry: entry["from"])
-        own, left_out = own[:MOST_BARS], len(own[MOST_BARS:])
+        # A transfer is drawn in any case.
+        kept = sorted(own, key=lambda entry: not entry["blocks"])[:MOST_BARS]
+        own, left_out = sorted(kept, key=lambda entry: entry["from"]), len(own) - len(kept)
         marks = [numbers.get(entry["label"]) for entry in own]
         are_numbered = bool(own) and all(marks)
         if not are_numbered:

@@ -5,7 +5,6 @@ import argparse
 import asyncio
 import fnmatch
 import json
-import os
 import pathlib
 import subprocess
 import sys
@@ -21,7 +20,7 @@ sys.path[:0] = [str(PROJECT), str(PROJECT / "tests/support"), str(PROJECT / "tes
 import table
 from boardcheck import requirements
 from boardcheck.judgement import NOT_MET
-from parallel import run_all
+from parallel import add_arguments, chosen, run_all
 
 CHECKS_PER_CORE = 4  # a check mostly waits for the serial line, but starts several machines
 LONGEST_S = 150
@@ -129,12 +128,9 @@ def first_of_a_kind(cases):
 
 def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("cases", nargs="*", metavar="FAULT", help="faults to run, with * for any text (default: all)")
+    add_arguments(parser, "fault", CHECKS_PER_CORE)
     parser.add_argument("--build", type=pathlib.Path, default=PROJECT / "build/dev", help="build tree of the programs")
-    parser.add_argument("--jobs", type=int, default=CHECKS_PER_CORE * (os.cpu_count() or 1),
-                        help="number of checks that run at a time (default: %(default)s)")
     parser.add_argument("--all", action="store_true", help="run all of a kind at a place, not only the first, and those at the first and at the last block")
-    parser.add_argument("--only-failures", action="store_true", help="print no line for a fault that passes")
     parser.add_argument("--list", action="store_true", help="list the faults without running them")
     return parser.parse_args()
 
@@ -202,8 +198,8 @@ def main():
         return 0
     check_faults(arguments.build / "simulator/boardsim", cases)
     cases = [case for case in cases if case.run]
-    if arguments.cases:
-        cases = [case for case in cases if any(fnmatch.fnmatchcase(case.name, name) for name in arguments.cases)]
+    if arguments.names:
+        cases = chosen(cases, arguments.names)
     elif not arguments.all:
         cases = first_of_a_kind(cases)
     with tempfile.TemporaryDirectory(prefix="check-board-faults.") as folder:

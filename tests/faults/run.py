@@ -2,7 +2,6 @@
 
 import argparse
 import asyncio
-import fnmatch
 import os
 import pathlib
 import shutil
@@ -15,7 +14,7 @@ PROJECT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(PROJECT / "tests/support"))
 
 import table
-from parallel import run_all
+from parallel import add_arguments, chosen, run_all
 
 # A row mostly waits for the serial line, so many machines run at a time; emulated programs need the processor.
 MACHINES_PER_CORE = 4 if os.environ.get("UPDATE_ASSISTANT_EMULATOR") else 8
@@ -27,12 +26,9 @@ STARTED = b"started\n"  # the first line of run_row.py, when the program shows i
 
 def parse_arguments():
     parser = argparse.ArgumentParser(prog="scripts/faults", description=__doc__)
-    parser.add_argument("rows", nargs="*", metavar="ROW", help="rows to run, with * for any text (default: all)")
+    add_arguments(parser, "row", MACHINES_PER_CORE)
     parser.add_argument("--build", type=pathlib.Path, default=PROJECT / "build/dev",
                         help="build tree of the program (default: build/dev, which is built first)")
-    parser.add_argument("--jobs", type=int, default=MACHINES_PER_CORE * (os.cpu_count() or 1),
-                        help="number of machines that run at a time (default: %(default)s)")
-    parser.add_argument("--only-failures", action="store_true", help="print no line for a row that passes")
     parser.add_argument("--list", action="store_true", help="list the rows without running them")
     parser.add_argument("--keep", type=pathlib.Path, metavar="DIR",
                         help="keep the state of each machine (console, screen, transcript) in DIR")
@@ -63,10 +59,7 @@ def chosen_rows(names, opkg, tap):
         rows = [row for row in rows if row.board != "none"]
     if opkg == "real" and not names:
         rows = [row for row in rows if row.area != "board" and row.results]
-    chosen = [row for row in rows if not names or any(fnmatch.fnmatchcase(row.name, n) for n in names)]
-    if not chosen:
-        sys.exit("scripts/faults: there is no such row (try --list)")
-    return chosen
+    return chosen(rows, names)
 
 
 async def run_row(row, arguments, packages, machines, starts):
@@ -120,7 +113,7 @@ async def run_rows(rows, arguments, packages):
 
 def main():
     arguments = parse_arguments()
-    rows = chosen_rows(arguments.rows, arguments.opkg, arguments.tap)
+    rows = chosen_rows(arguments.names, arguments.opkg, arguments.tap)
     arguments.solver = solver_of(arguments.opkg)
     if arguments.list:
         for row in rows:

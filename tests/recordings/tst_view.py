@@ -175,6 +175,23 @@ def liveTransferIsDrawn(folder):
         terminal.await_text("prompt", "ready /dev/pts/", "board: end of the watch", "transfer   complete")
 
 
+def endOfTheDiskIsSeen(folder):
+    recording = folder / "the.recording"
+    with board(folder), Terminal(folder, width=200) as terminal:
+        tap = call(BUILD / "boardtap", "--device", folder / "board", "--link", folder / "line", "--view", "-", "--record", recording)
+        terminal.type(f"(trap '' XFSZ; ulimit -f 4; exec {tap}); echo status $?")
+        fault = f"cannot write {recording}: File too large; the line goes on"
+        with Line(folder / "line") as line:
+            line.begin(8 * 1024)
+            terminal.await_text("blocks     0 of 9")
+            assert fault not in terminal.text, terminal.text
+            line.blocks(1, 8)
+            terminal.await_text(f"failed     {fault}", "blocks     8 of 9")
+        terminal.press("C-c")
+        terminal.await_text(f"board: end of the watch\nfailed     {fault}", "status 3")
+        terminal.await_modes("0 1 1")
+
+
 def growingRecordingIsFollowed(folder):
     recording = folder / "the.recording"
     with board(folder), Terminal(folder) as terminal:
@@ -194,17 +211,17 @@ def growingRecordingIsFollowed(folder):
 
 def standardInputIsFollowed(folder):
     lines = NAK_RECORDING.read_text().splitlines(keepends=True)
-    middle = next(number for number, line in enumerate(lines) if line.startswith("# block 1 of 3"))
+    middle = next(number for number, line in enumerate(lines) if line.startswith("# block 1 of 3")) + 9  # within the block
     os.mkfifo(folder / "pipe")
     with Terminal(folder) as terminal:
         terminal.type(call("cat", folder / "pipe") + " | " + call(BUILD / "boardtap", "--view", "-") + "; echo status $?")
         with open(folder / "pipe", "w") as pipe:
             pipe.write("".join(lines[:middle]))
             pipe.flush()
-            terminal.await_text("standard input", "blocks     0 of 3")
+            terminal.await_text("standard input", "blocks     0 of 3", "nothing for 2 s, after <- ACK and 'C'")
             pipe.write("".join(lines[middle:]))
             pipe.flush()
-            terminal.await_text("refused    1, the last: NAK to block 2 of 3", "blocks     2 of 3")
+            terminal.await_text("refused    1, the last: NAK to block 2 of 3", "blocks     2 of 3", "malformed  none")
         terminal.await_text("standard input: end of the recording", "status 0")
 
 
@@ -342,6 +359,13 @@ def faultsAreOneSentence(folder):
         found = subprocess.run([BUILD / "boardtap", "--view", file], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                stderr=subprocess.PIPE, check=False, timeout=WAIT_S)
         assert (found.returncode, found.stderr.decode()) == (3, f"boardtap: {text}\n"), found
+
+
+def lostTranscriptIsAFault(folder):
+    del folder
+    found = subprocess.run([BUILD / "boardtap", "--view", RECORDING, "--transcript", "/dev/full"], stdin=subprocess.DEVNULL,
+                           stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False, timeout=WAIT_S)
+    assert (found.returncode, found.stderr) == (3, b"boardtap: cannot write /dev/full: No space left on device\n"), found
 
 
 def recordingThatBeginsAgainIsAFault(folder):

@@ -3,7 +3,6 @@ verdicts."""
 
 import argparse
 import asyncio
-import fnmatch
 import json
 import os
 import pathlib
@@ -17,7 +16,7 @@ PROJECT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(PROJECT / "tests/support"))
 
 import sets
-from parallel import run_all
+from parallel import add_arguments, chosen, run_all
 
 # A set mostly waits for the serial line; emulated programs need the processor.
 MACHINES_PER_CORE = 2 if os.environ.get("UPDATE_ASSISTANT_EMULATOR") else 6
@@ -27,11 +26,8 @@ LONGEST_S = 150
 
 def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("sets", nargs="*", metavar="SET", help="sets to rehearse, with * for any text (default: all)")
+    add_arguments(parser, "set", MACHINES_PER_CORE)
     parser.add_argument("--build", type=pathlib.Path, default=PROJECT / "build/dev", help="build tree of the program")
-    parser.add_argument("--jobs", type=int, default=MACHINES_PER_CORE * (os.cpu_count() or 1),
-                        help="number of machines that run at a time (default: %(default)s)")
-    parser.add_argument("--only-failures", action="store_true", help="print no line for a set that passes")
     parser.add_argument("--keep", type=pathlib.Path, metavar="DIR", help="keep the sets and their reports in DIR")
     return parser.parse_args()
 
@@ -107,10 +103,7 @@ async def rehearse_all(rows, arguments, folder):
 
 def main():
     arguments = parse_arguments()
-    rows = [row for row in sets.load()
-            if not arguments.sets or any(fnmatch.fnmatchcase(row.name, name) for name in arguments.sets)]
-    if not rows:
-        sys.exit("run_sets: there is no such set")
+    rows = chosen(sets.load(), arguments.names)
     with tempfile.TemporaryDirectory(prefix="sets.", dir=os.environ.get("TMPDIR") or "/var/tmp") as folder:
         if arguments.keep:
             shutil.rmtree(arguments.keep, ignore_errors=True)
