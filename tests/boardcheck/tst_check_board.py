@@ -55,6 +55,17 @@ def ask(folder, *words, status=0):
     return output(*command(folder, *words), status=status, environment=private_environment(folder))
 
 
+def build_with_tap(folder, script):
+    """A build tree with another boardtap."""
+    build = folder / "build"
+    (build / "simulator").mkdir(parents=True)
+    (build / "tests").symlink_to(BUILD / "tests")
+    tap = build / "simulator/boardtap"
+    tap.write_text(script)
+    tap.chmod(0o755)
+    return build
+
+
 def summary(folder):
     return json.loads(text_of(folder / "summary"))
 
@@ -130,13 +141,9 @@ def boardThatTalksWithoutAnEndIsGivenUp(folder):
 
 def tapThatFailsIsNoVerdict(folder):
     """Its transcript ends where the disk is full."""
-    (folder / "build/simulator").mkdir(parents=True)
-    (folder / "build/tests").symlink_to(BUILD / "tests")
-    tap = folder / "build/simulator/boardtap"
-    tap.write_text(f'#!/bin/bash\nulimit -f 1\ntrap "" XFSZ\nexec {BUILD}/simulator/boardtap "$@"\n')
-    tap.chmod(0o755)
+    build = build_with_tap(folder, f'#!/bin/bash\nulimit -f 1\ntrap "" XFSZ\nexec {BUILD}/simulator/boardtap "$@"\n')
     with board(folder) as device:
-        said = ask(folder, device, "--build", folder / "build", status=2)
+        said = ask(folder, device, "--build", build, status=2)
     assert re.search(r"^check-board: cannot write .*: File too large", said, re.MULTILINE) and "FIT" not in said, said
     same([], left_behind(folder, "boardsim"))
 
@@ -260,13 +267,10 @@ def ctrlCLeavesNothing(folder):
 
 
 def signalBeforeTheLineIsReadyLeavesNothing(folder):
-    (folder / "build/simulator").mkdir(parents=True)
-    (folder / "build/tests").symlink_to(BUILD / "tests")
-    tap = folder / "build/simulator/boardtap"
-    tap.write_text(f"#!/usr/bin/python3\nimport pathlib, time\npathlib.Path('{folder}/started').touch()\ntime.sleep(1000)\n")
-    tap.chmod(0o755)
+    tap = f"import pathlib, time\npathlib.Path('{folder}/started').touch()\ntime.sleep(1000)\n"
+    build = build_with_tap(folder, f"#!/usr/bin/python3\n{tap}")
     with board(folder) as device:
-        process = subprocess.Popen(command(folder, device, "--build", folder / "build"), stdin=subprocess.DEVNULL,
+        process = subprocess.Popen(command(folder, device, "--build", build), stdin=subprocess.DEVNULL,
                                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env=private_environment(folder))
         await_("the tap", (folder / "started").exists, process=process)
         process.send_signal(signal.SIGINT)
