@@ -6,9 +6,7 @@ import json
 import os
 import pathlib
 import re
-import shutil
 import sys
-import tempfile
 import textwrap
 import time
 
@@ -18,6 +16,7 @@ sys.path[:0] = [str(PROJECT), str(PROJECT / "tests/faults")]
 from boardcheck import options, requirements
 from boardcheck.judgement import MET, NOT_MET, NOT_SEEN, Judgement, goes_on, version_text, was_sent
 from boardcheck.line import Line, Tap
+from rehearsal import host
 from rehearsal.host import HostError, Interrupt, ended_by_signals
 from rehearsal.options import WRONG_USE, WrongUse, shown
 from rehearsal.progress import Progress
@@ -52,6 +51,7 @@ def main():
 def check(given):
     given.build = given.build.resolve()
     rows = requirements.load()
+    firmware = firmware_facts(given.firmware)
     stream = sys.stderr if given.json else sys.stdout
     print(intention(given), file=stream, flush=True)
     started = time.time()
@@ -59,7 +59,7 @@ def check(given):
             Tap(given.build, given.device, given.recording, folder) as tap:
         asked = Check(given, tap, folder, Progress(stream), Judgement(rows))
         asked.run()
-    facts = facts_of(given, rows, asked, started)
+    facts = facts_of(given, firmware, rows, asked, started)
     if given.json:
         print(json.dumps(facts, indent=2))
     else:
@@ -75,17 +75,22 @@ def intention(given):
             f"({given.firmware.stat().st_size} bytes).")
 
 
+def firmware_facts(path):
+    """As it is before the check."""
+    if not path:
+        return None
+    with open(path, "rb") as file:
+        return {"file": str(path), "size": os.fstat(file.fileno()).st_size,
+                "sha256": hashlib.file_digest(file, "sha256").hexdigest()}
+
+
 @contextlib.contextmanager
 def work_folder():
-    place = os.environ.get("TMPDIR") or "/var/tmp"
+    folder = host.work_folder("check-board")
     try:
-        folder = tempfile.mkdtemp(prefix="check-board.", dir=place)
-    except OSError as error:
-        raise HostError(f"{place} cannot be written: {error.strerror}. TMPDIR may name another folder") from error
-    try:
-        yield pathlib.Path(folder)
+        yield folder
     finally:
-        shutil.rmtree(folder, ignore_errors=True)
+        host.remove(folder)
 
 
 class Check:
@@ -145,11 +150,15 @@ class Check:
         return self.exchanges[-1]
 
     def _for_a_try(self, events):
-        return len(events), TRY_S
+        return self._heard(events), TRY_S
 
     def _until_reply(self, events):
         replied = any(event.mark == "<-" for event in events)
-        return len(events), WAITING_S if replied else self._given.limit
+        return self._heard(events), WAITING_S if replied else self._given.limit
+
+    def _heard(self, events):
+        """A sign of the board, unless it talks without an end."""
+        return len(events) if events[-1].seconds - events[0].seconds < self._given.limit else 0
 
     def _until_end(self, _):
         return 0, PROGRAM_END_S
@@ -167,7 +176,7 @@ class Check:
         self._progress.tick()
 
 
-def facts_of(given, rows, asked, started):
+def facts_of(given, firmware, rows, asked, started):
     sections = requirements.sections()
     findings = asked.judgement.findings
     told = [{"name": row.name, "step": row.step, "needed": row.needed, "status": findings[row.name].status,
@@ -175,10 +184,6 @@ def facts_of(given, rows, asked, started):
              "failures": [{"row": name, "page": f"docs/{sections[name]}"} for name in row.rows]} for row in rows]
     remarks = [f"{event.seconds:.3f} s, {event.meaning}: {fault}" for exchange in asked.exchanges
                for event in exchange.events for fault in event.violations]
-    firmware = None
-    if given.firmware:
-        data = given.firmware.read_bytes()
-        firmware = {"file": str(given.firmware), "size": len(data), "sha256": hashlib.sha256(data).hexdigest()}
     return {
         "fit": not any(one["needed"] and one["status"] == NOT_MET for one in told),
         "device": given.device, "firmware": firmware,

@@ -8,6 +8,7 @@ MET, NOT_MET, NOT_SEEN = "met", "not met", "not seen"
 REPLY_WINDOW_S = 2.1  # in which the program reads the reply to the start command
 TRANSFER_WAIT_S = 11  # the longest time in which the program reads a reply in the transfer
 FRAMES = ("start frame", "block ", "EOT", "end frame", "further end frame")  # of a transfer
+CONTROLS = ("ACK", "NAK", "CA", "'C'")
 
 
 @dataclass
@@ -95,7 +96,7 @@ class Judgement:
         if result == "0":
             self.met(*names)
         elif result == "-1":
-            late = [reply for reply in replies if "start command answer" in reply.meaning]
+            late = [reply for reply in replies if reply.meaning.endswith("start command answer")]
             self.not_met("start-reply", f"it came {late[0].seconds - command.seconds:.3f} s after the command" if late else
                          "nothing came within 1 s")
         elif result == "-3":
@@ -148,8 +149,9 @@ class Judgement:
     def _frame(self, frame, replies, is_last):
         """Judges the reply to the start frame, a block or EOT."""
         where = f"after {short(frame.meaning)}"
-        refused = next((one for one in replies if "NAK" in one.meaning or "CA" in one.meaning.split()), None)
-        if refused and not any("ACK" in one.meaning for one in replies):
+        controls = [one for one in replies if one.meaning.startswith(CONTROLS)]
+        refused = next((one for one in controls if "NAK" in one.meaning or "CA" in one.meaning.split()), None)
+        if refused and not any("ACK" in one.meaning for one in controls):
             self.not_met("frame-accepted", f"{refused.meaning} {where}")
         elif is_last and any(not asks(one) for one in replies):
             self.not_met("control-first", f"{faults_of(replies)} {where}")

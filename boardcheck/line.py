@@ -1,19 +1,16 @@
 """The serial line of a check: the tap at the device, and the program's library behind it on the simulated machine."""
 
-import contextlib
-import os
 import re
-import signal
 import subprocess
 import time
 from dataclasses import dataclass, field
 
-from rehearsal.host import OWN_FAULT, SANDBOX, HostError, text_of
+from rehearsal.host import OWN_FAULT, SANDBOX, HostError, end_group, text_of
 
 PROGRAM_DEVICE = "/dev/ttymxc1"  # the fixed paths of the program
 PROGRAM_FIRMWARE = "/root/mcu/UpdataSystem.bin"
 POLL_S = 0.05
-START_S = 20  # for the tap
+TAP_ENDS = (0, 1)  # exit statuses of a tap that has told all
 LINE = re.compile(r" *(\d+\.\d+) (->|<-|--|!!) (.*)")
 FRAME = re.compile(r"(.*) \((\d+) bytes?\): .*")
 VIOLATION = "violation: "
@@ -64,33 +61,52 @@ class Tap:
         self.link = folder / "line"
         self.events = []
         self._transcript = folder / "transcript"
-        self._file = None
+        self._file = open(self._transcript, "w+", encoding="utf-8", errors="replace")
         self._rest = ""
         self._errors = folder / "tap.errors"
-        with open(self._errors, "wb") as errors:
-            self._process = subprocess.Popen(
-                [build / "simulator/boardtap", "--device", device, "--link", self.link, "--record", recording,
-                 "--transcript", self._transcript, "--hex", "short"],
-                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=errors, start_new_session=True)
+        # It ends with this process, even with one that is killed.
+        self._command = ["setpriv", "--pdeathsig", "TERM", build / "simulator/boardtap", "--device", device, "--link",
+                         self.link, "--record", recording, "--transcript", self._transcript, "--hex", "short"]
+        self._process = None
 
     def __enter__(self):
-        if not self._process.stdout.readline().startswith(b"ready "):
-            self._process.wait()
-            raise HostError(text_of(self._errors).strip().removeprefix("boardtap: ") or "boardtap does not start")
-        self._file = open(self._transcript, encoding="utf-8", errors="replace")
+        try:
+            with open(self._errors, "wb") as errors:
+                self._process = subprocess.Popen(self._command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                                 stderr=errors, start_new_session=True)
+            if not self._process.stdout.readline().startswith(b"ready "):
+                raise HostError(self._fault() or "boardtap does not start")
+        except BaseException:
+            self.__exit__()
+            raise
         return self
 
     def __exit__(self, *_):
-        self.end()
+        self.stop()
         self._file.close()
 
-    def end(self):
-        """The last events come then."""
+    def stop(self):
+        if not self._process:
+            return
         if self._process.poll() is None:
             self._process.terminate()
         self._process.wait()
         self._process.stdout.close()
+
+    def end(self):
+        """The last events come then. Raises HostError when the tap has failed: events are missing."""
+        self.stop()
+        if self._process.returncode not in TAP_ENDS:
+            raise HostError(self._fault() or f"boardtap has ended with {self._process.returncode}")
         self.read()
+
+    def _fault(self):
+        lines = text_of(self._errors).strip().splitlines()
+        return lines[-1].removeprefix("boardtap: ") if lines else ""
+
+    @property
+    def is_running(self):
+        return self._process.poll() is None
 
     def read(self):
         """Takes the new events."""
@@ -134,17 +150,14 @@ class Line:
             try:
                 self._follow(machine, exchange, patience)
             finally:
-                # All of its processes: one that has just begun does not end with its parent.
-                with contextlib.suppress(ProcessLookupError):
-                    os.killpg(machine.pid, signal.SIGKILL)
-                machine.wait()
+                end_group(machine)
             said.seek(0)
             results = (line.rstrip("\n").partition(": ") for line in said)
             exchange.results = {name: result for name, _, result in results if name in names}
         self.settle()
         if machine.returncode == OWN_FAULT and not self._tap.has_gone:
             raise HostError(text_of(self._errors).strip().removeprefix("sandbox/run: "))
-        if exchange.given_up and not exchange.events:
+        if exchange.given_up and self._tap.is_running and not exchange.events:
             raise HostError("the simulated machine sends nothing: this host is too busy")
         return exchange
 
@@ -166,7 +179,7 @@ class Line:
 
     def _follow(self, machine, exchange, patience):
         last_sign, since = None, 0
-        while machine.poll() is None and not self._tap.has_gone:
+        while machine.poll() is None and self._tap.is_running and not self._tap.has_gone:
             self.settle()
             self._show(exchange.events)
             sign, seconds = patience(exchange.events)

@@ -29,12 +29,16 @@ def check_places(options):
     """The part of check() that needs no built program."""
     if options.firmware:
         try:
+            if not stat.S_ISREG(options.firmware.stat().st_mode):
+                raise WrongUse(f"--firmware: {shown(options.firmware)} is no file")
             with open(options.firmware, "rb") as file:
                 empty = not file.read(1)
         except OSError as error:
             raise WrongUse(f"--firmware: {shown(options.firmware)} cannot be read: {error.strerror}") from error
         if empty:
             raise WrongUse(f"--firmware: {shown(options.firmware)} is empty; the program sends no such file")
+        if options.recording.exists() and options.recording.samefile(options.firmware):
+            raise WrongUse(f"--recording: {shown(options.recording)} is the firmware")
     try:
         options.recording.parent.mkdir(parents=True, exist_ok=True)
         with open(options.recording, "ab"):

@@ -7,17 +7,15 @@
 The machine is used like host.Machine, and leaves the same files. board_run.py drives the board.
 """
 
-import contextlib
 import json
 import os
 import pathlib
 import shutil
-import signal
 import subprocess
 import sys
 
 from . import board_root, host
-from .host import HostError
+from .host import HostError, end_group
 from .inspection import children
 from .options import WrongUse, shown
 
@@ -222,9 +220,7 @@ def tool(*command, stdin=subprocess.DEVNULL):
     try:
         output, _ = process.communicate(timeout=TOO_LONG_S)
     except BaseException:
-        with contextlib.suppress(ProcessLookupError):
-            os.killpg(process.pid, signal.SIGKILL)
-        process.wait()
+        end_group(process)
         raise
     if process.returncode:
         words = output.decode("utf-8", "replace").strip().splitlines()

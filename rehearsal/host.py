@@ -13,6 +13,7 @@ The plan, plan.json in the machine's state folder, has
 """
 
 import contextlib
+import fcntl
 import io
 import json
 import os
@@ -32,6 +33,7 @@ STATE = "/run/machine"
 DISK_KINDS = ("ext2/ext3", "xfs", "btrfs", "f2fs")  # can carry the disk of the machine
 OWN_FAULT = 125  # exit status of sandbox/run when there is no machine
 LONGEST_EVENT = 16 << 20
+LEFT_OVER_S = 60  # age of a folder that is no new one
 LEAST_FREE = 512 << 20  # bytes that stay free on the host's disk
 MOST_OF_A_TEXT = 4 << 20  # bytes of its beginning and of its end
 TICK_S = 0.2
@@ -43,17 +45,46 @@ class HostError(Exception):
     """This host cannot run the simulated machine, or not now."""
 
 
+def work_folder(prefix):
+    """A new folder, which is locked until this process ends. Removes those of processes that were killed."""
+    place = pathlib.Path(os.environ.get("TMPDIR") or "/var/tmp")
+    try:
+        for folder in place.glob(f"{prefix}.*"):
+            remove_left_over(folder)
+        folder = pathlib.Path(tempfile.mkdtemp(prefix=f"{prefix}.", dir=place))
+        fcntl.flock(os.open(folder, os.O_RDONLY | os.O_DIRECTORY), fcntl.LOCK_EX | fcntl.LOCK_NB)
+    except OSError as error:
+        raise HostError(f"{place} cannot be written: {error.strerror}. TMPDIR may name another folder") from error
+    return folder
+
+
+def remove_left_over(folder):
+    with contextlib.suppress(OSError):
+        lock = os.open(folder, os.O_RDONLY | os.O_DIRECTORY | os.O_NOFOLLOW)
+        try:
+            status = os.fstat(lock)
+            # Another process may have just made it, and lock it next.
+            if status.st_uid == os.geteuid() and status.st_mtime < time.time() - LEFT_OVER_S:
+                fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+                remove(folder)
+        finally:
+            os.close(lock)
+
+
+def end_group(process):
+    """Ends all processes of its group: one that has just begun does not end with its parent."""
+    with contextlib.suppress(ProcessLookupError):
+        os.killpg(process.pid, signal.SIGKILL)
+    process.wait()
+
+
 class Machine:
     """One simulated machine. At its exit it is gone, with all that it wrote; `state` is there until then."""
 
     def __init__(self, build, needed):
         """`needed` are the bytes that will be written to its disk."""
         self.build = pathlib.Path(build).resolve()
-        place = os.environ.get("TMPDIR") or "/var/tmp"
-        try:
-            self.work = pathlib.Path(tempfile.mkdtemp(prefix="rehearsal.", dir=place))
-        except OSError as error:
-            raise HostError(f"{place} cannot be written: {error.strerror}. TMPDIR may name another folder") from error
+        self.work = work_folder("rehearsal")
         self.state = self.work / "state"
         self.state.mkdir()
         self._needed = needed
@@ -69,9 +100,7 @@ class Machine:
 
     def end(self):
         if self._process:
-            with contextlib.suppress(ProcessLookupError):
-                self._process.kill()  # ends everything that runs on the machine
-            self._process.wait()
+            end_group(self._process)  # and with it everything that runs on the machine
             self._process.stdout.close()
             self._process = None
 

@@ -24,15 +24,15 @@ void waitForTheEnd(const sigset_t &endSignals, const BoardSimulator &simulator)
 
 int run(const CommandLine &line)
 {
-    const sigset_t endSignals = blockEndSignals();
-
     Options options = line.options;
     QFile transcript;
+    bool hasLostTranscript = false;
     if (!line.transcriptFile.isEmpty()) {
         if (!openOutput(transcript, line.transcriptFile))
             return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.transcriptFile));
-        options.transcript = sinkTo(transcript);
+        options.transcript = sinkTo(transcript, hasLostTranscript);
     }
+    const sigset_t endSignals = blockEndSignals();
 
     for (const QString &path : {line.summaryFile, options.imageFile}) {
         if (!path.isEmpty() && !isInWritableDirectory(path))
@@ -55,6 +55,8 @@ int run(const CommandLine &line)
         return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.summaryFile));
     if (!report.errors.isEmpty())
         return fail(kName, Failed, report.errors.join(QLatin1String("; ")));
+    if (hasLostTranscript)
+        return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.transcriptFile));
     if (!report.difference.isEmpty())
         return fail(kName, Violated, report.difference.trimmed());
     if (options.replay)

@@ -3,6 +3,7 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 
+#include <cerrno>
 #include <cstdio>
 
 namespace boardsim {
@@ -27,11 +28,12 @@ bool openOutput(QFile &file, const QString &path)
     return file.open(QIODevice::WriteOnly);
 }
 
-LineSink sinkTo(QFile &file)
+LineSink sinkTo(QFile &file, bool &hasFailed)
 {
-    return [&file](const QByteArray &line) {
+    return [&](const QByteArray &line) {
         file.write(line + '\n');
-        file.flush(); // somebody follows the file
+        const bool isWritten = file.flush(); // somebody follows the file
+        hasFailed = hasFailed || (!isWritten && errno != EPIPE);
     };
 }
 

@@ -28,11 +28,13 @@ bool isInWritableDirectory(const QString &path);
 /// "-" is standard output.
 [[nodiscard]] bool openOutput(QFile &file, const QString &path);
 
-/// `file` must outlive the sink.
-LineSink sinkTo(QFile &file);
+/// `file` and `hasFailed` must outlive the sink. `hasFailed` is set when a line could not be
+/// written, unless its reader has gone.
+LineSink sinkTo(QFile &file, bool &hasFailed);
 
-/// The signals that end the program; blocked before any thread starts, so that all inherit that. A
-/// reader of the transcript that goes ends nothing.
+/// The signals that end the program; blocked before any thread starts, so that all inherit that,
+/// and after files are opened: to open a FIFO may take any time. A reader of the transcript that
+/// goes ends nothing.
 sigset_t blockEndSignals();
 
 [[nodiscard]] bool writeSummary(const QString &path, const Report &report);

@@ -161,7 +161,8 @@ bool RecordingReader::readHeadLine(const QList<QByteArray> &words, const QByteAr
         m_recording.speed = speed;
         return true;
     }
-    const QString text = QString::fromUtf8(line.mid(line.indexOf(':') + 1).trimmed());
+    const QByteArray value = line.mid(line.indexOf(':') + 1).split('#').constFirst();
+    const QString text = QString::fromUtf8(value.trimmed());
     (name == "boardtap"      ? m_recording.madeBy
          : name == "program" ? m_recording.program
                              : m_recording.board) = text;

@@ -15,6 +15,7 @@ using State = YModemReceiver::State;
 constexpr Milliseconds kControlGap{20};
 
 constexpr int kMaxRun = 256; // of bytes that are no reply and no control bytes
+constexpr int kMaxControls = 1000;
 constexpr int kNoFrame = 0;
 constexpr int kLeastReply = 4; // head, length byte, checksum, foot
 
@@ -153,7 +154,7 @@ std::optional<DecodedReply> ReplyDecoder::take(TimePoint now, State state)
             runLength(m_bytes, [](char c) { return c == kRequest; }) == controls;
         const bool isTextAfterAll = isOnlyRequests && !isWholeRun && isText(m_bytes.at(controls));
         if (!isTextAfterAll) {
-            if (isWholeRun && !isOver && !m_controlsAreComplete)
+            if (isWholeRun && !isOver && !m_controlsAreComplete && controls < kMaxControls)
                 return std::nullopt;
             const QByteArray bytes = m_bytes.left(controls);
             QStringList violations;

@@ -108,7 +108,7 @@ bool Tap::run(int endDescriptor)
         } else {
             lookForPrograms();
             if (polled[2].revents != 0)
-                static_cast<void>(carryToBoard());
+                static_cast<void>(carryToBoard(Limit::Waiting));
             const bool isThere = (polled[1].revents == 0 || carryFromBoard()) && writeOut();
             if (!isThere)
                 lose(Clock::now());
@@ -148,7 +148,7 @@ void Tap::lookForPrograms()
     const bool wasOpen = std::exchange(m_isOpen, m_terminal.isOpen());
     if (!wasOpen || m_isOpen)
         return;
-    while (carryToBoard()) { }
+    while (carryToBoard(Limit::None)) { }
     const int count = m_toProgram.size() + m_terminal.dropUnread();
     m_toProgram.clear();
     if (count > 0)
@@ -156,10 +156,10 @@ void Tap::lookForPrograms()
 }
 
 /// False when there was nothing to carry.
-bool Tap::carryToBoard()
+bool Tap::carryToBoard(Limit limit)
 {
     QByteArray bytes;
-    if (m_toDevice.size() >= kMaxWaiting
+    if ((limit == Limit::Waiting && m_toDevice.size() >= kMaxWaiting)
         || readSome(m_terminal.masterDescriptor(), bytes) != Input::Bytes)
         return false;
     m_toDevice += bytes;

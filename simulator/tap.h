@@ -49,10 +49,15 @@ public:
     QString errorText() const { return m_errorText; }
 
 private:
+    enum class Limit {
+        Waiting, ///< of the bytes that wait for the device
+        None,    ///< what a program has left is no more than the line holds
+    };
+
     bool openTerminal();
     int timeoutMs() const;
     void lookForPrograms();
-    bool carryToBoard();
+    bool carryToBoard(Limit limit);
     bool carryFromBoard();
     bool writeOut();
     void lose(TimePoint now);

@@ -8,7 +8,9 @@
 #include "transferview.h"
 
 #include <QCoreApplication>
+#include <QFileInfo>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -47,10 +49,19 @@ public:
         m_name = path;
         m_isRecording = true;
         m_file.setFileName(path);
-        if (!m_file.open(QIODevice::WriteOnly | QIODevice::Unbuffered))
-            return false;
+        QIODevice::OpenMode mode = QIODevice::WriteOnly | QIODevice::Unbuffered;
+        const QFileInfo info(path);
+        if (!info.exists() || info.isFile())
+            mode |= QIODevice::Append; // what the file has stays until beginRecording()
+        return m_file.open(mode);
+    }
+
+    void beginRecording(const QByteArray &head)
+    {
+        if (!m_file.isSequential())
+            static_cast<void>(m_file.resize(0));
         markAsWritten(m_file.handle());
-        return true;
+        write(head);
     }
 
     void write(const QByteArray &text)
@@ -164,14 +175,49 @@ int finish(const TapCommandLine &line, const Report &report)
     return report.violations.isEmpty() ? Good : Violated;
 }
 
+/// Tells two queues, each of which is taken at its own pace.
+class Fork : public LineListener {
+public:
+    Fork(LineQueue &first, LineQueue &second)
+        : m_queues{&first, &second}
+    {
+    }
+
+    void bytesPassed(TimePoint now, bool toBoard, const QByteArray &bytes) override
+    {
+        for (LineQueue *queue : m_queues)
+            queue->bytesPassed(now, toBoard, bytes);
+    }
+    void bytesUnheard(TimePoint now, const QByteArray &bytes) override
+    {
+        for (LineQueue *queue : m_queues)
+            queue->bytesUnheard(now, bytes);
+    }
+    void deviceGone(TimePoint now) override
+    {
+        for (LineQueue *queue : m_queues)
+            queue->deviceGone(now);
+    }
+    void deviceReturned(TimePoint now) override
+    {
+        for (LineQueue *queue : m_queues)
+            queue->deviceReturned(now);
+    }
+    void bytesUnread(TimePoint now, qint64 count) override
+    {
+        for (LineQueue *queue : m_queues)
+            queue->bytesUnread(now, count);
+    }
+
+private:
+    const std::array<LineQueue *, 2> m_queues;
+};
+
 /// Becomes scripts/draw-recording. Returns only when that fails.
 int drawPage(const TapCommandLine &line)
 {
     const QByteArray recording = QFile::encodeName(line.readFile);
     const QByteArray page = QFile::encodeName(line.htmlFile);
-    sigset_t none; // undoes blockEndSignals()
-    sigemptyset(&none);
-    pthread_sigmask(SIG_SETMASK, &none, nullptr);
     std::signal(SIGPIPE, SIG_DFL);
     execl(BOARDTAP_DRAW, BOARDTAP_DRAW, "--build", BOARDTAP_BUILD, "--", recording.constData(),
           page.constData(), nullptr);
@@ -214,23 +260,9 @@ int read(const TapCommandLine &line, GrowingFile &transcript, const LineSink &si
     return line.htmlFile.isEmpty() ? status : drawPage(line);
 }
 
-/// Carries until a signal ends it, on a thread of its own, and tells the watch meanwhile. False
-/// when the line has failed. What cannot be told in time after the end is given up: a terminal that
-/// is held, or a reader of the transcript that does not read.
-bool carry(Tap &tap, int endDescriptor, LineQueue &queue, LineWatch &watch)
+/// Tells the watch until the line has ended.
+void tellAll(LineQueue &queue, LineWatch &watch)
 {
-    bool isGood = false;
-    std::promise<void> told;
-    std::thread line([&tap, &queue, &isGood, endDescriptor, isTold = told.get_future()] {
-        isGood = tap.run(endDescriptor);
-        tap.close();
-        queue.end();
-        if (isTold.wait_for(kTimeToTell) == std::future_status::ready)
-            return;
-        static_cast<void>(
-            fail(kName, Failed, QStringLiteral("nobody reads the transcript: its end is lost")));
-        std::_Exit(Failed);
-    });
     while (!queue.isAtEnd()) {
         if (const LineQueue::Event event = queue.take(watch.deadline()))
             event(watch);
@@ -238,19 +270,50 @@ bool carry(Tap &tap, int endDescriptor, LineQueue &queue, LineWatch &watch)
             watch.step(Clock::now());
     }
     watch.end(Clock::now(), QStringLiteral("end of the watch"));
+}
+
+/// Carries until a signal ends it, and tells the watch and the recorder meanwhile, each on a thread
+/// of its own. False when the line has failed. What cannot be told in time after the end is given
+/// up: a terminal that is held, or a reader of the transcript that does not read.
+bool carry(const TapCommandLine &line, int endDescriptor, LineWatch &watch, LineWatch &recorder,
+           Tap &tap, LineQueue &watched, LineQueue &recorded)
+{
+    bool isGood = false;
+    std::promise<void> told;
+    auto record = std::async(std::launch::async, [&] { tellAll(recorded, recorder); });
+    std::thread thread([&, isTold = told.get_future()] {
+        isGood = tap.run(endDescriptor);
+        tap.close();
+        watched.end();
+        recorded.end();
+        const TimePoint end = Clock::now() + kTimeToTell;
+        if (record.wait_until(end) != std::future_status::ready)
+            static_cast<void>(fail(kName, Failed,
+                                   QStringLiteral("%1 does not take the recording: its end is lost")
+                                       .arg(line.recordFile)));
+        else if (isTold.wait_until(end) != std::future_status::ready)
+            static_cast<void>(fail(kName, Failed,
+                                   QStringLiteral("nobody reads the transcript: its end is lost")));
+        else
+            return;
+        std::_Exit(Failed);
+    });
+    tellAll(watched, watch);
     told.set_value();
-    line.join();
+    thread.join();
     return isGood;
 }
 
-int watch(const TapCommandLine &line, GrowingFile &transcript, const LineSink &sink,
-          sigset_t endSignals)
+int watch(const TapCommandLine &line, GrowingFile &transcript, const LineSink &sink)
 {
+    GrowingFile recording(true);
+    if (!line.recordFile.isEmpty() && !recording.openRecording(line.recordFile))
+        return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.recordFile));
+    sigset_t endSignals = blockEndSignals();
     const TimePoint start = Clock::now();
     Report report;
     TapWatch watch(report, sink, line.hexStyle, start);
     watch.setDevice(line.device);
-    GrowingFile recording(true);
     std::unique_ptr<TransferView> view;
     if (!line.viewFile.isEmpty()) {
         view = std::make_unique<TransferView>(STDOUT_FILENO, report, start);
@@ -264,17 +327,20 @@ int watch(const TapCommandLine &line, GrowingFile &transcript, const LineSink &s
     }
     if (line.summaryFile.isEmpty())
         watch.keepNoEvents();
-    LineQueue queue;
+    LineQueue watched;
+    LineQueue recorded;
+    Fork both(watched, recorded);
     const Tap::Unheard unheard =
         isPseudoTerminal(line.device) ? Tap::Unheard::Kept : Tap::Unheard::Dropped;
-    Tap tap(line.device, line.link, unheard, queue);
+    Tap tap(line.device, line.link, unheard, both);
     if (!tap.open())
         return fail(kName, Failed, tap.errorText());
+    Report unused;
+    LineWatch recorder(unused, {}, line.hexStyle, start);
+    recorder.keepNoEvents();
     if (!line.recordFile.isEmpty()) {
-        if (!recording.openRecording(line.recordFile))
-            return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.recordFile));
-        recording.write(recordingHead(kLineSpeed, kVersion));
-        watch.record([&recording](const QByteArray &text) { recording.write(text); });
+        recording.beginRecording(recordingHead(kLineSpeed, kVersion));
+        recorder.record([&recording](const QByteArray &text) { recording.write(text); });
     }
     const int end = signalfd(-1, &endSignals, SFD_CLOEXEC);
     if (end < 0)
@@ -286,7 +352,7 @@ int watch(const TapCommandLine &line, GrowingFile &transcript, const LineSink &s
                    .arg(line.device)
                    .arg(kLineSpeed)
                    .arg(line.link));
-    const bool isGood = carry(tap, end, queue, watch);
+    const bool isGood = carry(line, end, watch, recorder, tap, watched, recorded);
     if (view)
         view->end(Clock::now(), QStringLiteral("end of the watch"));
     close(end);
@@ -296,9 +362,9 @@ int watch(const TapCommandLine &line, GrowingFile &transcript, const LineSink &s
     return recording.hasFailed() || transcript.hasFailed() ? Failed : status;
 }
 
-int view(const TapCommandLine &line, const GrowingFile &transcript, const LineSink &sink,
-         sigset_t endSignals)
+int view(const TapCommandLine &line, const GrowingFile &transcript, const LineSink &sink)
 {
+    sigset_t endSignals = blockEndSignals();
     FollowedFile file;
     if (!file.open(line.viewFile))
         return fail(kName, Failed, file.errorText());
@@ -320,7 +386,7 @@ int view(const TapCommandLine &line, const GrowingFile &transcript, const LineSi
 
 int run(const TapCommandLine &line)
 {
-    const sigset_t endSignals = blockEndSignals();
+    std::signal(SIGPIPE, SIG_IGN); // a reader of the transcript that goes ends nothing
     if (!line.summaryFile.isEmpty() && !isInWritableDirectory(line.summaryFile))
         return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.summaryFile));
     const bool isWatching = line.action == TapCommandLine::Action::Watch;
@@ -335,9 +401,9 @@ int run(const TapCommandLine &line)
     case TapCommandLine::Action::Read:
         return read(line, transcript, sink);
     case TapCommandLine::Action::View:
-        return view(line, transcript, sink, endSignals);
+        return view(line, transcript, sink);
     default:
-        return watch(line, transcript, sink, endSignals);
+        return watch(line, transcript, sink);
     }
 }
 

@@ -186,6 +186,7 @@ QStringList TransferView::picture(TimePoint now, int width) const
         row("time", durationText(std::chrono::duration_cast<Milliseconds>(now - m_start))),
         row("last", lastText),
     };
+    const std::lock_guard<std::mutex> lock(m_faultsMutex);
     for (const QString &fault : m_faults)
         lines.insert(1, row("failed", fault));
     return lines;

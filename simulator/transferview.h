@@ -5,6 +5,8 @@
 
 #include <QStringList>
 
+#include <mutex>
+
 namespace boardsim {
 
 /// Draws the progress of the transfers on a line: a picture that changes where the output is a
@@ -22,8 +24,12 @@ public:
     /// What stands above the picture.
     void setTitle(const QString &title) { m_title = title; }
 
-    /// Shows from now on what has failed: the picture hides what is printed.
-    void addFault(const QString &text) { m_faults << text; }
+    /// Shows from now on what has failed: the picture hides what is printed. Any thread.
+    void addFault(const QString &text)
+    {
+        const std::lock_guard<std::mutex> lock(m_faultsMutex);
+        m_faults << text;
+    }
 
     void take(const LineEvent &event);
 
@@ -53,6 +59,7 @@ private:
     const TimePoint m_start;
     TransferProgress m_progress;
     QString m_title;
+    mutable std::mutex m_faultsMutex;
     QStringList m_faults;
     QString m_state;
     bool m_hasTerminal = false; // it shows the picture now

@@ -12,12 +12,20 @@ import pty
 import re
 import signal
 import subprocess
+import sys
+import time
 import tty
 import unittest
 
 from facts import left_behind, output, private_environment, same
 from machine.paths import PROJECT
 from machine.watch import WAIT_S, await_, text_of
+
+sys.path.append(str(PROJECT))
+
+from boardcheck import requirements
+from boardcheck.judgement import NOT_MET, Judgement
+from boardcheck.line import Event, Exchange
 
 COMMAND = PROJECT / "scripts/check-board"
 BUILD = pathlib.Path(os.environ["BUILD"])
@@ -39,12 +47,23 @@ def board(folder, *options):
 
 
 def command(folder, *words):
-    return [COMMAND, *words, "--build", BUILD, "--recording", folder / "recording"]
+    return [COMMAND, "--build", BUILD, "--recording", folder / "recording", *words]
 
 
 def ask(folder, *words, status=0):
     """Runs the command, which has to end with the status. Returns what it says."""
     return output(*command(folder, *words), status=status, environment=private_environment(folder))
+
+
+def build_with_tap(folder, script):
+    """A build tree with another boardtap."""
+    build = folder / "build"
+    (build / "simulator").mkdir(parents=True)
+    (build / "tests").symlink_to(BUILD / "tests")
+    tap = build / "simulator/boardtap"
+    tap.write_text(script)
+    tap.chmod(0o755)
+    return build
 
 
 def summary(folder):
@@ -98,18 +117,72 @@ def silentBoardEndsWith1(folder):
     assert "docs/failures.md#installing, rows silent@version" in said, said
 
 
+def boardThatTalksWithoutAnEndIsGivenUp(folder):
+    """It never replies to the query."""
+    ours, theirs = pty.openpty()
+    tty.setraw(theirs)
+    process = subprocess.Popen(command(folder, os.ttyname(theirs), "--limit", "1"), stdin=subprocess.DEVNULL,
+                               stdout=subprocess.PIPE, env=private_environment(folder), text=True)
+    try:
+        same(30, len(os.read(ours, 4096)))
+        until = time.monotonic() + WAIT_S
+        while process.poll() is None and time.monotonic() < until:
+            os.write(ours, b".")
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                process.wait(2)  # the program reads each for a second only
+        same(1, process.poll())
+    finally:
+        process.terminate()
+        said, _ = process.communicate()
+        os.close(ours)
+        os.close(theirs)
+    assert "NOT FIT: version-size" in said, said
+
+
+def tapThatFailsIsNoVerdict(folder):
+    """Its transcript ends where the disk is full."""
+    build = build_with_tap(folder, f'#!/bin/bash\nulimit -f 1\ntrap "" XFSZ\nexec {BUILD}/simulator/boardtap "$@"\n')
+    with board(folder) as device:
+        said = ask(folder, device, "--build", build, status=2)
+    assert re.search(r"^check-board: cannot write .*: File too large", said, re.MULTILINE) and "FIT" not in said, said
+    same([], left_behind(folder, "boardsim"))
+
+
+def killedCheckLeavesNothing(folder):
+    """What it could not remove itself goes with the next one."""
+    with board(folder, "--fault", "silent@version") as device:
+        process = subprocess.Popen(command(folder, device), stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                   stderr=subprocess.DEVNULL, env=private_environment(folder))
+        await_("the query", lambda: "-> e7 1e" in text_of(folder / "recording"), process=process)
+        process.kill()
+        process.wait()
+        work, = (folder / "tmp").iterdir()
+        await_("the end of its processes", lambda: left_behind(folder, "boardsim") == [str(work)])
+    with board(folder) as device:
+        ask(folder, device)
+        same([str(work)], left_behind(folder, "boardsim"))  # it may have just been made
+        os.utime(work, (0, 0))
+        ask(folder, device)
+    same([], left_behind(folder, "boardsim"))
+
+
 def wrongUseEndsWith2(folder):
     (folder / "empty").touch()
+    (folder / "firmware").write_bytes(b"firmware")
+    os.mkfifo(folder / "fifo")
     with board(folder) as device:
         for words, why in (
                 ([], "DEVICE"), ([device, device], "unrecognized"), ([device, "--magic"], "--magic"),
                 ([device, "--limit", "0"], "seconds"), ([device, "--firmware", folder / "none"], "cannot be read"),
-                ([device, "--firmware", folder / "empty"], "is empty"), ([device, "--firmware", folder], "cannot be read"),
+                ([device, "--firmware", folder / "empty"], "is empty"), ([device, "--firmware", folder], "is no file"),
+                ([device, "--firmware", folder / "fifo"], "is no file"), ([device, "--firmware", "/dev/zero"], "is no file"),
+                ([device, "--firmware", folder / "firmware", "--recording", folder / "firmware"], "is the firmware"),
                 ([device, "--recording", "/proc/none/recording"], "cannot be written"),
                 ([folder / "none"], "there is no device"), ([folder], "is no serial device"),
                 ([folder / "empty"], "is no serial device"), (["/dev/null"], "is no serial device")):
             said = output(COMMAND, "--build", BUILD, "--recording", folder / "recording", *words, status=2)
             assert why in said and said.count("\n") == 1 and "Traceback" not in said, (words, said)
+    same(b"firmware", (folder / "firmware").read_bytes())
     same(0, summary(folder)["versionQueries"])
 
 
@@ -191,6 +264,26 @@ def ctrlCLeavesNothing(folder):
             await_("the end of everything", lambda: not left_behind(folder, "boardsim"))
             said = text_of(folder / "said")
             assert "Traceback" not in said and said.endswith("check-board: ended\n"), said
+
+
+def signalBeforeTheLineIsReadyLeavesNothing(folder):
+    tap = f"import pathlib, time\npathlib.Path('{folder}/started').touch()\ntime.sleep(1000)\n"
+    build = build_with_tap(folder, f"#!/usr/bin/python3\n{tap}")
+    with board(folder) as device:
+        process = subprocess.Popen(command(folder, device, "--build", build), stdin=subprocess.DEVNULL,
+                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env=private_environment(folder))
+        await_("the tap", (folder / "started").exists, process=process)
+        process.send_signal(signal.SIGINT)
+        same(130, process.wait(WAIT_S))
+        await_("the end of everything", lambda: not left_behind(folder, "boardsim"))
+
+
+def controlBytesAreToldFromText(_):
+    """Text of the board that names them is no refusal."""
+    judgement = Judgement(requirements.load())
+    frames = [Event(1, "->", "start frame: x"), Event(2, "<-", 'console text "NAK CA"', 10)]
+    judgement.transfer(Exchange(frames, {"transfer": "0"}))
+    same({"control-first"}, {name for name, one in judgement.findings.items() if one.status == NOT_MET})
 
 
 def helpNeedsNothing(_):

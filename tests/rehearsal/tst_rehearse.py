@@ -11,12 +11,18 @@ import pty
 import re
 import signal
 import subprocess
+import sys
 import time
+import unittest.mock
 
 import sets
 from facts import left_behind, output, private_environment, same
 from machine.paths import PROJECT
 from machine.watch import WAIT_S, await_
+
+sys.path.append(str(PROJECT))
+
+from rehearsal.host import Machine
 
 COMMAND = PROJECT / "scripts/rehearse"
 BUILD = os.environ["BUILD"]
@@ -210,6 +216,18 @@ def ctrlCLeavesNothing(folder):
         same(130, process.wait(WAIT_S))
         await_("the end of everything", lambda: not left_behind(folder))
         assert "Traceback" not in (folder / "said").read_text(encoding="utf-8")
+
+
+def machineThatHasJustBegunEndsAsAWhole(folder):
+    """A child does not yet end with its parent."""
+    script = folder / "run"
+    script.write_text(f"#!/bin/bash\nbash -c 'echo {{}}; exec -a {folder} sleep 1000' &\nwait\n")
+    script.chmod(0o755)
+    limits = {"limit": 1, "board_limit": 1, "limits": {}}
+    os.environ |= private_environment(folder)
+    with unittest.mock.patch("rehearsal.host.SANDBOX", script), Machine(folder, 0) as machine:
+        same({}, next(filter(lambda event: event is not None, machine.run(limits, [], "stand-in"))))
+    await_("the end of everything", lambda: not left_behind(folder))
 
 
 def twoAtATimeDoNotMix(folder):

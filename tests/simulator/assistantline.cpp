@@ -36,6 +36,17 @@ bool AssistantLine::send(const QByteArray &bytes)
         == bytes.size();
 }
 
+int AssistantLine::fill(const QByteArray &bytes)
+{
+    constexpr int kQuietMs = 300;
+    int sent = 0;
+    for (pollfd polled{m_descriptor, POLLOUT, 0}; poll(&polled, 1, kQuietMs) == 1;) {
+        const ssize_t size = write(m_descriptor, bytes.constData(), size_t(bytes.size()));
+        sent += size > 0 ? static_cast<int>(size) : 0;
+    }
+    return sent;
+}
+
 QByteArray AssistantLine::receive(int count)
 {
     QByteArray received;

@@ -19,6 +19,9 @@ public:
     /// Sends all of it in one write. False when not all of it was taken.
     bool send(const QByteArray &bytes);
 
+    /// Sends it until the line takes no more for a while. Returns how many bytes it has taken.
+    int fill(const QByteArray &bytes);
+
     /// Waits for `count` bytes; fewer when the line is hung up or nothing comes for ten seconds.
     QByteArray receive(int count);
 

@@ -92,6 +92,31 @@ void BoardProgram::sendSignal(int signal)
         kill(m_pid, signal);
 }
 
+bool BoardProgram::waitUntilAsleep()
+{
+    for (char state = 0; state != 'Z'; usleep(1000)) {
+        QFile file(QStringLiteral("/proc/%1/stat").arg(m_pid));
+        const QByteArray text = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+        state = text.mid(text.lastIndexOf(')') + 2, 1).append('Z').at(0);
+        if (state == 'S')
+            return true;
+    }
+    return false;
+}
+
+bool BoardProgram::diesOf(int signal)
+{
+    sendSignal(signal);
+    int status = 0;
+    for (int i = 0; i < kPatienceMs / 10; ++i, usleep(10000)) {
+        if (waitpid(m_pid, &status, WNOHANG) != m_pid)
+            continue;
+        m_pid = 0;
+        return WIFSIGNALED(status) && WTERMSIG(status) == signal;
+    }
+    return false;
+}
+
 int BoardProgram::waitForEnd()
 {
     while (readMore()) { }

@@ -22,6 +22,10 @@ public:
     /// Waits for a line of output with this in it.
     bool waitForOutput(const QByteArray &text);
     void sendSignal(int signal);
+    /// Waits until it sleeps, as in a call of the system. False when it has ended instead.
+    bool waitUntilAsleep();
+    /// Whether the signal, without any work left to do, is its end.
+    bool diesOf(int signal);
     /// The exit status, or -1 when it crashes or does not end.
     int waitForEnd();
     /// Has it end as its user does.

@@ -52,6 +52,7 @@ private slots:
     void fileThatCannotBeWrittenGivesStatus3_data();
     void fileThatCannotBeWrittenGivesStatus3();
     void imageThatCannotBeWrittenEndsItWithStatus3();
+    void fullDiskOfTheTranscriptGivesStatus3();
 
 private:
     QString path(const char *name) const
@@ -387,6 +388,14 @@ void TestBoardSimProgram::imageThatCannotBeWrittenEndsItWithStatus3()
     QVERIFY(line.send(last));
     QCOMPARE(program.waitForEnd(), 3);
     QVERIFY(program.errorOutput().startsWith("boardsim: cannot write "));
+}
+
+void TestBoardSimProgram::fullDiskOfTheTranscriptGivesStatus3()
+{
+    BoardProgram program({QStringLiteral("--transcript"), QStringLiteral("/dev/full")});
+    QVERIFY(!program.waitUntilReady().isEmpty());
+    QCOMPARE(program.end(), 3);
+    QCOMPARE(program.errorOutput(), QByteArray("boardsim: cannot write /dev/full\n"));
 }
 
 QTEST_GUILESS_MAIN(TestBoardSimProgram)

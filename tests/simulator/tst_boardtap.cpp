@@ -49,6 +49,9 @@ private slots:
     void goneDeviceComesBack();
     void endSignalEndsIt_data();
     void endSignalEndsIt();
+    void endSignalEndsTheWaitForAFifo_data();
+    void endSignalEndsTheWaitForAFifo();
+    void failedStartLeavesTheOldRecording();
     void wrongUsageGivesStatus2_data();
     void wrongUsageGivesStatus2();
     void deviceThatCannotBeOpenedIsSaid_data();
@@ -220,6 +223,42 @@ void TestBoardTap::endSignalEndsIt()
     QVERIFY(contentOf(path("recording")).contains("-> e7 1e\n"));
 }
 
+void TestBoardTap::endSignalEndsTheWaitForAFifo_data()
+{
+    QTest::addColumn<QString>("option");
+    for (const char *option : {"--transcript", "--record", "--read"})
+        QTest::newRow(option) << QString::fromLatin1(option);
+}
+
+/// Nobody has the other end of the FIFO open.
+void TestBoardTap::endSignalEndsTheWaitForAFifo()
+{
+    QFETCH(QString, option);
+    QCOMPARE(mkfifo(QFile::encodeName(path("fifo")).constData(), 0600), 0);
+    TestBoard board;
+    const QStringList more{option, path("fifo")};
+    BoardProgram program(option == QLatin1String("--read") ? more : watch(board.slaveName(), more));
+    QVERIFY(program.waitUntilAsleep());
+    QVERIFY(program.diesOf(SIGTERM));
+    QVERIFY(!QFileInfo(path("line")).isSymLink());
+}
+
+void TestBoardTap::failedStartLeavesTheOldRecording()
+{
+    QFile file(path("recording"));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write("of yesterday");
+    file.close();
+    BoardProgram failing(watch(path("missing"), {QStringLiteral("--record"), path("recording")}));
+    QCOMPARE(failing.waitForEnd(), 3);
+    QCOMPARE(contentOf(path("recording")), QByteArray("of yesterday"));
+    TestBoard board;
+    BoardProgram program(watch(board.slaveName(), {QStringLiteral("--record"), path("recording")}));
+    QVERIFY(!program.waitUntilReady().isEmpty());
+    QCOMPARE(program.end(), 0);
+    QVERIFY(contentOf(path("recording")).startsWith("serial line recording 1\n"));
+}
+
 void TestBoardTap::wrongUsageGivesStatus2_data()
 {
     QTest::addColumn<QStringList>("arguments");
@@ -376,7 +415,9 @@ void TestBoardTap::readerWhoDoesNotReadHoldsUpNothing()
     const int reader = open(fifo.constData(), O_RDWR | O_CLOEXEC);
     QVERIFY(reader >= 0);
     TestBoard board;
-    BoardProgram program(watch(board.slaveName(), {QStringLiteral("--transcript"), path("fifo")}));
+    BoardProgram program(watch(board.slaveName(),
+                               {QStringLiteral("--transcript"), path("fifo"),
+                                QStringLiteral("--record"), path("recording")}));
     QVERIFY(!program.waitUntilReady().isEmpty());
     AssistantLine line(path("line"));
     // Each makes 300 bytes of transcript; a FIFO takes 64 KiB.
@@ -386,6 +427,10 @@ void TestBoardTap::readerWhoDoesNotReadHoldsUpNothing()
     QCOMPARE(program.errorOutput(),
              QByteArray("boardtap: nobody reads the transcript: its end is lost\n"));
     QVERIFY(!QFileInfo(path("line")).isSymLink());
+    QString error;
+    const auto recording = readRecording(path("recording"), error);
+    QVERIFY2(recording, qPrintable(error));
+    QCOMPARE(recording->records.size(), 800);
     close(reader);
 }
 

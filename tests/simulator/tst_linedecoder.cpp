@@ -321,6 +321,11 @@ void TestLineDecoder::endlessBytesAreCut()
     }
     QVERIFY(watched.bytesToBoard.size() > 98000);
     QVERIFY(watched.bytesFromBoard.size() > 98000);
+
+    Watched asked;
+    for (int i = 0; i < 10; ++i)
+        asked.fromBoard(QByteArray(1000, 'C'));
+    QVERIFY(asked.bytesFromBoard.size() > 8000);
 }
 
 void TestLineDecoder::everyByteIsInOneEvent()

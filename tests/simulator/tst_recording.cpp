@@ -69,6 +69,11 @@ void TestRecording::recordsAreRead()
     QCOMPARE(records.at(1).kind, Record::Kind::FromBoard);
     QCOMPARE(records.at(2).ms, 999999999999);
     QCOMPARE(records.at(2).kind, Record::Kind::HangUp);
+
+    QString error;
+    const auto head = parseRecording(kHead + "board: V4 # of mine\n", error);
+    QVERIFY2(head, qPrintable(error));
+    QCOMPARE(head->board, QStringLiteral("V4"));
 }
 
 void TestRecording::linesMayEndAsOnOtherSystems()

@@ -4,6 +4,8 @@
 
 #include <QtTest>
 
+#include <array>
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <thread>
 #include <unistd.h>
@@ -52,6 +54,16 @@ public:
         const auto size = static_cast<size_t>(bytes.size());
         return write(m_board.masterDescriptor(), bytes.constData(), size) == bytes.size();
     }
+    /// How many bytes reach the board until nothing comes for a while.
+    int receiveAll()
+    {
+        constexpr int kQuietMs = 1000;
+        int received = 0;
+        std::array<char, 4096> buffer{};
+        for (pollfd polled{m_board.masterDescriptor(), POLLIN, 0}; poll(&polled, 1, kQuietMs) == 1;)
+            received += static_cast<int>(read(polled.fd, buffer.data(), buffer.size()));
+        return received;
+    }
     bool told(const QByteArray &text)
     {
         takeEvents();
@@ -89,6 +101,7 @@ private slots:
     void closedSerialPortHearsNothing();
     void closedPseudoTerminalKeepsAll();
     void closingDropsWhatIsUnread();
+    void bytesOfAProgramThatHasClosedReachTheBoard();
     void lineIsOpenUntilTheLastOneCloses();
     void pseudoTerminalIsToldFromOthers();
 };
@@ -133,6 +146,16 @@ void TestTheTap::closingDropsWhatIsUnread()
     AssistantLine second(tap.link());
     QVERIFY(tap.send("x"));
     QCOMPARE(second.receive(1), QByteArray("x"));
+}
+
+void TestTheTap::bytesOfAProgramThatHasClosedReachTheBoard()
+{
+    TestTap tap(Tap::Unheard::Dropped);
+    AssistantLine line(tap.link());
+    const int sent = line.fill("0123456789abcdef"); // the board takes nothing
+    QVERIFY(sent > 64 * 1024);
+    line.close();
+    QCOMPARE(tap.receiveAll(), sent);
 }
 
 void TestTheTap::lineIsOpenUntilTheLastOneCloses()
