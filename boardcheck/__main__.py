@@ -1,5 +1,9 @@
 """The command scripts/check-board: asks a board what the program will ask, and says which requirements it meets."""
 
+import signal
+
+signal.signal(signal.SIGINT, signal.SIG_DFL)  # before the imports that take a while: no traceback
+
 import contextlib
 import hashlib
 import json

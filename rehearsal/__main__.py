@@ -1,5 +1,9 @@
 """The command scripts/rehearse: inspects packages, runs their update on a simulated machine, and writes the report."""
 
+import signal
+
+signal.signal(signal.SIGINT, signal.SIG_DFL)  # before the imports that take a while: no traceback
+
 import contextlib
 import fcntl
 import json
