@@ -1,3 +1,5 @@
+#include "qtversion.h"
+
 #include <QGuiApplication>
 #include <QQmlApplicationEngine>
 #include <QUrl>
@@ -5,7 +7,7 @@
 // The smallest program with the imports of the update screen. Reference for start and memory.
 int main(int argc, char **argv)
 {
-    QCoreApplication::setAttribute(Qt::AA_EnableHighDpiScaling, true);
+    enableHighDpiScaling();
     QGuiApplication app(argc, argv);
     QQmlApplicationEngine engine;
     engine.load(QUrl(QStringLiteral("qrc:/leastscreen.qml")));

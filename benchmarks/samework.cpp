@@ -1,3 +1,5 @@
+#include "qtversion.h"
+
 #include <QGuiApplication>
 #include <QQmlApplicationEngine>
 #include <QQmlContext>
@@ -27,7 +29,7 @@ QStringList listing(const char *command)
 
 int main(int argc, char **argv)
 {
-    QCoreApplication::setAttribute(Qt::AA_EnableHighDpiScaling, true);
+    enableHighDpiScaling();
     QGuiApplication app(argc, argv);
     QStringList packages = listing("ls /tmp/ota/*.ipk");
     if (packages.isEmpty())
