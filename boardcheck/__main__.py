@@ -29,6 +29,7 @@ FIT, NOT_FIT, INTERRUPTED = 0, 1, 130
 PROGRAM_END_S = 15  # longer than the program waits for a silent board in a transfer
 WAITING_S = 3  # after a reply, until the program is known to wait on
 TRY_S = 5  # for each query to a new application
+FEW_REPLIES = 3  # that may come after a frame
 LEAST_TRIES = 2  # however long a machine takes to start: what is left of the transfer may spoil the first
 MACHINE_S = 120  # for the start of the simulated machine
 MOST_REMARKS = 8
@@ -168,9 +169,13 @@ class Check:
         return 0, PROGRAM_END_S
 
     def _until_sent(self, events):
-        """Replies alone are no sign: a board that talks without an end is given up."""
-        frames = [event for event in events if event.mark == "->" and not event.meaning.startswith("further")]
-        return len(frames), PROGRAM_END_S + self._given.limit
+        """A board that talks without an end is given up. When it is silent, the program ends by itself, on a busy host
+        late."""
+        replies = 0
+        for event in events:
+            replies = 0 if is_new_frame(event) else replies + (event.mark == "<-")
+        frames = sum(map(is_new_frame, events))
+        return (frames, min(replies, FEW_REPLIES)), PROGRAM_END_S + self._given.limit if replies else MACHINE_S
 
     def _show(self, events):
         block = next(filter(None, (BLOCK.match(event.meaning) for event in reversed(events))), None)
@@ -178,6 +183,10 @@ class Check:
             self._block = block[0]
             self._progress.transfer(int(block[1]), int(block[2]))
         self._progress.tick()
+
+
+def is_new_frame(event):
+    return event.mark == "->" and not event.meaning.startswith("further")
 
 
 def facts_of(given, firmware, rows, asked, started):
