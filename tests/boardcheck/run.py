@@ -122,7 +122,7 @@ def first_of_a_kind(cases):
     for case in cases:
         kind, _, place = case.name.rpartition("@")
         if not place.startswith(("block:first", "block:last")):
-            chosen.setdefault((kind.partition("=")[0], place, tuple(case.breaks)) if kind else case.name, case)
+            chosen.setdefault((kind.partition("=")[0], *sorted(case.breaks)) if kind else case.name, case)
     return list(chosen.values())
 
 
@@ -130,7 +130,7 @@ def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__)
     add_arguments(parser, "fault", CHECKS_PER_CORE)
     parser.add_argument("--build", type=pathlib.Path, default=PROJECT / "build/dev", help="build tree of the programs")
-    parser.add_argument("--all", action="store_true", help="run all of a kind at a place, not only the first, and those at the first and at the last block")
+    parser.add_argument("--all", action="store_true", help="run all of a kind, not only the first that breaks the same, and those at the first and at the last block")
     parser.add_argument("--list", action="store_true", help="list the faults without running them")
     return parser.parse_args()
 
