@@ -10,7 +10,7 @@ from rehearsal.host import OWN_FAULT, SANDBOX, HostError, end_group, text_of
 PROGRAM_DEVICE = "/dev/ttymxc1"  # the fixed paths of the program
 PROGRAM_FIRMWARE = "/root/mcu/UpdataSystem.bin"
 POLL_S = 0.05
-TOLD_S = 1  # until the tap has told what came
+QUIET_S = 1  # a malformed reply ends with 250 ms of silence; the next request comes later
 TAP_ENDS = (0, 1)  # exit statuses of a tap that has told all
 LINE = re.compile(r" *(\d+\.\d+) (->|<-|--|!!) (.*)")
 FRAME = re.compile(r"(.*) \((\d+) bytes?\): .*")
@@ -155,7 +155,7 @@ class Line:
             said.seek(0)
             results = (line.rstrip("\n").partition(": ") for line in said)
             exchange.results = {name: result for name, _, result in results if name in names}
-        time.sleep(TOLD_S)  # else what is malformed could be told after the next request
+        time.sleep(QUIET_S)
         self.settle()
         if machine.returncode == OWN_FAULT and not self._tap.has_gone:
             raise HostError(text_of(self._errors).strip().removeprefix("sandbox/run: "))
