@@ -52,9 +52,9 @@ void LineQueue::deviceReturned(TimePoint now)
     add([=](LineListener &listener) { listener.deviceReturned(now); });
 }
 
-void LineQueue::bytesUnread(TimePoint now, qint64 count)
+void LineQueue::noted(TimePoint now, const QString &text)
 {
-    add([=](LineListener &listener) { listener.bytesUnread(now, count); });
+    add([=](LineListener &listener) { listener.noted(now, text); });
 }
 
 void LineQueue::add(Event event)

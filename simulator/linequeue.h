@@ -27,7 +27,7 @@ public:
     void bytesUnheard(TimePoint now, const QByteArray &bytes) override;
     void deviceGone(TimePoint now) override;
     void deviceReturned(TimePoint now) override;
-    void bytesUnread(TimePoint now, qint64 count) override;
+    void noted(TimePoint now, const QString &text) override;
 
 private:
     void add(Event event);

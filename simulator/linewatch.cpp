@@ -45,7 +45,7 @@ void LineWatch::bytesUnheard(TimePoint now, const QByteArray &bytes)
 void LineWatch::deviceGone(TimePoint now)
 {
     m_decoder.flush();
-    tellNote(now, QStringLiteral("device has gone"));
+    noted(now, QStringLiteral("device has gone"));
     if (m_recorder)
         m_recorder->happened(now, Record::Kind::HangUp);
     m_report.hungUp = true;
@@ -59,14 +59,14 @@ void LineWatch::hungUp(TimePoint now)
 
 void LineWatch::deviceReturned(TimePoint now)
 {
-    tellNote(now, QStringLiteral("device is back"));
+    noted(now, QStringLiteral("device is back"));
     if (m_recorder)
         m_recorder->happened(now, Record::Kind::Return);
 }
 
-void LineWatch::bytesUnread(TimePoint now, qint64 count)
+void LineWatch::noted(TimePoint now, const QString &text)
 {
-    tellNote(now, QStringLiteral("no program reads: %1 bytes are lost").arg(count));
+    tell({now, false, {}, text, {}, std::nullopt});
 }
 
 void LineWatch::end(TimePoint now, const QString &text)
@@ -75,11 +75,6 @@ void LineWatch::end(TimePoint now, const QString &text)
     if (m_recorder)
         m_recorder->flush();
     m_transcript.note(now, text);
-}
-
-void LineWatch::tellNote(TimePoint now, const QString &text)
-{
-    tell({now, false, {}, text, {}, std::nullopt});
 }
 
 void LineWatch::tell(const LineEvent &event)

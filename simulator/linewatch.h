@@ -33,7 +33,7 @@ public:
     void bytesUnheard(TimePoint now, const QByteArray &bytes) override;
     void deviceGone(TimePoint now) override;
     void deviceReturned(TimePoint now) override;
-    void bytesUnread(TimePoint now, qint64 count) override;
+    void noted(TimePoint now, const QString &text) override;
 
     /// Called when deadline() has come.
     virtual void step(TimePoint now) { m_decoder.step(now); }
@@ -44,7 +44,6 @@ public:
 
 private:
     void tell(const LineEvent &event);
-    void tellNote(TimePoint now, const QString &text);
 
     const TimePoint m_start;
     Report &m_report;

@@ -90,6 +90,12 @@ bool PseudoTerminal::isOpen()
     return poll(&master, 1, 0) <= 0 || (master.revents & POLLHUP) == 0;
 }
 
+bool PseudoTerminal::hasLineSpeed() const
+{
+    termios settings{};
+    return tcgetattr(m_master, &settings) != 0 || cfgetospeed(&settings) == B115200;
+}
+
 int PseudoTerminal::dropUnread()
 {
     int count = 0;

@@ -32,6 +32,9 @@ public:
     /// Takes what programsDescriptor() has. True while a program has the line open.
     bool isOpen();
 
+    /// False when a program has set another speed than kLineSpeed.
+    bool hasLineSpeed() const;
+
     /// Drops what no program has read. Returns the number of bytes.
     int dropUnread();
 

@@ -1,5 +1,7 @@
 #include "tap.h"
 
+#include "recording.h"
+
 #include <QFileInfo>
 
 #include <algorithm>
@@ -152,7 +154,24 @@ void Tap::lookForPrograms()
     const int count = m_toProgram.size() + m_terminal.dropUnread();
     m_toProgram.clear();
     if (count > 0)
-        m_listener.bytesUnread(Clock::now(), count);
+        noteUnread(Clock::now(), count);
+}
+
+/// A real line would carry garbage at another speed than the board's; this one carries the bytes.
+void Tap::lookAtSpeed()
+{
+    const bool hadLineSpeed = std::exchange(m_hasLineSpeed, m_terminal.hasLineSpeed());
+    if (hadLineSpeed && !m_hasLineSpeed)
+        m_listener.noted(Clock::now(),
+                         QStringLiteral("the program has set another speed than %1 baud; "
+                                        "the board would not understand it without the tap")
+                             .arg(kLineSpeed));
+}
+
+/// These bytes went over the line, but not on.
+void Tap::noteUnread(TimePoint now, qint64 count)
+{
+    m_listener.noted(now, QStringLiteral("no program reads: %1 bytes are lost").arg(count));
 }
 
 /// False when there was nothing to carry.
@@ -162,6 +181,7 @@ bool Tap::carryToBoard(Limit limit)
     if ((limit == Limit::Waiting && m_toDevice.size() >= kMaxWaiting)
         || readSome(m_terminal.masterDescriptor(), bytes) != Input::Bytes)
         return false;
+    lookAtSpeed();
     m_toDevice += bytes;
     // Before the listener, which takes its time.
     const bool isWritten = writeSome(m_device.descriptor(), m_toDevice);
@@ -186,7 +206,7 @@ bool Tap::carryFromBoard()
     m_listener.bytesPassed(now, false, bytes);
     // As on a line where nobody reads: the oldest bytes stay.
     if (m_toProgram.size() > kMaxWaiting) {
-        m_listener.bytesUnread(now, m_toProgram.size() - kMaxWaiting);
+        noteUnread(now, m_toProgram.size() - kMaxWaiting);
         m_toProgram.truncate(kMaxWaiting);
     }
     return true;

@@ -18,8 +18,8 @@ public:
     virtual void bytesUnheard(TimePoint now, const QByteArray &bytes) = 0;
     virtual void deviceGone(TimePoint now) = 0;
     virtual void deviceReturned(TimePoint now) = 0;
-    /// Bytes for a program that does not read them; they went over the line, but not on.
-    virtual void bytesUnread(TimePoint now, qint64 count) = 0;
+    /// Something that a user of the line has to know.
+    virtual void noted(TimePoint now, const QString &text) = 0;
 };
 
 /// Carries the bytes between a serial device and a pseudo-terminal, unchanged, in both directions.
@@ -57,6 +57,8 @@ private:
     bool openTerminal();
     int timeoutMs() const;
     void lookForPrograms();
+    void lookAtSpeed();
+    void noteUnread(TimePoint now, qint64 count);
     bool carryToBoard(Limit limit);
     bool carryFromBoard();
     bool writeOut();
@@ -68,10 +70,11 @@ private:
     LineListener &m_listener;
     SerialDevice m_device;
     PseudoTerminal m_terminal;
-    bool m_isOpen = true;   // by a program; where bytes are kept, always
-    QByteArray m_toDevice;  // read, not yet written
-    QByteArray m_toProgram; // as well
-    TimePoint m_nextTry{};  // to open a device that has gone
+    bool m_isOpen = true;       // by a program; where bytes are kept, always
+    bool m_hasLineSpeed = true; // set by the program
+    QByteArray m_toDevice;      // read, not yet written
+    QByteArray m_toProgram;     // as well
+    TimePoint m_nextTry{};      // to open a device that has gone
     QString m_errorText;
 };
 

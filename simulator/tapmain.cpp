@@ -203,10 +203,10 @@ public:
         for (LineQueue *queue : m_queues)
             queue->deviceReturned(now);
     }
-    void bytesUnread(TimePoint now, qint64 count) override
+    void noted(TimePoint now, const QString &text) override
     {
         for (LineQueue *queue : m_queues)
-            queue->bytesUnread(now, count);
+            queue->noted(now, text);
     }
 
 private:

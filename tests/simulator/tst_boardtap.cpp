@@ -13,6 +13,7 @@
 #include <memory>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <termios.h>
 #include <unistd.h>
 
 using namespace boardsim;
@@ -34,6 +35,17 @@ QList<QByteArray> events(const QByteArray &transcript)
             lines << line.mid(line.indexOf('.') + 5);
     }
     return lines;
+}
+
+/// Of the line, as a program that has it open does.
+bool setSpeed(const QString &device, speed_t speed)
+{
+    const int line = open(QFile::encodeName(device).constData(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    termios settings{};
+    const bool isSet = tcgetattr(line, &settings) == 0 && cfsetispeed(&settings, speed) == 0
+        && cfsetospeed(&settings, speed) == 0 && tcsetattr(line, TCSANOW, &settings) == 0;
+    close(line);
+    return isSet;
 }
 
 } // namespace
@@ -58,6 +70,7 @@ private slots:
     void deviceThatCannotBeOpenedIsSaid();
     void deviceWithoutRightsIsSaid();
     void existingFileIsNoLink();
+    void otherSpeedOfTheProgramIsSaid();
     void fullDiskDoesNotStopTheLine();
     void fullDiskOfTheTranscriptIsSaid();
     void fullDiskOfAReadRecordingIsSaid();
@@ -344,6 +357,22 @@ void TestBoardTap::existingFileIsNoLink()
     QCOMPARE(itself.errorOutput(),
              "boardtap: " + path("line").toLatin1() + " is the device itself\n");
     QCOMPARE(QFile::symLinkTarget(path("line")), board.slaveName());
+}
+
+void TestBoardTap::otherSpeedOfTheProgramIsSaid()
+{
+    TestBoard board;
+    BoardProgram program(watch(board.slaveName(), {QStringLiteral("--transcript"), path("t")}));
+    QVERIFY(!program.waitUntilReady().isEmpty());
+    AssistantLine line(path("line"));
+    QVERIFY(setSpeed(path("line"), B9600));
+    for (int i = 0; i < 2; ++i)
+        QCOMPARE(line.exchange(goodVersionQuery(), 36).size(), 36);
+    QVERIFY(setSpeed(path("line"), B115200));
+    QCOMPARE(line.exchange(goodVersionQuery(), 36).size(), 36);
+    QCOMPARE(program.end(), 0);
+    QCOMPARE(contentOf(path("t")).count(" -- the program has set another speed than 115200 baud"),
+             1);
 }
 
 void TestBoardTap::fullDiskDoesNotStopTheLine()
