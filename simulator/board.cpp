@@ -1,6 +1,6 @@
 #include "board.h"
 
-#include <QFile>
+#include "program.h"
 
 namespace boardsim {
 
@@ -179,11 +179,10 @@ void Board::keepImage(TimePoint now)
                       QStringLiteral("transfer is complete, image of %1 bytes").arg(image.size()));
     if (m_options.imageFile.isEmpty())
         return;
-    QFile file(m_options.imageFile);
-    if (!file.open(QIODevice::WriteOnly) || file.write(image) != image.size() || !file.flush())
-        m_transcript.failed(
-            now,
-            QStringLiteral("cannot write %1: %2").arg(m_options.imageFile, file.errorString()));
+    const QString fault = writeWhole(m_options.imageFile, image);
+    if (!fault.isEmpty())
+        m_transcript.failed(now,
+                            QStringLiteral("cannot write %1: %2").arg(m_options.imageFile, fault));
 }
 
 } // namespace boardsim

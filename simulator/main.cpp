@@ -26,17 +26,18 @@ int run(const CommandLine &line)
 {
     Options options = line.options;
     QFile transcript;
-    bool hasLostTranscript = false;
+    QString transcriptFault;
     if (!line.transcriptFile.isEmpty()) {
         if (!openOutput(transcript, line.transcriptFile))
-            return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.transcriptFile));
-        options.transcript = sinkTo(transcript, hasLostTranscript);
+            return failToWrite(kName, line.transcriptFile, transcript.errorString());
+        options.transcript = sinkTo(transcript, transcriptFault);
     }
     const sigset_t endSignals = blockEndSignals();
 
     for (const QString &path : {line.summaryFile, options.imageFile}) {
-        if (!path.isEmpty() && !isInWritableDirectory(path))
-            return fail(kName, Failed, QStringLiteral("cannot write %1").arg(path));
+        const QString fault = path.isEmpty() ? QString() : faultOfDirectory(path);
+        if (!fault.isEmpty())
+            return failToWrite(kName, path, fault);
     }
 
     BoardSimulator simulator(options);
@@ -51,12 +52,15 @@ int run(const CommandLine &line)
     simulator.stop();
 
     const Report report = simulator.report();
-    if (!line.summaryFile.isEmpty() && !writeSummary(line.summaryFile, report))
-        return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.summaryFile));
+    if (!line.summaryFile.isEmpty()) {
+        const QString fault = writeSummary(line.summaryFile, report);
+        if (!fault.isEmpty())
+            return failToWrite(kName, line.summaryFile, fault);
+    }
     if (!report.errors.isEmpty())
         return fail(kName, Failed, report.errors.join(QLatin1String("; ")));
-    if (hasLostTranscript)
-        return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.transcriptFile));
+    if (!transcriptFault.isEmpty())
+        return failToWrite(kName, line.transcriptFile, transcriptFault);
     if (!report.difference.isEmpty())
         return fail(kName, Violated, report.difference.trimmed());
     if (options.replay)

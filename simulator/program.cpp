@@ -5,6 +5,8 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <unistd.h>
 
 namespace boardsim {
 
@@ -14,10 +16,17 @@ int fail(const char *program, ExitStatus status, const QString &text)
     return status;
 }
 
-bool isInWritableDirectory(const QString &path)
+int failToWrite(const char *program, const QString &path, const QString &why)
 {
-    const QFileInfo directory(QFileInfo(path).absolutePath());
-    return directory.isDir() && directory.isWritable();
+    return fail(program, Failed, QStringLiteral("cannot write %1: %2").arg(path, why));
+}
+
+QString faultOfDirectory(const QString &path)
+{
+    const QByteArray directory =
+        QFile::encodeName(QFileInfo(path).absolutePath() + QLatin1Char('/'));
+    return access(directory.constData(), W_OK) == 0 ? QString()
+                                                    : QString::fromLocal8Bit(std::strerror(errno));
 }
 
 bool openOutput(QFile &file, const QString &path)
@@ -28,12 +37,13 @@ bool openOutput(QFile &file, const QString &path)
     return file.open(QIODevice::WriteOnly);
 }
 
-LineSink sinkTo(QFile &file, bool &hasFailed)
+LineSink sinkTo(QFile &file, QString &fault)
 {
     return [&](const QByteArray &line) {
         file.write(line + '\n');
         const bool isWritten = file.flush(); // somebody follows the file
-        hasFailed = hasFailed || (!isWritten && errno != EPIPE);
+        if (!isWritten && errno != EPIPE)
+            fault = file.errorString();
     };
 }
 
@@ -48,11 +58,17 @@ sigset_t blockEndSignals()
     return endSignals;
 }
 
-bool writeSummary(const QString &path, const Report &report)
+QString writeWhole(const QString &path, const QByteArray &content)
 {
     QFile file(path);
-    const QByteArray text = QJsonDocument(toJson(report)).toJson();
-    return file.open(QIODevice::WriteOnly) && file.write(text) == text.size() && file.flush();
+    const bool isWritten =
+        file.open(QIODevice::WriteOnly) && file.write(content) == content.size() && file.flush();
+    return isWritten ? QString() : file.errorString();
+}
+
+QString writeSummary(const QString &path, const Report &report)
+{
+    return writeWhole(path, QJsonDocument(toJson(report)).toJson());
 }
 
 } // namespace boardsim

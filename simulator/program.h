@@ -22,22 +22,28 @@ enum ExitStatus {
 /// Prints the text as an error of the program; returns `status`.
 int fail(const char *program, ExitStatus status, const QString &text);
 
-/// Looked at first: a wrong path ends the program at the start, not when there is data to lose.
-bool isInWritableDirectory(const QString &path);
+/// Prints that the file cannot be written, and why; returns Failed.
+int failToWrite(const char *program, const QString &path, const QString &why);
+
+/// Why the directory of the file takes no file; empty when it does. Looked at first: a wrong path
+/// ends the program at the start, not when there is data to lose.
+QString faultOfDirectory(const QString &path);
 
 /// "-" is standard output.
 [[nodiscard]] bool openOutput(QFile &file, const QString &path);
 
-/// `file` and `hasFailed` must outlive the sink. `hasFailed` is set when a line could not be
-/// written, unless its reader has gone.
-LineSink sinkTo(QFile &file, bool &hasFailed);
+/// `file` and `fault` must outlive the sink. `fault` tells why a line could not be written, unless
+/// its reader has gone.
+LineSink sinkTo(QFile &file, QString &fault);
 
 /// The signals that end the program; blocked before any thread starts, so that all inherit that,
 /// and after files are opened: to open a FIFO may take any time. A reader of the transcript that
 /// goes ends nothing.
 sigset_t blockEndSignals();
 
-[[nodiscard]] bool writeSummary(const QString &path, const Report &report);
+/// Returns why it cannot; empty when it has.
+[[nodiscard]] QString writeWhole(const QString &path, const QByteArray &content);
+[[nodiscard]] QString writeSummary(const QString &path, const Report &report);
 
 } // namespace boardsim
 

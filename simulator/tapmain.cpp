@@ -78,6 +78,7 @@ public:
     }
 
     bool hasFailed() const { return m_hasFailed; }
+    QString errorText() const { return m_file.errorString(); }
 
     /// Shows what fails there, too.
     void tell(TransferView &view) { m_view = &view; }
@@ -170,8 +171,11 @@ private:
 
 int finish(const TapCommandLine &line, const Report &report)
 {
-    if (!line.summaryFile.isEmpty() && !writeSummary(line.summaryFile, report))
-        return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.summaryFile));
+    if (!line.summaryFile.isEmpty()) {
+        const QString fault = writeSummary(line.summaryFile, report);
+        if (!fault.isEmpty())
+            return failToWrite(kName, line.summaryFile, fault);
+    }
     return report.violations.isEmpty() ? Good : Violated;
 }
 
@@ -237,7 +241,7 @@ int read(const TapCommandLine &line, GrowingFile &transcript, const LineSink &si
     bool isWritten = true;
     if (!line.eventsFile.isEmpty()) {
         if (!openOutput(events, line.eventsFile))
-            return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.eventsFile));
+            return failToWrite(kName, line.eventsFile, events.errorString());
         watch.keepNoEvents();
         const auto write = [&](const QByteArray &text) {
             isWritten = isWritten && events.write(text) == text.size();
@@ -247,12 +251,11 @@ int read(const TapCommandLine &line, GrowingFile &transcript, const LineSink &si
     }
     watchRecording(*recording, start, watch);
     if (!isWritten || (events.isOpen() && !events.flush()))
-        return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.eventsFile));
+        return failToWrite(kName, line.eventsFile, events.errorString());
     if (!line.imageFile.isEmpty()) {
-        QFile file(line.imageFile);
-        const QByteArray image = report.lastTransfer().image;
-        if (!file.open(QIODevice::WriteOnly) || file.write(image) != image.size() || !file.flush())
-            return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.imageFile));
+        const QString fault = writeWhole(line.imageFile, report.lastTransfer().image);
+        if (!fault.isEmpty())
+            return failToWrite(kName, line.imageFile, fault);
     }
     const int status = finish(line, report);
     if (transcript.hasFailed())
@@ -308,7 +311,7 @@ int watch(const TapCommandLine &line, GrowingFile &transcript, const LineSink &s
 {
     GrowingFile recording(true);
     if (!line.recordFile.isEmpty() && !recording.openRecording(line.recordFile))
-        return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.recordFile));
+        return failToWrite(kName, line.recordFile, recording.errorText());
     sigset_t endSignals = blockEndSignals();
     const TimePoint start = Clock::now();
     Report report;
@@ -387,14 +390,17 @@ int view(const TapCommandLine &line, const GrowingFile &transcript, const LineSi
 int run(const TapCommandLine &line)
 {
     std::signal(SIGPIPE, SIG_IGN); // a reader of the transcript that goes ends nothing
-    if (!line.summaryFile.isEmpty() && !isInWritableDirectory(line.summaryFile))
-        return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.summaryFile));
+    if (!line.summaryFile.isEmpty()) {
+        const QString fault = faultOfDirectory(line.summaryFile);
+        if (!fault.isEmpty())
+            return failToWrite(kName, line.summaryFile, fault);
+    }
     const bool isWatching = line.action == TapCommandLine::Action::Watch;
     GrowingFile transcript(isWatching);
     LineSink sink;
     if (!line.transcriptFile.isEmpty()) {
         if (!transcript.openTranscript(line.transcriptFile))
-            return fail(kName, Failed, QStringLiteral("cannot write %1").arg(line.transcriptFile));
+            return failToWrite(kName, line.transcriptFile, transcript.errorText());
         sink = [&transcript](const QByteArray &text) { transcript.write(text + '\n'); };
     }
     switch (line.action) {

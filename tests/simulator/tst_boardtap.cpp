@@ -70,6 +70,8 @@ private slots:
     void deviceThatCannotBeOpenedIsSaid();
     void deviceWithoutRightsIsSaid();
     void existingFileIsNoLink();
+    void fileThatCannotBeWrittenIsSaid_data();
+    void fileThatCannotBeWrittenIsSaid();
     void otherSpeedOfTheProgramIsSaid();
     void fullDiskDoesNotStopTheLine();
     void fullDiskOfTheTranscriptIsSaid();
@@ -357,6 +359,24 @@ void TestBoardTap::existingFileIsNoLink()
     QCOMPARE(itself.errorOutput(),
              "boardtap: " + path("line").toLatin1() + " is the device itself\n");
     QCOMPARE(QFile::symLinkTarget(path("line")), board.slaveName());
+}
+
+void TestBoardTap::fileThatCannotBeWrittenIsSaid_data()
+{
+    QTest::addColumn<QString>("option");
+    for (const char *option : {"--record", "--transcript", "--summary"})
+        QTest::newRow(option) << QString::fromLatin1(option);
+}
+
+void TestBoardTap::fileThatCannotBeWrittenIsSaid()
+{
+    QFETCH(QString, option);
+    TestBoard board;
+    BoardProgram program(watch(board.slaveName(), {option, path("missing/file")}));
+    QCOMPARE(program.waitForEnd(), 3);
+    QCOMPARE(program.errorOutput(),
+             "boardtap: cannot write " + path("missing/file").toLatin1()
+                 + ": No such file or directory\n");
 }
 
 void TestBoardTap::otherSpeedOfTheProgramIsSaid()
