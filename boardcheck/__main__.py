@@ -1,8 +1,8 @@
 """The command scripts/check-board: asks a board what the program will ask, and says which requirements it meets."""
 
-import signal
+from rehearsal.interrupt import end_without_traceback
 
-signal.signal(signal.SIGINT, signal.SIG_DFL)  # before the imports that take a while: no traceback
+end_without_traceback()
 
 import contextlib
 import hashlib

@@ -1,8 +1,8 @@
 """The command scripts/rehearse: inspects packages, runs their update on a simulated machine, and writes the report."""
 
-import signal
+from rehearsal.interrupt import end_without_traceback
 
-signal.signal(signal.SIGINT, signal.SIG_DFL)  # before the imports that take a while: no traceback
+end_without_traceback()
 
 import contextlib
 import fcntl

@@ -1,9 +1,12 @@
 """Makes the page of a recording; scripts/draw-recording calls it."""
 
+from rehearsal.interrupt import end_without_traceback
+
+end_without_traceback()
+
 import argparse
 import json
 import pathlib
-import signal
 import subprocess
 import sys
 
@@ -38,7 +41,6 @@ def draw(boardtap, recording):
 
 
 def main():
-    signal.signal(signal.SIGINT, signal.SIG_DFL)
     parser = argparse.ArgumentParser(prog="scripts/draw-recording", add_help=False)
     parser.add_argument("recording", type=pathlib.Path)
     parser.add_argument("page", type=pathlib.Path, nargs="?")

@@ -266,6 +266,24 @@ def ctrlCLeavesNothing(folder):
             assert "Traceback" not in said and said.endswith("check-board: ended\n"), said
 
 
+def holds_back_interrupt(process):
+    """Whether it is a Python that has the signal blocked, or has a handler of its own."""
+    status = text_of(f"/proc/{process.pid}/status")
+    masks = re.findall(r"^Sig(?:Blk|Cgt):\t(\w+)", status, re.MULTILINE)
+    return "python3" in status and any(int(mask, 16) >> signal.SIGINT - 1 & 1 for mask in masks)
+
+
+def ctrlCWhilePythonStartsIsQuiet(folder):
+    with board(folder, "--fault", "silent@version") as device:
+        process = subprocess.Popen(command(folder, device), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                   stderr=subprocess.STDOUT, env=private_environment(folder))
+        while process.poll() is None and not holds_back_interrupt(process):
+            pass  # a pause would miss the start
+        process.send_signal(signal.SIGINT)
+        said, _ = process.communicate(timeout=WAIT_S)
+        assert process.returncode in (-signal.SIGINT, 130) and b"Traceback" not in said, (process.returncode, said)
+
+
 def signalBeforeTheLineIsReadyLeavesNothing(folder):
     tap = f"import pathlib, time\npathlib.Path('{folder}/started').touch()\ntime.sleep(1000)\n"
     build = build_with_tap(folder, f"#!/usr/bin/python3\n{tap}")
