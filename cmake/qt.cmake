@@ -19,7 +19,15 @@ else()
 endif()
 set(qt Qt${UPDATE_ASSISTANT_QT}) # with which the names of its targets begin
 
+# assistant_generate_moc(SOURCE MOC ...) and
 # assistant_add_resources(SOURCES COLLECTION [OPTIONS ...]): Qt 5.12 has no command without a version.
+macro(assistant_generate_moc)
+    if(UPDATE_ASSISTANT_QT EQUAL 5)
+        qt5_generate_moc(${ARGN})
+    else()
+        qt6_generate_moc(${ARGN})
+    endif()
+endmacro()
 macro(assistant_add_resources)
     if(UPDATE_ASSISTANT_QT EQUAL 5)
         qt5_add_resources(${ARGN})
