@@ -17,7 +17,7 @@ import table
 from parallel import add_arguments, chosen, run_all
 
 # A row mostly waits for the serial line, so many machines run at a time; emulated programs need the processor.
-MACHINES_PER_CORE = 4 if os.environ.get("UPDATE_ASSISTANT_EMULATOR") else 8
+MACHINES_PER_CORE = 4 if os.environ.get("UPDATE_ASSISTANT_EMULATOR") else 12
 STARTS_PER_CORE = 2  # a start needs the processor; more of them would make the machines that run late
 RUNS = 3  # of a row, when its machine stood still: the host had no time for it, which says nothing about the row
 HELD_UP = 75  # the exit status of run_row.py for that
