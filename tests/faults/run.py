@@ -62,22 +62,44 @@ def chosen_rows(names, opkg, tap):
     return chosen(rows, names)
 
 
-async def run_row(row, arguments, packages, machines, starts):
+class Host:
+    """What the rows share."""
+
+    def __init__(self, rows, jobs):
+        cores = os.cpu_count() or 1
+        self.machines = asyncio.Semaphore(jobs)
+        self.starts = asyncio.Semaphore(STARTS_PER_CORE * cores)
+        self.again = asyncio.Semaphore(cores)
+        self._left = rows
+        self._all_ran = asyncio.Event()
+
+    def row_ran(self):
+        self._left -= 1
+        if not self._left:
+            self._all_ran.set()
+
+    async def all_ran(self):
+        await self._all_ran.wait()
+
+
+async def run_row(row, arguments, packages, host):
     """Returns the title of the row, a text with the differences from it (empty without any), and the seconds it took."""
     title = f"{row.area:10} {row.name}"
-    async with machines:
-        for _ in range(RUNS):
-            started = time.monotonic()
-            status, output = await run_machine(row, arguments, packages, starts)
-            seconds = time.monotonic() - started
-            if status != HELD_UP:
-                break
-            print(f"again  {title}: {output.splitlines()[-1]}", flush=True)
+    async with host.machines:
+        status, output, seconds = await run_machine(row, arguments, packages, host.starts)
+    host.row_ran()
+    for _ in range(RUNS - 1):
+        if status != HELD_UP:
+            break
+        print(f"again  {title}: {output.splitlines()[-1]}", flush=True)
+        await host.all_ran()  # then the host has more time for it
+        async with host.again:
+            status, output, seconds = await run_machine(row, arguments, packages, host.starts)
     return title, (output or f"the machine ended with {status}\n") if status else "", seconds
 
 
 async def run_machine(row, arguments, packages, starts):
-    """Returns the exit status of the machine, and its output."""
+    """Returns the exit status of the machine, its output, and the seconds it took."""
     build = arguments.build.resolve()
     state = []
     if arguments.keep:
@@ -85,6 +107,7 @@ async def run_machine(row, arguments, packages, starts):
         shutil.rmtree(folder, ignore_errors=True)  # from an earlier run
         state = ["--state", folder]
     await starts.acquire()
+    started = time.monotonic()
     machine = await asyncio.create_subprocess_exec(
         PROJECT / "sandbox/run", *state, *row.machine, "--opkg", arguments.opkg, "--show", build, "--show", packages, "--",
         "/usr/bin/python3", "-B", PROJECT / "tests/faults/run_row.py", build, packages, row.name,
@@ -94,7 +117,7 @@ async def run_machine(row, arguments, packages, starts):
         first = await machine.stdout.readline()
         starts.release()
         output = first.removeprefix(STARTED) + await machine.stdout.read()
-        return await machine.wait(), output.decode(errors="replace")
+        return await machine.wait(), output.decode(errors="replace"), time.monotonic() - started
     except asyncio.CancelledError:
         if machine.returncode is None:
             machine.kill()  # ends everything that runs on the machine
@@ -104,10 +127,9 @@ async def run_machine(row, arguments, packages, starts):
 
 async def run_rows(rows, arguments, packages):
     """Runs the rows, the longest first, and prints the result of each. Returns the exit status."""
-    machines = asyncio.Semaphore(arguments.jobs)
-    starts = asyncio.Semaphore(STARTS_PER_CORE * (os.cpu_count() or 1))
+    host = Host(len(rows), arguments.jobs)
     longest_first = sorted(rows, key=lambda row: -row.limit)
-    return await run_all([run_row(row, arguments, packages, machines, starts) for row in longest_first],
+    return await run_all([run_row(row, arguments, packages, host) for row in longest_first],
                          arguments.only_failures)
 
 
