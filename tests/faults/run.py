@@ -69,7 +69,7 @@ class Host:
         cores = os.cpu_count() or 1
         self.machines = asyncio.Semaphore(jobs)
         self.starts = asyncio.Semaphore(STARTS_PER_CORE * cores)
-        self.again = asyncio.Semaphore(cores)
+        self.again = asyncio.Semaphore(STARTS_PER_CORE * cores)
         self._left = rows
         self._all_ran = asyncio.Event()
 
