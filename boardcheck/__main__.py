@@ -169,13 +169,14 @@ class Check:
         return 0, PROGRAM_END_S
 
     def _until_sent(self, events):
-        """A board that talks without an end is given up. When it is silent, the program ends by itself, on a busy host
-        late."""
+        """A board that talks without an end is given up. When it is silent after its replies, the program ends by itself,
+        on a busy host late."""
         replies = 0
         for event in events:
             replies = 0 if is_new_frame(event) else replies + (event.mark == "<-")
         frames = sum(map(is_new_frame, events))
-        return (frames, min(replies, FEW_REPLIES)), PROGRAM_END_S + self._given.limit if replies else MACHINE_S
+        talks = replies >= FEW_REPLIES
+        return (frames, min(replies, FEW_REPLIES)), PROGRAM_END_S + self._given.limit if talks else MACHINE_S
 
     def _show(self, events):
         block = next(filter(None, (BLOCK.match(event.meaning) for event in reversed(events))), None)
