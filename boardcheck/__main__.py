@@ -31,7 +31,7 @@ WAITING_S = 3  # after a reply, until the program is known to wait on
 TRY_S = 5  # for each query to a new application
 FEW_REPLIES = 3  # that may come after a frame
 LEAST_TRIES = 2  # however long a machine takes to start: what is left of the transfer may spoil the first
-MACHINE_S = 120  # for the start of the simulated machine
+MACHINE_S = 120  # for the start of the simulated machine, and for its end by itself
 MOST_REMARKS = 8
 BLOCK = re.compile(r"block (\d+) of (\d+),")
 

@@ -181,8 +181,7 @@ void Board::keepImage(TimePoint now)
         return;
     const QString fault = writeWhole(m_options.imageFile, image);
     if (!fault.isEmpty())
-        m_transcript.failed(now,
-                            QStringLiteral("cannot write %1: %2").arg(m_options.imageFile, fault));
+        m_transcript.failed(now, cannotWrite(m_options.imageFile, fault));
 }
 
 } // namespace boardsim

@@ -16,9 +16,14 @@ int fail(const char *program, ExitStatus status, const QString &text)
     return status;
 }
 
+QString cannotWrite(const QString &path, const QString &why)
+{
+    return QStringLiteral("cannot write %1: %2").arg(path, why);
+}
+
 int failToWrite(const char *program, const QString &path, const QString &why)
 {
-    return fail(program, Failed, QStringLiteral("cannot write %1: %2").arg(path, why));
+    return fail(program, Failed, cannotWrite(path, why));
 }
 
 QString faultOfDirectory(const QString &path)

@@ -22,7 +22,10 @@ enum ExitStatus {
 /// Prints the text as an error of the program; returns `status`.
 int fail(const char *program, ExitStatus status, const QString &text);
 
-/// Prints that the file cannot be written, and why; returns Failed.
+/// That the file cannot be written, and why, as a sentence.
+QString cannotWrite(const QString &path, const QString &why);
+
+/// Prints that; returns Failed.
 int failToWrite(const char *program, const QString &path, const QString &why);
 
 /// Why the directory of the file takes no file; empty when it does. Looked at first: a wrong path

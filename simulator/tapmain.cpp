@@ -101,7 +101,7 @@ private:
     {
         m_isStopped = true;
         m_hasFailed = errno != EPIPE; // a reader who has gone wants no more
-        const QString text = QStringLiteral("cannot write %1: %2").arg(m_name, why)
+        const QString text = cannotWrite(m_name, why)
             + (m_isOfALine ? QStringLiteral("; the line goes on") : QString());
         if (m_hasFailed)
             static_cast<void>(fail(kName, Failed, text));

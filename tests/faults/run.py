@@ -18,6 +18,7 @@ from parallel import add_arguments, chosen, run_all
 
 # A row mostly waits for the serial line, so many machines run at a time; emulated programs need the processor.
 MACHINES_PER_CORE = 4 if os.environ.get("UPDATE_ASSISTANT_EMULATOR") else 12
+AGAIN_PER_CORE = 2  # machines whose row runs again
 STARTS_PER_CORE = 2  # a start needs the processor; more of them would make the machines that run late
 RUNS = 3  # of a row, when its machine stood still: the host had no time for it, which says nothing about the row
 HELD_UP = 75  # the exit status of run_row.py for that
@@ -69,17 +70,14 @@ class Host:
         cores = os.cpu_count() or 1
         self.machines = asyncio.Semaphore(jobs)
         self.starts = asyncio.Semaphore(STARTS_PER_CORE * cores)
-        self.again = asyncio.Semaphore(STARTS_PER_CORE * cores)
+        self.again = asyncio.Semaphore(AGAIN_PER_CORE * cores)
+        self.all_ran = asyncio.Event()
         self._left = rows
-        self._all_ran = asyncio.Event()
 
     def row_ran(self):
         self._left -= 1
         if not self._left:
-            self._all_ran.set()
-
-    async def all_ran(self):
-        await self._all_ran.wait()
+            self.all_ran.set()
 
 
 async def run_row(row, arguments, packages, host):
@@ -92,7 +90,7 @@ async def run_row(row, arguments, packages, host):
         if status != HELD_UP:
             break
         print(f"again  {title}: {output.splitlines()[-1]}", flush=True)
-        await host.all_ran()  # then the host has more time for it
+        await host.all_ran.wait()  # then the host has more time for it
         async with host.again:
             status, output, seconds = await run_machine(row, arguments, packages, host.starts)
     return title, (output or f"the machine ended with {status}\n") if status else "", seconds
