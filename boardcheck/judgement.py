@@ -6,6 +6,7 @@ from urllib.parse import unquote
 
 MET, NOT_MET, NOT_SEEN = "met", "not met", "not seen"
 REPLY_WINDOW_S = 2.1  # in which the program reads the reply to the start command
+ONE_READ_S = 1  # in which all of that reply comes
 TRANSFER_WAIT_S = 11  # the longest time in which the program reads a reply in the transfer
 FRAMES = ("start frame", "block ", "EOT", "end frame", "further end frame")  # of a transfer
 CONTROLS = ("ACK", "NAK", "CA", "'C'")
@@ -104,14 +105,16 @@ class Judgement:
             self.not_met("start-sum", faults_of(replies[:1]))
         else:
             self.met("start-reply")
-            self._start_format([one for one in replies if one.seconds <= command.seconds + REPLY_WINDOW_S])
+            self._start_format(command, [one for one in replies if one.seconds <= command.seconds + REPLY_WINDOW_S])
 
-    def _start_format(self, replies):
+    def _start_format(self, command, replies):
         others = [one for one in replies if not one.meaning.startswith("start command answer")]
         if others and len(others) < len(replies):
             self.not_met("start-alone", f"with it came: {others[0].meaning}")
         elif others:
             self.not_met("start-frame", faults_of(others))
+        elif replies and replies[-1].seconds < command.seconds + ONE_READ_S:
+            self.findings["start-pace"] = Finding(seen="this host was too busy to read it in time")
         else:
             self.not_met("start-pace", "it came in pieces, too late for one read")
 
@@ -155,9 +158,10 @@ class Judgement:
             self.not_met("frame-accepted", f"{refused.meaning} {where}")
         elif is_last and any(not asks(one) for one in replies):
             self.not_met("control-first", f"{faults_of(replies)} {where}")
+        elif replies and (is_last or replies[0].seconds > frame.seconds + TRANSFER_WAIT_S):  # a busy host waits longer
+            self.not_met("frame-reply", f"it came {replies[0].seconds - frame.seconds:.0f} s {where}")
         elif is_last:
-            self.not_met("frame-reply", f"it came {replies[0].seconds - frame.seconds:.0f} s {where}" if replies else
-                         f"nothing came {where}")
+            self.not_met("frame-reply", f"nothing came {where}")
 
     def application(self, before, after):
         if after:

@@ -9,7 +9,6 @@ import pathlib
 import subprocess
 import sys
 import tempfile
-import time
 import tomllib
 from dataclasses import dataclass, field
 
@@ -135,34 +134,36 @@ def parse_arguments():
     return parser.parse_args()
 
 
-async def check(case, arguments, folder, checks):
-    """Returns the title of the case, a text with the differences from it (empty without any), and the seconds it took."""
-    title = f"{', '.join(sorted(case.breaks)) or 'nothing':26} {case.name}"
-    async with checks:
-        started = time.monotonic()
-        folder.mkdir()
+def titled(case):
+    return f"{', '.join(sorted(case.breaks)) or 'nothing':26} {case.name}"
+
+
+async def check(case, arguments, folder):
+    """Returns the title of the case, and a text with the differences from it (empty without any)."""
+    with tempfile.TemporaryDirectory(dir=folder) as own:
+        own = pathlib.Path(own)
         board = await asyncio.create_subprocess_exec(
-            arguments.build / "simulator/boardsim", "--link", folder / "board", "--transcript", folder / "board.log",
+            arguments.build / "simulator/boardsim", "--link", own / "board", "--transcript", own / "board.log",
             "--hex", "short", *TIMING, *case.board, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
         command = None
         try:
             await board.stdout.readline()
-            firmware = ["--firmware", folder.parent / "firmware"] if case.has_firmware else []
+            firmware = ["--firmware", folder / "firmware"] if case.has_firmware else []
             command = await asyncio.create_subprocess_exec(
-                PROJECT / "scripts/check-board", folder / "board", *firmware, "--build", arguments.build, "--limit",
-                str(case.limit), "--recording", folder / "recording", "--json", stdin=subprocess.DEVNULL,
+                PROJECT / "scripts/check-board", own / "board", *firmware, "--build", arguments.build, "--limit",
+                str(case.limit), "--recording", own / "recording", "--json", stdin=subprocess.DEVNULL,
                 stdout=subprocess.PIPE, stderr=subprocess.PIPE)
             output, errors = await asyncio.wait_for(command.communicate(), LONGEST_S)
+            found = list(differences(case, command.returncode, output))
         except TimeoutError:
-            return title, f"it does not end within {LONGEST_S} s\n", time.monotonic() - started
+            errors, found = b"", [f"it does not end within {LONGEST_S} s"]
         finally:
             for process in filter(None, (command, board)):
                 if process.returncode is None:
                     process.terminate()
                 await process.wait()
-        found = list(differences(case, command.returncode, output))
-        transcript = (folder / "board.log").read_text(encoding="utf-8")
-    return title, "\n".join([*found, errors.decode(), transcript]) if found else "", time.monotonic() - started
+        transcript = (own / "board.log").read_text(encoding="utf-8")
+    return titled(case), "\n".join([*found, errors.decode(), transcript]) if found else ""
 
 
 def differences(case, status, output):
@@ -182,10 +183,8 @@ def differences(case, status, output):
 
 async def check_all(cases, arguments, folder):
     """Prints the result of each case, the longest first. Returns the exit status."""
-    checks = asyncio.Semaphore(arguments.jobs)
-    longest_first = sorted(enumerate(cases), key=lambda one: -one[1].has_firmware)
-    return await run_all([check(case, arguments, folder / str(number), checks) for number, case in longest_first],
-                         arguments.only_failures)
+    longest_first = sorted(cases, key=lambda case: -case.has_firmware)
+    return await run_all(longest_first, lambda case: check(case, arguments, folder), arguments)
 
 
 def main():
@@ -194,7 +193,7 @@ def main():
     cases = load()
     if arguments.list:
         for case in cases:
-            print(f"{', '.join(sorted(case.breaks)) or 'nothing':26} {case.name}")
+            print(titled(case))
         return 0
     check_faults(arguments.build / "simulator/boardsim", cases)
     cases = [case for case in cases if case.run]

@@ -301,7 +301,26 @@ def controlBytesAreToldFromText(_):
     judgement = Judgement(requirements.load())
     frames = [Event(1, "->", "start frame: x"), Event(2, "<-", 'console text "NAK CA"', 10)]
     judgement.transfer(Exchange(frames, {"transfer": "0"}))
-    same({"control-first"}, {name for name, one in judgement.findings.items() if one.status == NOT_MET})
+    same({"control-first"}, not_met(judgement))
+
+
+def busyHostIsNotTheBoard(_):
+    """The program reads a reply that came in time too late, and a late one still in its stretched time."""
+    for seconds, expected in ((0.01, set()), (1.8, {"start-pace"})):
+        judgement = Judgement(requirements.load())
+        frames = [Event(1, "->", "update start command"), Event(1 + seconds, "<-", "start command answer", 18)]
+        judgement.start(Exchange(frames, {"start-command": "-2"}))
+        same(expected, not_met(judgement))
+    for seconds, expected in ((10, set()), (16, {"frame-reply"})):
+        judgement = Judgement(requirements.load())
+        frames = [Event(1, "->", "start frame: x"), Event(1 + seconds, "<-", "ACK and 'C'", 2), Event(30, "->", "EOT"),
+                  Event(30, "<-", "ACK and 'C'", 2), Event(30, "->", "end frame"), Event(30, "<-", "ACK", 1)]
+        judgement.transfer(Exchange(frames, {"transfer": "0"}))
+        same(expected, not_met(judgement))
+
+
+def not_met(judgement):
+    return {name for name, one in judgement.findings.items() if one.status == NOT_MET}
 
 
 def helpNeedsNothing(_):

@@ -8,7 +8,6 @@ import shutil
 import subprocess
 import sys
 import tempfile
-import time
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(PROJECT / "tests/support"))
@@ -18,10 +17,7 @@ from parallel import add_arguments, chosen, run_all
 
 # A row mostly waits for the serial line, so many machines run at a time; emulated programs need the processor.
 MACHINES_PER_CORE = 4 if os.environ.get("UPDATE_ASSISTANT_EMULATOR") else 12
-AGAIN_PER_CORE = 2  # machines whose row runs again
 STARTS_PER_CORE = 2  # a start needs the processor; more of them would make the machines that run late
-RUNS = 3  # of a row, when its machine stood still: the host had no time for it, which says nothing about the row
-HELD_UP = 75  # the exit status of run_row.py for that
 STARTED = b"started\n"  # the first line of run_row.py, when the program shows its screen
 
 
@@ -63,41 +59,8 @@ def chosen_rows(names, opkg, tap):
     return chosen(rows, names)
 
 
-class Host:
-    """What the rows share."""
-
-    def __init__(self, rows, jobs):
-        cores = os.cpu_count() or 1
-        self.machines = asyncio.Semaphore(jobs)
-        self.starts = asyncio.Semaphore(STARTS_PER_CORE * cores)
-        self.again = asyncio.Semaphore(AGAIN_PER_CORE * cores)
-        self.all_ran = asyncio.Event()
-        self._left = rows
-
-    def row_ran(self):
-        self._left -= 1
-        if not self._left:
-            self.all_ran.set()
-
-
-async def run_row(row, arguments, packages, host):
-    """Returns the title of the row, a text with the differences from it (empty without any), and the seconds it took."""
-    title = f"{row.area:10} {row.name}"
-    async with host.machines:
-        status, output, seconds = await run_machine(row, arguments, packages, host.starts)
-    host.row_ran()
-    for _ in range(RUNS - 1):
-        if status != HELD_UP:
-            break
-        print(f"again  {title}: {output.splitlines()[-1]}", flush=True)
-        await host.all_ran.wait()  # then the host has more time for it
-        async with host.again:
-            status, output, seconds = await run_machine(row, arguments, packages, host.starts)
-    return title, (output or f"the machine ended with {status}\n") if status else "", seconds
-
-
-async def run_machine(row, arguments, packages, starts):
-    """Returns the exit status of the machine, its output, and the seconds it took."""
+async def run_row(row, arguments, packages, starts):
+    """Returns the title of the row, and a text with the differences from it (empty without any)."""
     build = arguments.build.resolve()
     state = []
     if arguments.keep:
@@ -105,7 +68,6 @@ async def run_machine(row, arguments, packages, starts):
         shutil.rmtree(folder, ignore_errors=True)  # from an earlier run
         state = ["--state", folder]
     await starts.acquire()
-    started = time.monotonic()
     machine = await asyncio.create_subprocess_exec(
         PROJECT / "sandbox/run", *state, *row.machine, "--opkg", arguments.opkg, "--show", build, "--show", packages, "--",
         "/usr/bin/python3", "-B", PROJECT / "tests/faults/run_row.py", build, packages, row.name,
@@ -114,21 +76,21 @@ async def run_machine(row, arguments, packages, starts):
     try:
         first = await machine.stdout.readline()
         starts.release()
-        output = first.removeprefix(STARTED) + await machine.stdout.read()
-        return await machine.wait(), output.decode(errors="replace"), time.monotonic() - started
+        output = (first.removeprefix(STARTED) + await machine.stdout.read()).decode(errors="replace")
+        status = await machine.wait()
     except asyncio.CancelledError:
         if machine.returncode is None:
             machine.kill()  # ends everything that runs on the machine
         await machine.communicate()
         raise
+    return f"{row.area:10} {row.name}", (output or f"the machine ended with {status}\n") if status else ""
 
 
 async def run_rows(rows, arguments, packages):
     """Runs the rows, the longest first, and prints the result of each. Returns the exit status."""
-    host = Host(len(rows), arguments.jobs)
+    starts = asyncio.Semaphore(STARTS_PER_CORE * (os.cpu_count() or 1))
     longest_first = sorted(rows, key=lambda row: -row.limit)
-    return await run_all([run_row(row, arguments, packages, host) for row in longest_first],
-                         arguments.only_failures)
+    return await run_all(longest_first, lambda row: run_row(row, arguments, packages, starts), arguments)
 
 
 def main():
