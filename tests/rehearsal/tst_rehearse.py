@@ -156,7 +156,7 @@ def hangingScriptIsGivenUp(folder):
 
 
 def silentBoardIsGivenUp(folder):
-    said = rehearse(folder, make(folder), "--fault", "silent@version", "--limit", "2", status=1)
+    said = rehearse(folder, make(folder), "--fault", "silent@version", "--limit", "8", status=1)
     assert "the program waits for the control board" in said, said
 
 
