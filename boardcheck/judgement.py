@@ -6,7 +6,7 @@ from urllib.parse import unquote
 
 MET, NOT_MET, NOT_SEEN = "met", "not met", "not seen"
 REPLY_WINDOW_S = 2.1  # in which the program reads the reply to the start command
-ONE_READ_S = 1  # in which all of that reply comes
+ONE_READ_S = 1  # after the command; a reply that is whole by then came in time for one read
 TRANSFER_WAIT_S = 11  # the longest time in which the program reads a reply in the transfer
 FRAMES = ("start frame", "block ", "EOT", "end frame", "further end frame")  # of a transfer
 CONTROLS = ("ACK", "NAK", "CA", "'C'")
